@@ -1,0 +1,37 @@
+// VLLog: the one logging entry point of every process that links Vorlund. A line "[category]
+// message" goes to the rolling log files under ~/Library/Logs/Vorlund and to the OS log (journald,
+// or syslog where journald is absent).
+//
+// Levels 0 (info), 1 (notice) and 2 (debug) are written asynchronously; 16 (error) and 17 (fatal)
+// synchronously: they are on disk when the call returns. Any other level is dropped without a word.
+// Logging never throws.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "vorlund/foundation/format.h"
+
+typedef long VLLogLevel;
+inline constexpr VLLogLevel VLLogLevelInfo = 0;
+inline constexpr VLLogLevel VLLogLevelNotice = 1;
+inline constexpr VLLogLevel VLLogLevelDebug = 2;
+inline constexpr VLLogLevel VLLogLevelError = 16;
+inline constexpr VLLogLevel VLLogLevelFatal = 17;
+
+// Writes an already formatted message. category may be nullptr (printed "Default").
+void VLLogMessage(VLLogLevel level, const char* category, const std::string& message);
+
+// VLLog(level, category, format, args...): formats with vl::format and logs the result.
+template <typename... Args>
+void VLLog(VLLogLevel level, const char* category, std::string_view fmt, const Args&... args) {
+  if (level != VLLogLevelInfo && level != VLLogLevelNotice && level != VLLogLevelDebug &&
+      level != VLLogLevelError && level != VLLogLevelFatal) {
+    return;
+  }
+  VLLogMessage(level, category, vl::format(fmt, args...));
+}
+
+// Turns on debug lines in the log files. Only effective before the shared logger is first created,
+// so a process calls it first thing. Logs "Verbose Logging Enabled" at level 2.
+void VLEnableVerboseLogging();
