@@ -1,10 +1,12 @@
 #include "support/test_support.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -64,5 +66,30 @@ bool fileExists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0;
 }
+
+namespace {
+
+// Every test binary runs in a private HOME and VORLUND_ROOT, so that nothing a test logs or saves
+// reaches the real home folder. Children that a test starts inherit the marker and keep whatever
+// HOME the test gave them.
+constexpr const char* kSandboxedMarker = "VORLUND_TEST_SANDBOXED";
+
+class ProcessSandbox : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    if (std::getenv(kSandboxedMarker)) return;
+    sandbox_ = std::make_unique<Sandbox>();
+    setenv(kSandboxedMarker, "1", 1);
+  }
+  void TearDown() override { sandbox_.reset(); }
+
+ private:
+  std::unique_ptr<Sandbox> sandbox_;
+};
+
+[[maybe_unused]] ::testing::Environment* const kProcessSandbox =
+    ::testing::AddGlobalTestEnvironment(new ProcessSandbox);
+
+}  // namespace
 
 }  // namespace vl::test

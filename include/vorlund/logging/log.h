@@ -12,6 +12,10 @@
 
 #include "vorlund/foundation/format.h"
 
+namespace vl {
+class ToolkitLogger;
+}
+
 typedef long VLLogLevel;
 inline constexpr VLLogLevel VLLogLevelInfo = 0;
 inline constexpr VLLogLevel VLLogLevelNotice = 1;
@@ -35,3 +39,9 @@ void VLLog(VLLogLevel level, const char* category, std::string_view fmt, const A
 // Turns on debug lines in the log files. Only effective before the shared logger is first created,
 // so a process calls it first thing. Logs "Verbose Logging Enabled" at level 2.
 void VLEnableVerboseLogging();
+
+// The shared toolkit logger (logging/toolkit_logger.h) that VLLog writes through, created on the
+// first call: a rolling file sink under ~/Library/Logs/Vorlund and the OS-log sink. It lives until
+// the process ends; lines still queued when the process exits are written out first. A child made
+// by fork() without exec should not log: the background writer does not exist in it.
+vl::ToolkitLogger& VLGetSharedZEPLogger();

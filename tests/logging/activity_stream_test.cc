@@ -1,0 +1,224 @@
+#include "vorlund/logging/activity_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <regex>
+
+#include "logging/logging_test_support.h"
+#include "support/test_support.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/logging/log_hooks.h"
+#include "vorlund/logging/logger.h"
+
+namespace vl {
+namespace {
+
+using test::FakeStreams;
+
+ActivityEvent logEvent(const std::string& process, const std::string& category,
+                       const std::string& message, double time) {
+  return ActivityEvent{Date{time}, process, message, category, true};
+}
+
+ActivityEvent plainEvent(const std::string& process, const std::string& message, double time) {
+  return ActivityEvent{Date{time}, process, message, std::nullopt, false};
+}
+
+std::string stamp(double time) { return formatLocalTime(Date{time}, "%Y-%m-%d %H:%M:%S.%f"); }
+
+class LogStreaming : public testing::Test {
+ protected:
+  LogStreaming() { logger_.setActivityStreamFactory(streams_.factory()); }
+
+  test::Sandbox sandbox_;
+  test::TempDir dir_;
+  FakeStreams streams_;
+  VLLogger logger_;
+  LogCapture capture_;
+};
+
+TEST_F(LogStreaming, StartsOneStreamAndRefusesARedundantOne) {
+  std::string path = dir_.file("wifi.log");
+  EXPECT_TRUE(logger_.streamOSLogToFile(path, {"wpa_supplicant", "iwd"}));
+  EXPECT_TRUE(capture_.contains(
+      VLLogLevelNotice, "Framework",
+      "Attempting to start log stream at '" + path + "' with process list [wpa_supplicant, iwd]"));
+  ASSERT_EQ(streams_.made.size(), 1u);
+  auto stream = streams_.made[0];
+  EXPECT_EQ(stream->processes, (std::vector<std::string>{"wpa_supplicant", "iwd"}));
+  EXPECT_EQ(stream->options, 261u);
+  EXPECT_EQ(stream->delegate, &logger_);
+  EXPECT_TRUE(stream->started);
+
+  EXPECT_FALSE(logger_.streamOSLogToFile(path, {"bluetoothd"}));
+  EXPECT_TRUE(
+      capture_.contains(VLLogLevelError, "Framework",
+                        "Log already streaming to '" + path + "', cannot start redundant stream"));
+  EXPECT_EQ(streams_.made.size(), 1u);
+  EXPECT_FALSE(stream->stopped);
+  EXPECT_EQ(logger_.logStreams().get(path), Value(Array{"wpa_supplicant", "iwd"}));
+}
+
+TEST_F(LogStreaming, AnotherFileRestartsTheStreamWithEveryProcess) {
+  logger_.streamOSLogToFile(dir_.file("a.log"), {"Vorlund", "iwd"});
+  logger_.streamOSLogToFile(dir_.file("b.log"), {"bluetoothd", "iwd"});
+  EXPECT_TRUE(capture_.contains(VLLogLevelNotice, "Framework",
+                                "Invalidating current stream to modify stream parameters"));
+  ASSERT_EQ(streams_.made.size(), 2u);
+  EXPECT_TRUE(streams_.made[0]->stopped);
+  EXPECT_TRUE(streams_.made[1]->started);
+  EXPECT_EQ(streams_.made[1]->processes,
+            (std::vector<std::string>{"bluetoothd", "iwd", "Vorlund"}));
+  // Each file keeps its own list.
+  EXPECT_EQ(logger_.logStreams().get(dir_.file("b.log")), Value(Array{"bluetoothd", "iwd"}));
+  EXPECT_EQ(logger_.logStreams().size(), 2u);
+}
+
+TEST_F(LogStreaming, CopiesEventsIntoTheFilesOfTheirProcess) {
+  std::string a = dir_.file("a.log");
+  std::string b = dir_.file("deeper/b.log");
+  logger_.streamOSLogToFile(a, {"Vorlund"});
+  logger_.streamOSLogToFile(b, {"bluetoothd", "Vorlund"});
+  auto stream = streams_.made.back();
+
+  EXPECT_TRUE(stream->deliver({logEvent("Vorlund", "Results", "merged", 1769847302.25),
+                               plainEvent("bluetoothd", "powered on", 1769847303.5),
+                               plainEvent("ModemManager", "not followed", 1769847304)}));
+
+  EXPECT_EQ(test::readFile(a), stamp(1769847302.25) + " (Vorlund.Results) > merged\n");
+  EXPECT_EQ(test::readFile(b), stamp(1769847302.25) + " (Vorlund.Results) > merged\n" +
+                                   stamp(1769847303.5) + " (bluetoothd) > powered on\n");
+}
+
+TEST_F(LogStreaming, EventsWithoutDateOrMessageBecomeStatisticIssues) {
+  std::vector<std::string> reasons;
+  logging::setStatisticIssueRecorder([&](const std::string& reason) { reasons.push_back(reason); });
+  std::string a = dir_.file("a.log");
+  logger_.streamOSLogToFile(a, {"Vorlund"});
+  ActivityEvent undated = logEvent("Vorlund", "Results", "undated", 0);
+  undated.timestamp.reset();
+  ActivityEvent empty = plainEvent("Vorlund", "", 1769847302);
+  empty.message.reset();
+
+  EXPECT_TRUE(
+      streams_.made[0]->deliver({undated, empty, plainEvent("Vorlund", "kept", 1769847305)}));
+  logging::setStatisticIssueRecorder(nullptr);
+
+  EXPECT_EQ(reasons, std::vector<std::string>(
+                         2, "Received activity stream event without date and/or message"));
+  EXPECT_EQ(test::readFile(a), stamp(1769847305) + " (Vorlund) > kept\n");
+}
+
+TEST_F(LogStreaming, AFileThatCannotBeOpenedSendsTheLineToStandardOutput) {
+  test::writeFile(dir_.file("plain"), "");
+  std::string a = dir_.file("a.log");
+  logger_.streamOSLogToFile(dir_.file("plain/x.log"), {"Vorlund"});
+  logger_.streamOSLogToFile(a, {"Vorlund"});
+  testing::internal::CaptureStdout();
+  streams_.made.back()->deliver(
+      {plainEvent("Vorlund", "first", 1769847302), plainEvent("Vorlund", "abandoned", 1769847303)});
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(out, stamp(1769847302) + " (Vorlund) > first\n");
+  // The rest of the batch is abandoned.
+  EXPECT_EQ(test::readFile(a).find("abandoned"), std::string::npos);
+}
+
+TEST_F(LogStreaming, StoppingAFileShrinksTheTableOnly) {
+  std::string a = dir_.file("a.log");
+  std::string b = dir_.file("b.log");
+  logger_.streamOSLogToFile(a, {"Vorlund"});
+  logger_.streamOSLogToFile(b, {"Vorlund"});
+  auto stream = streams_.made.back();
+  stream->deliver({plainEvent("Vorlund", "to both", 1769847302)});
+
+  EXPECT_TRUE(logger_.stopSteamToFile(a));
+  EXPECT_TRUE(capture_.contains(VLLogLevelNotice, "Framework",
+                                "Attempting to stop log stream at '" + a + "'"));
+  EXPECT_FALSE(logger_.openFiles().contains(a));
+  EXPECT_FALSE(stream->stopped);
+  stream->deliver({plainEvent("Vorlund", "to b only", 1769847303)});
+  EXPECT_EQ(test::readFile(a).find("to b only"), std::string::npos);
+  EXPECT_NE(test::readFile(b).find("to b only"), std::string::npos);
+
+  EXPECT_FALSE(logger_.stopSteamToFile(a));
+  EXPECT_TRUE(capture_.contains(VLLogLevelError, "Framework",
+                                "No log streaming to '" + a + "', cannot stop nonexistent stream"));
+}
+
+TEST_F(LogStreaming, StreamCallbacksFindNoFileAndLeaveTheTableAlone) {
+  logger_.streamOSLogToFile(dir_.file("a.log"), {"Vorlund"});
+  auto stream = streams_.made[0];
+  capture_.clear();
+  logger_.streamDidStart(*stream);
+  logger_.streamDidFail(*stream, Error::withDescription("com.brindle.Vorlund", 1, "gone"));
+  logger_.streamDidStop(*stream);
+  EXPECT_TRUE(capture_.lines().empty());
+  EXPECT_EQ(logger_.logStreams().size(), 1u);
+}
+
+// Records what a real stream reports.
+class RecordingDelegate : public ActivityStreamDelegate {
+ public:
+  bool activityStream(ActivityStream&, const std::vector<ActivityEvent>&) override { return true; }
+  void streamDidStart(ActivityStream&) override { note("started"); }
+  void streamDidFail(ActivityStream&, const Error& error) override {
+    note("failed: " + error.localizedDescription());
+  }
+  void streamDidStop(ActivityStream&) override { note("stopped"); }
+
+  void note(const std::string& what) {
+    std::lock_guard lock(mutex_);
+    notes_.push_back(what);
+    changed_.notify_all();
+  }
+  bool waitFor(size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10),
+                             [&] { return notes_.size() >= count; });
+  }
+  std::vector<std::string> notes() {
+    std::lock_guard lock(mutex_);
+    return notes_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> notes_;
+};
+
+TEST(JournalActivityStream, StartsAndStopsOverAnEmptyJournal) {
+  test::TempDir dir;
+  RecordingDelegate delegate;
+  {
+    auto stream = makeJournalActivityStream(dir.path());
+    stream->setFilterProcesses({"Vorlund"});
+    stream->setOptions(261);
+    stream->setDelegate(&delegate);
+    stream->start();
+    ASSERT_TRUE(delegate.waitFor(1));
+    stream->stop();
+  }
+  EXPECT_EQ(delegate.notes(), (std::vector<std::string>{"started", "stopped"}));
+}
+
+TEST(JournalActivityStream, ReportsAJournalItCannotOpen) {
+  test::TempDir dir;
+  RecordingDelegate delegate;
+  {
+    auto stream = makeJournalActivityStream(dir.file("missing"));
+    stream->setFilterProcesses({"Vorlund"});
+    stream->setDelegate(&delegate);
+    stream->start();
+    ASSERT_TRUE(delegate.waitFor(1));
+  }
+  ASSERT_EQ(delegate.notes().size(), 1u);
+  EXPECT_EQ(delegate.notes()[0].rfind("failed: cannot open the journal: ", 0), 0u)
+      << delegate.notes()[0];
+}
+
+}  // namespace
+}  // namespace vl

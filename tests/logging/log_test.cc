@@ -1,0 +1,228 @@
+#include "vorlund/logging/log.h"
+
+#include <gtest/gtest.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "logging/logging_test_support.h"
+#include "support/test_support.h"
+#include "vorlund/foundation/paths.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/logging/toolkit_logger.h"
+
+namespace vl {
+namespace {
+
+// Collects what reaches it: "<flag> <text>" per line.
+class CollectingSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  std::vector<std::string> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    lines_.push_back(std::to_string(flagForSpdlogLevel(msg.level)) + " " +
+                     std::string(msg.payload.data(), msg.payload.size()));
+  }
+  void flush_() override {}
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+class FailingSink final : public spdlog::sinks::base_sink<std::mutex> {
+ protected:
+  void sink_it_(const spdlog::details::log_msg&) override {
+    throw spdlog::spdlog_ex("disk on fire");
+  }
+  void flush_() override { throw std::runtime_error("cannot flush"); }
+};
+
+std::vector<std::string> sorted(std::vector<std::string> v) {
+  std::sort(v.begin(), v.end());
+  return v;
+}
+
+// The files of the shared toolkit logger in a home folder.
+std::vector<std::string> toolkitFiles(const std::string& home) {
+  std::vector<std::string> files;
+  std::error_code error;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(home + "/Library/Logs/Vorlund", error)) {
+    files.push_back(entry.path().string());
+  }
+  return sorted(files);
+}
+
+TEST(LogCapture, RecordsEachEmittedLineWithLevelAndCategory) {
+  LogCapture capture;
+  VLLog(VLLogLevelInfo, "Results", "Merged %d results into %@", 3, std::string("Ping"));
+  VLLog(VLLogLevelError, nullptr, "no category");
+  VLLog(5, "Results", "unknown level");
+  VLLog(-1, "Results", "negative level");
+
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results", "Merged 3 results into Ping"));
+  auto lines = capture.find("no category");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, VLLogLevelError);
+  EXPECT_EQ(lines[0].line(), "[Default] no category");
+  EXPECT_EQ(capture.count("unknown level"), 0u);
+  EXPECT_EQ(capture.count("negative level"), 0u);
+  EXPECT_EQ(capture.lines().size(), 2u);
+  capture.clear();
+  EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST(LogCapture, EveryLiveCaptureRecordsUntilItIsDestroyed) {
+  LogCapture outer;
+  {
+    LogCapture inner;
+    VLLog(VLLogLevelNotice, "VLCore", "seen by both");
+    EXPECT_TRUE(inner.contains(VLLogLevelNotice, "VLCore", "seen by both"));
+  }
+  VLLog(VLLogLevelDebug, "VLCore", "seen by outer");
+  EXPECT_TRUE(outer.contains(VLLogLevelNotice, "VLCore", "seen by both"));
+  EXPECT_TRUE(outer.contains(VLLogLevelDebug, "VLCore", "seen by outer"));
+}
+
+TEST(ToolkitLogger, SinksReceiveTheFlagsOfTheirMask) {
+  ToolkitLogger logger;
+  auto all = std::make_shared<CollectingSink>();
+  auto noDebug = std::make_shared<CollectingSink>();
+  logger.addSink(all, kToolkitMaskAll);
+  logger.addSink(noDebug, kToolkitMaskNoDebug);
+  logger.log(true, kToolkitFlagInfo, "info");
+  logger.log(true, kToolkitFlagDebug, "debug");
+  logger.log(true, kToolkitFlagVerbose, "verbose");
+  logger.log(false, kToolkitFlagError, "error");
+  logger.log(false, kToolkitFlagWarning, "warning");
+  logger.drain();
+
+  EXPECT_EQ(sorted(all->lines()),
+            sorted({"4 info", "8 debug", "16 verbose", "1 error", "2 warning"}));
+  EXPECT_EQ(sorted(noDebug->lines()), sorted({"4 info", "1 error", "2 warning"}));
+}
+
+TEST(ToolkitLogger, SynchronousLinesAreWrittenBeforeTheCallReturns) {
+  ToolkitLogger logger;
+  auto sink = std::make_shared<CollectingSink>();
+  logger.addSink(sink, kToolkitMaskAll);
+  logger.log(false, kToolkitFlagError, "now");
+  EXPECT_EQ(sink->lines(), std::vector<std::string>{"1 now"});
+
+  // After shutdown even asynchronous lines are written at once.
+  logger.shutdown();
+  logger.log(true, kToolkitFlagInfo, "late");
+  EXPECT_EQ(sink->lines(), (std::vector<std::string>{"1 now", "4 late"}));
+}
+
+TEST(ToolkitLogger, AsynchronousLinesKeepTheirOrderAcrossThreads) {
+  ToolkitLogger logger;
+  auto sink = std::make_shared<CollectingSink>();
+  logger.addSink(sink, kToolkitMaskAll);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&logger, t] {
+      for (int i = 0; i < 500; ++i) {
+        logger.log(true, kToolkitFlagInfo, "t" + std::to_string(t) + " " + std::to_string(i));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  logger.drain();
+
+  std::vector<std::string> lines = sink->lines();
+  ASSERT_EQ(lines.size(), 2000u);
+  std::vector<int> next(4, 0);
+  for (const std::string& line : lines) {
+    int t = line[3] - '0';
+    EXPECT_EQ(line, "4 t" + std::to_string(t) + " " + std::to_string(next[t]++));
+  }
+}
+
+TEST(ToolkitLogger, AFailingSinkNeitherThrowsNorStarvesTheOthers) {
+  ToolkitLogger logger;
+  auto sink = std::make_shared<CollectingSink>();
+  logger.addSink(std::make_shared<FailingSink>(), kToolkitMaskAll);
+  logger.addSink(sink, kToolkitMaskAll);
+  EXPECT_NO_THROW(logger.log(false, kToolkitFlagError, "still written"));
+  EXPECT_NO_THROW(logger.log(true, kToolkitFlagInfo, "also written"));
+  logger.drain();
+  EXPECT_EQ(sink->lines(), (std::vector<std::string>{"1 still written", "4 also written"}));
+}
+
+// The shared toolkit logger is made once per process, so each case runs in a process of its own
+// with a fresh home folder. The parent reads the files after the child has exited.
+TEST(ChildProcess, LogsThroughTheSharedToolkit) {
+  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
+  VLLog(VLLogLevelInfo, "Results", "progress %d", 1);
+  VLLog(VLLogLevelDebug, "Framework", "debug detail");
+  VLLog(VLLogLevelError, nullptr, "failure");
+  // The error line went out synchronously: it is in the file already.
+  auto files = toolkitFiles(paths::home());
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_NE(test::readFile(files[0]).find("[Default] failure\n"), std::string::npos);
+
+  // Too late: the file sink keeps the mask it was made with.
+  VLEnableVerboseLogging();
+  VLLog(VLLogLevelDebug, "Framework", "debug after verbose");
+  VLLog(5, "Odd", "unknown level");
+  VLLog(VLLogLevelFatal, "Framework", "last words %s", "here");
+  // Still queued when the process exits.
+  for (int i = 0; i < 300; ++i) VLLog(VLLogLevelNotice, "Results", "queued %d", i);
+}
+
+TEST(ChildProcess, LogsDebugLinesWhenVerboseFromTheStart) {
+  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
+  VLEnableVerboseLogging();
+  VLLog(VLLogLevelDebug, "Framework", "debug detail");
+}
+
+TEST(SharedToolkitLogger, WritesLinesWithoutDebugIntoTheRollingFile) {
+  test::Sandbox sandbox;
+  process::ScopedName name("LogChild");
+  test::ChildRun run = test::runChildTest("ChildProcess.LogsThroughTheSharedToolkit", "vl-shell");
+  ASSERT_EQ(run.exitCode, 0) << run.output;
+
+  auto files = toolkitFiles(sandbox.home());
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_TRUE(std::regex_match(paths::lastComponent(files[0]),
+                               std::regex(R"(LogChild-\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log)")))
+      << files[0];
+  std::string text = test::readFile(files[0]);
+  EXPECT_TRUE(std::regex_search(
+      text, std::regex(R"((^|\n)\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[\d+:\d+\] )"
+                       R"(\[Results\] progress 1\n)")))
+      << text;
+  EXPECT_NE(text.find("[Default] failure\n"), std::string::npos);
+  EXPECT_NE(text.find("[Framework] last words here\n"), std::string::npos);
+  for (int i = 0; i < 300; ++i) {
+    EXPECT_NE(text.find("[Results] queued " + std::to_string(i) + "\n"), std::string::npos) << i;
+  }
+  EXPECT_EQ(text.find("debug"), std::string::npos);
+  EXPECT_EQ(text.find("Verbose Logging Enabled"), std::string::npos);
+  EXPECT_EQ(text.find("unknown level"), std::string::npos);
+}
+
+TEST(SharedToolkitLogger, WritesDebugLinesWhenVerboseWasSetFirst) {
+  test::Sandbox sandbox;
+  process::ScopedName name("VerboseChild");
+  test::ChildRun run =
+      test::runChildTest("ChildProcess.LogsDebugLinesWhenVerboseFromTheStart", "vl-shell");
+  ASSERT_EQ(run.exitCode, 0) << run.output;
+
+  auto files = toolkitFiles(sandbox.home());
+  ASSERT_EQ(files.size(), 1u);
+  std::string text = test::readFile(files[0]);
+  EXPECT_NE(text.find("[Framework] Verbose Logging Enabled\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("[Framework] debug detail\n"), std::string::npos) << text;
+}
+
+}  // namespace
+}  // namespace vl

@@ -1,0 +1,320 @@
+#include "vorlund/logging/logger.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "logging/logging_test_support.h"
+#include "support/test_support.h"
+#include "vorlund/foundation/paths.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/foundation/property_list.h"
+#include "vorlund/foundation/time_scale.h"
+#include "vorlund/logging/log_hooks.h"
+#include "vorlund/logging/toolkit_logger.h"
+
+namespace vl {
+namespace {
+
+const char* const kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})";
+
+bool hasLine(const std::string& text, const std::string& afterStamp) {
+  return std::regex_search(text, std::regex(std::string("(^|\n)") + kStamp + afterStamp + "\n"));
+}
+
+// Installs a hook for the lifetime of the object.
+struct ScopedDiagnosticArchiveRequest {
+  explicit ScopedDiagnosticArchiveRequest(std::function<void()> f) {
+    logging::setDiagnosticArchiveRequest(std::move(f));
+  }
+  ~ScopedDiagnosticArchiveRequest() { logging::setDiagnosticArchiveRequest(nullptr); }
+};
+
+TEST(VLLogger, ServiceManagerParentRule) {
+  EXPECT_TRUE(VLLogger::isWardenParent("warden", 812));
+  EXPECT_TRUE(VLLogger::isWardenParent("init", 1));
+  EXPECT_TRUE(VLLogger::isWardenParent("systemd", 955));
+  EXPECT_FALSE(VLLogger::isWardenParent("bash", 812));
+  EXPECT_FALSE(VLLogger::isWardenParent("warden2", 812));
+  EXPECT_FALSE(VLLogger::isWardenParent("", 0));
+}
+
+TEST(ChildProcess, ReportsWhetherStartedByTheServiceManager) {
+  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
+  std::printf("warden=%d\n", VLLogger().isWardenProcess() ? 1 : 0);
+}
+
+TEST(VLLogger, RecognisesTheServiceManagerAsParent) {
+  auto wardenOf = [](const std::string& parent) {
+    test::ChildRun run =
+        test::runChildTest("ChildProcess.ReportsWhetherStartedByTheServiceManager", parent);
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    if (run.output.find("warden=1\n") != std::string::npos) return 1;
+    if (run.output.find("warden=0\n") != std::string::npos) return 0;
+    return -1;
+  };
+  EXPECT_EQ(wardenOf("warden"), 1);
+  EXPECT_EQ(wardenOf("systemd"), 1);
+  EXPECT_EQ(wardenOf("bash"), 0);
+  EXPECT_EQ(wardenOf("wardens"), 0);
+}
+
+TEST(ChildProcess, ShellStartedProcessLogsToStandardOutput) {
+  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
+  VLLogger logger;
+  EXPECT_FALSE(logger.logFile().has_value());
+  EXPECT_FALSE(logger.createLogStreamForCurrentProcess());
+  logger.logMessage("straight to the terminal");
+  VLLogOld(VLLogLevelDebug, std::nullopt, "above the level");
+  VLLogOld(VLLogLevelError, std::nullopt, "old error");
+}
+
+TEST(VLLogger, ShellStartedProcessLogsToStandardOutput) {
+  test::Sandbox sandbox;
+  test::ChildRun run =
+      test::runChildTest("ChildProcess.ShellStartedProcessLogsToStandardOutput", "bash");
+  ASSERT_EQ(run.exitCode, 0) << run.output;
+  EXPECT_TRUE(hasLine(run.output, " > straight to the terminal")) << run.output;
+  EXPECT_TRUE(hasLine(run.output, " > old error")) << run.output;
+  EXPECT_EQ(run.output.find("above the level"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(sandbox.home() + "/Library/Logs/Vorlund"));
+}
+
+TEST(ChildProcess, WardenStartedProcessLogsToItsOwnFile) {
+  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
+  test::FakeStreams streams;
+  VLLogger logger;
+  logger.setActivityStreamFactory(streams.factory());
+  ASSERT_TRUE(logger.logFile().has_value());
+  std::printf("logFile=%s\n", logger.logFile()->c_str());
+  // The file exists from the start.
+  EXPECT_TRUE(test::fileExists(*logger.logFile()));
+  logger.logMessage("first line");
+  logger.logMessage("second line");
+
+  EXPECT_TRUE(logger.createLogStreamForCurrentProcess());
+  ASSERT_EQ(streams.made.size(), 1u);
+  EXPECT_EQ(streams.made[0]->processes, std::vector<std::string>{"Vorlund"});
+  EXPECT_TRUE(logger.logStreams().contains(*logger.logFile()));
+}
+
+TEST(VLLogger, WardenStartedProcessLogsToItsOwnFile) {
+  test::Sandbox sandbox;
+  process::ScopedName name("StressTool");
+  test::ChildRun run =
+      test::runChildTest("ChildProcess.WardenStartedProcessLogsToItsOwnFile", "warden");
+  ASSERT_EQ(run.exitCode, 0) << run.output;
+
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(run.output, match, std::regex("logFile=(.*)\n"))) << run.output;
+  std::string file = match[1];
+  EXPECT_EQ(paths::deletingLastComponent(file), sandbox.home() + "/Library/Logs/Vorlund");
+  EXPECT_TRUE(std::regex_match(paths::lastComponent(file),
+                               std::regex(R"(StressTool_\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log)")))
+      << file;
+  EXPECT_TRUE(std::regex_match(
+      test::readFile(file),
+      std::regex(std::string(kStamp) + " > first line\n" + kStamp + " > second line\n")))
+      << test::readFile(file);
+}
+
+TEST(VLLogger, TetherProcessLogsToItsMessagingFile) {
+  test::Sandbox sandbox;
+  process::ScopedName name("vorlund_tether");
+  test::ChildRun run =
+      test::runChildTest("ChildProcess.WardenStartedProcessLogsToItsOwnFile", "warden");
+  ASSERT_EQ(run.exitCode, 0) << run.output;
+  std::string file = sandbox.home() + "/Library/Logs/Vorlund/vorlund_tether_" +
+                     process::userName() + "_messaging.log";
+  EXPECT_NE(run.output.find("logFile=" + file + "\n"), std::string::npos) << run.output;
+  EXPECT_TRUE(hasLine(test::readFile(file), " > second line"));
+}
+
+TEST(VLLogger, VLLogOldWritesByLevel) {
+  test::TempDir dir;
+  std::string file = dir.file("old.log");
+  VLLogOld(VLLogLevelDebug, file, "dropped at level 1");
+  EXPECT_FALSE(test::fileExists(file));
+
+  VLLogOld(VLLogLevelNotice, file, "notice");
+  VLLogOld(VLLogLevelError, file, "error");
+  VLLogOld(-4, file, "negative");
+  VLSetLogLevel(VLLogLevelDebug);
+  VLLogOld(VLLogLevelDebug, file, "debug at level 2");
+  VLSetLogLevel(0);
+  VLLogOld(VLLogLevelNotice, file, "notice at level 0");
+  VLLogOld(VLLogLevelError, file, "error at level 0");
+  VLSetLogLevel(1);
+
+  EXPECT_TRUE(std::regex_match(
+      test::readFile(file), std::regex(std::string(kStamp) + " > notice\n" + kStamp + " > error\n" +
+                                       kStamp + " > negative\n" + kStamp + " > debug at level 2\n" +
+                                       kStamp + " > error at level 0\n")))
+      << test::readFile(file);
+}
+
+TEST(VLLogger, FatalLinePausesBeforeReturning) {
+  time::ScopedScale scale(0.05);
+  test::TempDir dir;
+  auto start = std::chrono::steady_clock::now();
+  VLLogOld(VLLogLevelFatal, dir.file("fatal.log"), "last words");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, time::scaled(1));
+  EXPECT_TRUE(hasLine(test::readFile(dir.file("fatal.log")), " > last words"));
+}
+
+TEST(VLLogger, CreateFileMakesFoldersAndKeepsOneHandlePerPath) {
+  test::Sandbox sandbox;
+  VLLogger logger;
+  std::string path = sandbox.path("a/b/c.log");
+  auto handle = VLLogger::createFile(path, logger);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_TRUE(test::fileExists(path));
+  EXPECT_EQ(VLLogger::createFile(path, logger), handle);
+  EXPECT_EQ(logger.openFiles().at(path), handle);
+
+  // Below a plain file no folder can be made: no handle, and the line goes to standard output.
+  test::writeFile(sandbox.path("plain"), "");
+  EXPECT_EQ(VLLogger::createFile(sandbox.path("plain/x.log"), logger), nullptr);
+  EXPECT_FALSE(logger.openFiles().contains(sandbox.path("plain/x.log")));
+  testing::internal::CaptureStdout();
+  logger.logMessage("nowhere to go", sandbox.path("plain/x.log"));
+  EXPECT_TRUE(hasLine(testing::internal::GetCapturedStdout(), " > nowhere to go"));
+}
+
+TEST(VLLogger, FailedWriteOnAFullFileSystemRaises) {
+  test::Sandbox sandbox;
+  // /var of the sandboxed device lies on a file system without free space.
+  std::filesystem::create_directory_symlink("/proc", sandbox.root() + "/var");
+  int archives = 0;
+  ScopedDiagnosticArchiveRequest hook([&] { ++archives; });
+  VLLogger logger;
+  try {
+    logger.logMessage("cannot be written", "/dev/full");
+    FAIL() << "no exception";
+  } catch (const VLException& e) {
+    EXPECT_EQ(e.name(), "File System free space too small");
+    EXPECT_EQ(
+        e.reason().rfind(process::name() + " is unable to proceed since the free space on the file "
+                                           "system is {\n",
+                         0),
+        0u)
+        << e.reason();
+    EXPECT_NE(e.reason().find("NSFileSystemFreeSize = 0;"), std::string::npos) << e.reason();
+  }
+  EXPECT_EQ(archives, 1);
+}
+
+TEST(VLLogger, FailedWriteIsRetriedWhileSpaceRemains) {
+  test::Sandbox sandbox;
+  test::TempDir dir;
+  std::string file = dir.file("retry.log");
+  VLLogger logger;
+  ASSERT_NE(VLLogger::createFile(file, logger), nullptr);
+  VLGetSharedZEPLogger().drain();
+
+  // A file size limit of zero makes the write fail; the archive request lifts it again.
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit none = saved;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  int archives = 0;
+  {
+    ScopedDiagnosticArchiveRequest hook([&] {
+      ++archives;
+      setrlimit(RLIMIT_FSIZE, &saved);
+    });
+    EXPECT_NO_THROW(logger.logMessage("written on the second try", file));
+  }
+  setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previousHandler);
+
+  EXPECT_EQ(archives, 1);
+  EXPECT_TRUE(std::regex_match(test::readFile(file),
+                               std::regex(std::string(kStamp) + " > written on the second try\n")));
+}
+
+class Rollover : public testing::Test {
+ protected:
+  std::string logs() const { return sandbox_.home() + "/Library/Logs/Vorlund"; }
+  void setTimeToLive(Value ttl) {
+    std::filesystem::create_directories(sandbox_.home() + "/Library/Preferences");
+    ASSERT_TRUE(plist::writeFile(
+        Dictionary{{"Time-To-Live", std::move(ttl)}},
+        sandbox_.home() + "/Library/Preferences/com.brindle.Vorlund.logger.plist"));
+  }
+  // Old files of this process and of another, then a wait longer than the short time-to-live.
+  void makeAgedFiles() {
+    test::writeFile(logs() + "/roller_2026.log", "old");
+    test::writeFile(logs() + "/notes-roller-run", "old");
+    test::writeFile(logs() + "/other_2026.log", "old");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    test::writeFile(logs() + "/roller_fresh.log", "new");
+  }
+  bool exists(const std::string& name) const { return test::fileExists(logs() + "/" + name); }
+
+  test::Sandbox sandbox_;
+  process::ScopedName name_{"roller"};
+};
+
+TEST_F(Rollover, StartsANewFileNamedWithTheTimeFormat) {
+  process::ScopedName name("Stress Runner");
+  VLLogger logger;
+  logger.rollover();
+  ASSERT_TRUE(logger.logFile().has_value());
+  EXPECT_EQ(paths::deletingLastComponent(*logger.logFile()), logs());
+  EXPECT_TRUE(std::regex_match(paths::lastComponent(*logger.logFile()),
+                               std::regex(std::string("Stress_Runner-") + kStamp + R"(\.log)")))
+      << *logger.logFile();
+  // Created by the next write.
+  EXPECT_FALSE(test::fileExists(*logger.logFile()));
+  logger.logMessage("fresh start");
+  EXPECT_TRUE(hasLine(test::readFile(*logger.logFile()), " > fresh start"));
+
+  // The next rollover moves on; the old file is closed and later writes to it open it again.
+  std::string previous = *logger.logFile();
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  logger.rollover();
+  EXPECT_NE(*logger.logFile(), previous);
+  EXPECT_FALSE(logger.openFiles().at(previous)->isOpen());
+  logger.logMessage("late line", previous);
+  EXPECT_TRUE(hasLine(test::readFile(previous), " > late line"));
+}
+
+TEST_F(Rollover, DeletesThisProcessesFilesOlderThanTheTimeToLive) {
+  setTimeToLive(0.5);
+  makeAgedFiles();
+  VLLogger logger;
+  logger.rollover();
+  EXPECT_FALSE(exists("roller_2026.log"));
+  EXPECT_FALSE(exists("notes-roller-run"));
+  EXPECT_TRUE(exists("other_2026.log"));
+  EXPECT_TRUE(exists("roller_fresh.log"));
+}
+
+TEST_F(Rollover, KeepsFourteenDaysWhenTheTimeToLiveIsNotANumber) {
+  setTimeToLive("0.5");
+  makeAgedFiles();
+  VLLogger logger;
+  logger.rollover();
+  EXPECT_TRUE(exists("roller_2026.log"));
+  EXPECT_TRUE(exists("notes-roller-run"));
+  EXPECT_TRUE(exists("roller_fresh.log"));
+}
+
+TEST_F(Rollover, NeverFailsWithoutAFolder) {
+  setTimeToLive(0.5);
+  VLLogger logger;
+  EXPECT_NO_THROW(logger.rollover());
+  EXPECT_TRUE(logger.logFile().has_value());
+}
+
+}  // namespace
+}  // namespace vl
