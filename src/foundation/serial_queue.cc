@@ -69,7 +69,9 @@ void workerLoop(std::shared_ptr<SerialQueue::State> state) {
     if (state->delayed.empty()) {
       state->wake.wait(lock);
     } else {
-      state->wake.wait_until(lock, state->delayed.begin()->first);
+      // A copy: the destructor may drop the item while this waits, and the wait reads it on waking.
+      const Clock::time_point due = state->delayed.begin()->first;
+      state->wake.wait_until(lock, due);
     }
   }
   tCurrentQueue = nullptr;

@@ -126,15 +126,15 @@ class Array {
   Array(std::initializer_list<Value> values);
   explicit Array(std::vector<Value> values);
 
-  size_t size() const { return items_.size(); }
-  bool empty() const { return items_.empty(); }
+  size_t size() const;
+  bool empty() const;
   const Value& operator[](size_t i) const;
   Value& operator[](size_t i);
   const Value& at(size_t i) const;
   void push_back(Value v);
   void insert(size_t index, Value v);
   void erase(size_t index);
-  void clear() { items_.clear(); }
+  void clear();
   bool contains(const Value& v) const;
 
   std::vector<Value>::const_iterator begin() const;
@@ -197,7 +197,7 @@ class Record : public std::enable_shared_from_this<Record> {
   // Equality as the record defines it; by default, identity.
   virtual bool isEqual(const Record& other) const { return this == &other; }
   // The dictionary form of the record, for JSON and for people; by default, empty.
-  virtual Dictionary dictionaryRepresentation() const { return {}; }
+  virtual Dictionary dictionaryRepresentation() const;
 };
 using RecordPtr = std::shared_ptr<Record>;
 
@@ -283,6 +283,12 @@ class Value {
   std::variant<std::monostate, Number, std::string, Date, Data, Uuid, Array, Dictionary, RecordPtr>
       v_;
 };
+
+// Defined here, where Value is complete: clang instantiates the vector members they use eagerly.
+inline size_t Array::size() const { return items_.size(); }
+inline bool Array::empty() const { return items_.empty(); }
+inline void Array::clear() { items_.clear(); }
+inline Dictionary Record::dictionaryRepresentation() const { return {}; }
 
 // Description of one value at a given indentation depth, for nested printing.
 std::string describe(const Value& v, int indent);

@@ -1,0 +1,68 @@
+// The process-wide registries of test case implementations: the providers (what a loaded test
+// bundle offers: its principal class, the test case names and selectors it declares and how to
+// create the class) and the loaded test case classes (one instance per principal class, shared by
+// every test case of the provider). Bundle loading registers providers here.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "vorlund/catalogue/test_case_class.h"
+#include "vorlund/catalogue/test_case_object.h"
+
+namespace vl {
+
+struct TestCaseProvider {
+  // Where the provider came from (the bundle's path); printed in messages and used as its identity.
+  std::string path;
+  // The name of the principal class.
+  std::string principalClass;
+  // The test case names and selectors the provider declares. A selector matches with or without
+  // its final ":".
+  std::vector<std::string> testCaseNames;
+  std::vector<std::string> selectors;
+  // Creates the principal class; nullptr when it cannot.
+  std::function<std::shared_ptr<VLTestCaseClass>()> create;
+  // Whether an object is a kind of the principal class (the class itself or a subclass).
+  std::function<bool(const VLTestCaseClass&)> isKindOfClass;
+};
+
+// A provider whose principal class is T, created with VLTestCaseClass::make<T>().
+template <typename T>
+TestCaseProvider testCaseProviderFor(std::string path, std::string principalClass,
+                                     std::vector<std::string> testCaseNames,
+                                     std::vector<std::string> selectors) {
+  static_assert(std::is_base_of_v<VLTestCaseClass, T>, "T must derive from VLTestCaseClass");
+  return TestCaseProvider{
+      std::move(path),
+      std::move(principalClass),
+      std::move(testCaseNames),
+      std::move(selectors),
+      []() -> std::shared_ptr<VLTestCaseClass> { return VLTestCaseClass::make<T>(); },
+      [](const VLTestCaseClass& object) { return dynamic_cast<const T*>(&object) != nullptr; }};
+}
+
+// Adds a provider; a provider with the same path is replaced. Thread-safe.
+void registerTestCaseProvider(TestCaseProvider provider);
+// Removes the provider of that path and the loaded class instances that are a kind of its
+// principal class. Unknown paths are ignored.
+void removeTestCaseProvider(const std::string& path);
+// The provider that declares the test case name, else the one that lists the selector; the first
+// registered wins. nullptr when none does.
+std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* name,
+                                                             const std::string* selector);
+// The class instances created so far, in creation order.
+std::vector<std::shared_ptr<VLTestCaseClass>> loadedTestCaseClasses();
+
+}  // namespace vl
+
+// The instance of the class that implements the test case: the provider by the test case's name,
+// else by its selector; an already loaded instance of its principal class (logged at level 2 "Class
+// already loaded...%@"), else a new one added to the loaded classes. nullptr when no provider
+// declares the test case, or when creating the class fails (logged at level 16, category
+// "Framework", "Unable to create a class from %@ for %@").
+std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
+    const std::shared_ptr<VLTestCaseObject>& testCase);

@@ -1,0 +1,131 @@
+// The providers and loaded test case classes. Each registry has its own lock, held only while
+// searching or changing it, never while a class is being created.
+
+#include "vorlund/catalogue/test_case_registry.h"
+
+#include <algorithm>
+#include <mutex>
+#include <string_view>
+
+#include "vorlund/logging/log.h"
+
+namespace vl {
+namespace {
+
+struct Registries {
+  std::mutex providersMutex;
+  std::vector<std::shared_ptr<const TestCaseProvider>> providers;
+  std::mutex classesMutex;
+  std::vector<std::shared_ptr<VLTestCaseClass>> classes;
+};
+
+Registries& registries() {
+  static Registries* instance = new Registries();  // lives for the process
+  return *instance;
+}
+
+std::string_view withoutColon(std::string_view selector) {
+  if (!selector.empty() && selector.back() == ':') selector.remove_suffix(1);
+  return selector;
+}
+
+}  // namespace
+
+void registerTestCaseProvider(TestCaseProvider provider) {
+  auto shared = std::make_shared<const TestCaseProvider>(std::move(provider));
+  Registries& r = registries();
+  std::lock_guard lock(r.providersMutex);
+  auto it = std::find_if(r.providers.begin(), r.providers.end(),
+                         [&](const auto& p) { return p->path == shared->path; });
+  if (it != r.providers.end()) {
+    *it = std::move(shared);
+  } else {
+    r.providers.push_back(std::move(shared));
+  }
+}
+
+void removeTestCaseProvider(const std::string& path) {
+  Registries& r = registries();
+  std::shared_ptr<const TestCaseProvider> removed;
+  {
+    std::lock_guard lock(r.providersMutex);
+    auto it = std::find_if(r.providers.begin(), r.providers.end(),
+                           [&](const auto& p) { return p->path == path; });
+    if (it == r.providers.end()) return;
+    removed = *it;
+    r.providers.erase(it);
+  }
+  if (!removed->isKindOfClass) return;
+  std::lock_guard lock(r.classesMutex);
+  std::erase_if(r.classes, [&](const auto& object) { return removed->isKindOfClass(*object); });
+}
+
+std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* name,
+                                                             const std::string* selector) {
+  Registries& r = registries();
+  std::lock_guard lock(r.providersMutex);
+  if (name) {
+    for (const auto& provider : r.providers) {
+      const auto& names = provider->testCaseNames;
+      if (std::find(names.begin(), names.end(), *name) != names.end()) return provider;
+    }
+  }
+  if (selector) {
+    for (const auto& provider : r.providers) {
+      for (const std::string& listed : provider->selectors) {
+        if (withoutColon(listed) == withoutColon(*selector)) return provider;
+      }
+    }
+  }
+  return nullptr;
+}
+
+std::vector<std::shared_ptr<VLTestCaseClass>> loadedTestCaseClasses() {
+  Registries& r = registries();
+  std::lock_guard lock(r.classesMutex);
+  return r.classes;
+}
+
+}  // namespace vl
+
+std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
+    const std::shared_ptr<VLTestCaseObject>& testCase) {
+  if (!testCase) return nullptr;
+  const std::optional<std::string>& name = testCase->name();
+  const std::optional<std::string>& selector = testCase->selector();
+  auto provider =
+      vl::findTestCaseProvider(name ? &*name : nullptr, selector ? &*selector : nullptr);
+  if (!provider) return nullptr;
+
+  vl::Registries& r = vl::registries();
+  if (provider->isKindOfClass) {
+    std::lock_guard lock(r.classesMutex);
+    for (const auto& object : r.classes) {
+      if (provider->isKindOfClass(*object)) {
+        VLLog(VLLogLevelDebug, nullptr, "Class already loaded...%@", object);
+        return object;
+      }
+    }
+  }
+
+  std::shared_ptr<VLTestCaseClass> created;
+  try {
+    if (provider->create) created = provider->create();
+  } catch (const std::exception&) {
+    created = nullptr;
+  }
+  if (!created) {
+    VLLog(VLLogLevelError, "Framework", "Unable to create a class from %@ for %@", provider->path,
+          testCase);
+    return nullptr;
+  }
+  std::lock_guard lock(r.classesMutex);
+  // Another thread may have created the same class meanwhile; one instance serves them all.
+  if (provider->isKindOfClass) {
+    for (const auto& object : r.classes) {
+      if (provider->isKindOfClass(*object)) return object;
+    }
+  }
+  r.classes.push_back(created);
+  return created;
+}

@@ -1,0 +1,183 @@
+#include "vorlund/catalogue/primary_processes.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "catalogue/value_printers.h"
+#include "support/test_support.h"
+#include "vorlund/catalogue/device_serial.h"
+#include "vorlund/catalogue/preferences.h"
+#include "vorlund/catalogue/technologies_in_use.h"
+#include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/foundation/property_list.h"
+#include "vorlund/logging/log_capture.h"
+
+namespace {
+
+using vl::Array;
+using vl::Dictionary;
+using vl::Value;
+
+void writePreferences(const Dictionary& preferences) {
+  std::string path = VLGetTestSettingsFilePath();
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  ASSERT_TRUE(vl::plist::writeFile(Value(preferences), path));
+}
+
+TEST(StressSettingsTest, TypeAndSubtypeFallBackThroughTheirSources) {
+  vl::test::Sandbox sandbox;
+  vl::LogCapture capture;
+  {
+    vl::process::ScopedArguments arguments({"/usr/bin/stress"});
+    EXPECT_EQ(VLGetCurrentTestMode(), "Unknown");
+    EXPECT_EQ(VLGetCurrentTestSubtype(), "Default");
+    EXPECT_EQ(VLGetCurrentConfig(), "None");
+  }
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "VLGetCurrentTestMode",
+                               "Checking VLGetPreferences() for StressType"));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "VLGetCurrentTestSubtype",
+                               "Returning 'Default' since we caught the following exception: "
+                               "index 2 beyond bounds [0 .. 0]"));
+  {
+    vl::process::ScopedArguments arguments({"/usr/bin/stress", "a", "b"});
+    EXPECT_EQ(VLGetCurrentTestMode(), "None");
+    EXPECT_EQ(VLGetCurrentTestSubtype(), "b");
+  }
+  {
+    vl::process::ScopedArguments arguments(
+        {"/usr/bin/stress", "-StressType", "wifi", "-StressSubtype", "sanity"});
+    EXPECT_EQ(VLGetCurrentTestMode(), "wifi");
+    EXPECT_EQ(VLGetCurrentTestSubtype(), "sanity");
+    // The preferences come first.
+    writePreferences(
+        Dictionary{{"StressType", "nfc"}, {"StressSubtype", "holistic"}, {"Config", "Lab A"}});
+    EXPECT_EQ(VLGetCurrentTestMode(), "nfc");
+    EXPECT_EQ(VLGetCurrentTestSubtype(), "holistic");
+    EXPECT_EQ(VLGetCurrentConfig(), "Lab A");
+  }
+}
+
+TEST(PrimaryProcessesTest, AreasHoldTheLinuxDaemonsAndSubtypesCombineThem) {
+  vl::test::Sandbox sandbox;
+  Dictionary table = VLGetPrimaryProcessesWithSubtype("Default");
+  std::vector<std::string> areas(std::begin(kVLPrimaryProcessAreas),
+                                 std::end(kVLPrimaryProcessAreas));
+  EXPECT_EQ(table.keys(), areas);
+  EXPECT_EQ(table.get("wifi"), Value(Array{"wpa_supplicant", "iwd", "NetworkManager", "hostapd"}));
+  EXPECT_EQ(table.get("nfc"), Value(Array{"neard"}));
+  // No modem: no cellular daemons anywhere.
+  EXPECT_EQ(table.get("cellular"), Value(Array{}));
+  EXPECT_FALSE(table.get("wificalling").asArray()->contains(Value("ModemManager")));
+
+  std::filesystem::create_directories(sandbox.root() + "/sys/class/wwan/wwan0");
+  table = VLGetPrimaryProcessesWithSubtype("sanity");
+  EXPECT_EQ(table.get("cellular"),
+            Value(Array{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy"}));
+  EXPECT_TRUE(table.get("ltecoex").asArray()->contains(Value("ofonod")));
+  EXPECT_EQ(table.get("sanity"),
+            Value(Array{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy", "wpa_supplicant",
+                        "iwd", "NetworkManager", "hostapd", "bluetoothd", "obexd"}));
+  EXPECT_FALSE(table.contains("overall"));
+
+  Dictionary overall = VLGetPrimaryProcessesWithSubtype("overall");
+  const Array& everything = *overall.get("overall").asArray();
+  for (const char* area : kVLPrimaryProcessAreas) {
+    for (const Value& name : *overall.get(area).asArray()) EXPECT_TRUE(everything.contains(name));
+  }
+  EXPECT_EQ(everything.size(), 21u);  // each daemon once
+  EXPECT_TRUE(VLGetPrimaryProcessesWithSubtype("holistic")
+                  .get("holistic")
+                  .asArray()
+                  ->contains(Value("gpsd")));
+}
+
+TEST(DeviceInformationTest, SerialNumberSourcesInOrder) {
+  vl::test::Sandbox sandbox;
+  vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
+  EXPECT_EQ(vl::deviceSerialNumber(), "");
+  vl::test::writeFile(sandbox.root() + "/etc/machine-id", "0123abcd\n");
+  EXPECT_EQ(vl::deviceSerialNumber(), "0123abcd");
+  vl::test::writeFile(sandbox.root() + "/sys/class/dmi/id/product_serial", " PF3ABC \n");
+  EXPECT_EQ(vl::deviceSerialNumber(), "PF3ABC");
+  vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "ENV123");
+  EXPECT_EQ(vl::deviceSerialNumber(), "ENV123");
+  writePreferences(Dictionary{{"SerialNumber", "PREF9"}});
+  EXPECT_EQ(vl::deviceSerialNumber(), "PREF9");
+}
+
+TEST(DeviceInformationTest, TechnologiesInUseFromTheDeviceClasses) {
+  vl::test::Sandbox sandbox;
+  EXPECT_TRUE(vl::technologiesInUse().empty());
+  EXPECT_FALSE(vl::basebandPresent());
+  const std::string net = sandbox.root() + "/sys/class/net";
+  std::filesystem::create_directories(net + "/wlan0/wireless");
+  vl::test::writeFile(net + "/wlan0/operstate", "down\n");
+  std::filesystem::create_directories(net + "/eth0");
+  vl::test::writeFile(net + "/eth0/operstate", "up\n");
+  EXPECT_TRUE(vl::technologiesInUse().empty());
+  vl::test::writeFile(net + "/wlan0/operstate", "up\n");
+  std::filesystem::create_directories(sandbox.root() + "/sys/class/bluetooth/hci0");
+  std::filesystem::create_directories(sandbox.root() + "/sys/class/wwan/wwan0");
+  EXPECT_EQ(vl::technologiesInUse(), (std::vector<std::string>{"Cellular", "WiFi", "Bluetooth"}));
+  EXPECT_TRUE(vl::basebandPresent());
+}
+
+class RadioTestClass : public VLTestCaseClass {
+ public:
+  std::string className() const override { return "RadioTestClass"; }
+};
+class OtherTestClass : public VLTestCaseClass {
+ public:
+  std::string className() const override { return "OtherTestClass"; }
+};
+
+std::shared_ptr<VLTestCaseObject> definition(const char* name, const char* selector) {
+  auto object = VLTestCaseObject::make();
+  object->setName(std::string(name));
+  if (selector) object->setSelector(std::string(selector));
+  return object;
+}
+
+TEST(TestCaseRegistryTest, OneInstancePerClassFoundByNameOrSelector) {
+  vl::registerTestCaseProvider(vl::testCaseProviderFor<RadioTestClass>(
+      "/b/Radio.bundle", "RadioTestClass", {"Radio On", "Radio Off"}, {"toggleRadio:"}));
+  vl::registerTestCaseProvider(
+      vl::testCaseProviderFor<OtherTestClass>("/b/Other.bundle", "OtherTestClass", {"Other"}, {}));
+  vl::LogCapture capture;
+
+  auto on = VLGetClassForTestCase(definition("Radio On", nullptr));
+  ASSERT_TRUE(on);
+  EXPECT_EQ(on->className(), "RadioTestClass");
+  EXPECT_EQ(VLGetClassForTestCase(definition("Radio Off", nullptr)), on);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelDebug, "Default", "Class already loaded..." + on->description()));
+  // An ad hoc definition is found by its selector, with or without the colon.
+  EXPECT_EQ(VLGetClassForTestCase(definition("Ad hoc", "toggleRadio")), on);
+  EXPECT_NE(VLGetClassForTestCase(definition("Other", nullptr)), on);
+  EXPECT_EQ(VLGetClassForTestCase(definition("Nobody", "nothing:")), nullptr);
+  EXPECT_EQ(VLGetClassForTestCase(nullptr), nullptr);
+
+  // A provider that cannot make its class.
+  vl::registerTestCaseProvider({"/b/Broken.bundle",
+                                "Broken",
+                                {"Broken"},
+                                {},
+                                [] { return std::shared_ptr<VLTestCaseClass>(); },
+                                nullptr});
+  auto broken = definition("Broken", nullptr);
+  EXPECT_EQ(VLGetClassForTestCase(broken), nullptr);
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelError, "Framework",
+      "Unable to create a class from /b/Broken.bundle for " + broken->description()));
+
+  size_t loaded = vl::loadedTestCaseClasses().size();
+  vl::removeTestCaseProvider("/b/Radio.bundle");
+  EXPECT_EQ(vl::loadedTestCaseClasses().size(), loaded - 1);
+  EXPECT_EQ(VLGetClassForTestCase(definition("Radio On", nullptr)), nullptr);
+  vl::removeTestCaseProvider("/b/Other.bundle");
+  vl::removeTestCaseProvider("/b/Broken.bundle");
+}
+
+}  // namespace

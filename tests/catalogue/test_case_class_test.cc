@@ -1,0 +1,134 @@
+#include "vorlund/catalogue/test_case_class.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "catalogue/value_printers.h"
+#include "vorlund/catalogue/condition.h"
+#include "vorlund/catalogue/json_safe.h"
+#include "vorlund/catalogue/test_environment.h"
+#include "vorlund/conversion/keyed_archive.h"
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/logging/log_capture.h"
+
+namespace {
+
+using vl::Array;
+using vl::Dictionary;
+using vl::Value;
+
+class CountingTestClass : public VLTestCaseClass {
+ public:
+  bool registerForNotifications() override {
+    ++registrations;
+    return true;
+  }
+  int registrations = 0;
+};
+
+TEST(TestCaseClassTest, MakeInitialisesThenRegistersTheSubclass) {
+  double before = vl::Date::now().secondsSince1970;
+  auto object = VLTestCaseClass::make<CountingTestClass>();
+  EXPECT_EQ(object->registrations, 1);
+  EXPECT_GE(object->lastUsed().secondsSince1970, before);
+  EXPECT_LE(object->lastUsed().secondsSince1970, vl::Date::now().secondsSince1970);
+  EXPECT_TRUE(object->responses().empty());
+  EXPECT_TRUE(object->pendingMessageIDs().empty());
+  EXPECT_NE(object->lock(), nullptr);
+  EXPECT_EQ(object->technology(), 0);
+  EXPECT_FALSE(object->instanceId());
+  EXPECT_EQ(object->friendlyName(), "(anonymous namespace)::CountingTestClass");
+
+  auto base = VLTestCaseClass::make();
+  EXPECT_EQ(base->friendlyName(), "VLTestCaseClass");
+  EXPECT_FALSE(base->registerForNotifications());
+  EXPECT_FALSE(base->checkForMissedNotifications());
+  EXPECT_FALSE(VLTestCaseClass::getDefaultSettingsForType("Soak", "holistic"));
+  // Each object has a lock of its own.
+  EXPECT_NE(base->lock(), object->lock());
+}
+
+TEST(TestCaseClassTest, ArchivesItsInstanceId) {
+  auto object = VLTestCaseClass::make();
+  object->setInstanceId("B0B0");
+  vl::Error error;
+  auto bytes = vl::archive(Value(object), &error);
+  ASSERT_TRUE(bytes) << error.description();
+  auto decoded = vl::unarchive(*bytes, VLValidExternalClassesForCoding(), &error);
+  ASSERT_TRUE(decoded) << error.description();
+  auto back = decoded->record<VLTestCaseClass>();
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->instanceId(), "B0B0");
+  EXPECT_EQ(back->technology(), 0);
+}
+
+// The reply hand-over of the reply holders: a receiver appends under the lock and broadcasts; the
+// sender waits until its reply is there.
+TEST(TestCaseClassTest, ConditionHandsRepliesOverBetweenThreads) {
+  auto holder = VLTestCaseClass::make();
+  holder->updatePendingMessageIDs([](Array& ids) { ids.push_back("M1"); });
+  std::shared_ptr<vl::Condition> lock = holder->lock();
+
+  std::thread receiver([&] {
+    std::lock_guard guard(*lock);
+    holder->updateResponses([](Array& replies) { replies.push_back(Dictionary{{"UUID", "M1"}}); });
+    lock->broadcast();
+  });
+  {
+    std::unique_lock guard(*lock);
+    while (holder->responses().empty()) lock->wait();
+  }
+  receiver.join();
+  EXPECT_EQ(holder->responses(), (Array{Dictionary{{"UUID", "M1"}}}));
+  EXPECT_EQ(holder->pendingMessageIDs(), Array{"M1"});
+
+  std::unique_lock guard(*lock);
+  EXPECT_FALSE(lock->waitUntil(vl::Date{vl::Date::now().secondsSince1970 + 0.02}));
+  EXPECT_FALSE(lock->waitUntil(vl::Date{0}));
+}
+
+TEST(TestCaseClassTest, ConcurrentUpdatesAreNotLost) {
+  auto holder = VLTestCaseClass::make();
+  constexpr int kPerThread = 200;
+  auto append = [&] {
+    for (int i = 0; i < kPerThread; ++i) holder->updateResponses([](Array& r) { r.push_back(1); });
+  };
+  std::thread a(append), b(append);
+  a.join();
+  b.join();
+  EXPECT_EQ(holder->responses().size(), 2u * kPerThread);
+}
+
+TEST(TestEnvironmentTest, LogFormatsTwice) {
+  vl::LogCapture capture;
+  auto environment = VLTestEnvironment::make();
+  environment->setTestId("T-1");
+  environment->setSerialNumber("SN42");
+  environment->log("load %d%%%% on %@", 50, std::string("wlan0"));
+  environment->log("%@", std::string("rate 100%d"));
+  EXPECT_TRUE(capture.contains(VLLogLevelNotice, "Default", "load 50% on wlan0"));
+  EXPECT_TRUE(capture.contains(VLLogLevelNotice, "Default", "rate 100(null)"));
+  EXPECT_EQ(environment->testId(), "T-1");
+  EXPECT_EQ(environment->serialNumber(), "SN42");
+}
+
+TEST(JSONSafeTest, CleansNestedCollectionsInOrder) {
+  Dictionary input{
+      {"when", vl::Date{1}},
+      {"name", "n"},
+      {"list", Array{1, vl::Data::fromString("x"), Dictionary{{"id", vl::Uuid::random()}, {"k", 2}},
+                     Array{Array{vl::Date{2}, "deep"}}}},
+      {"record", Value(VLTestCaseClass::make())},
+      {"ratio", 0.5}};
+  Dictionary expected{{"name", "n"},
+                      {"list", Array{1, Dictionary{{"k", 2}}, Array{Array{"deep"}}}},
+                      {"ratio", 0.5}};
+  Dictionary safe = JSONSafeDictionary(input);
+  EXPECT_EQ(safe, expected);
+  EXPECT_EQ(safe.keys(), expected.keys());
+  EXPECT_EQ(JSONSafeArray(Array{vl::Date{3}, "a", Array{}, vl::Data{}}), (Array{"a", Array{}}));
+}
+
+}  // namespace

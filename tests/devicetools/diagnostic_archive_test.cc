@@ -1,0 +1,473 @@
+// The diagnostic-archive trigger and the evidence savers on a temporary device: a small script as
+// the "SnapdumpCommand" preference, fake "sample", "journalctl" and memory tools first on PATH, and
+// the time scale lowered so the ten-minute spacing and the hour of the hung check take
+// milliseconds.
+#include "vorlund/devicetools/diagnostic_archive.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "support/test_support.h"
+#include "vorlund/devicetools/diagnostic_archiver.h"
+#include "vorlund/devicetools/evidence.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/format.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/foundation/property_list.h"
+#include "vorlund/foundation/time_scale.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/logging/logger.h"
+
+namespace vl {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Collects the errors handed to capture callbacks.
+class Callbacks {
+ public:
+  SnapdumpCallback callback() {
+    return [this](const std::optional<Error>& error) {
+      std::lock_guard lock(mutex_);
+      errors_.push_back(error);
+      changed_.notify_all();
+    };
+  }
+  // The errors once n callbacks have come (or after 20 s, however many came).
+  std::vector<std::optional<Error>> waitFor(size_t n) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(20), [&] { return errors_.size() >= n; });
+    return errors_;
+  }
+  size_t count() {
+    std::lock_guard lock(mutex_);
+    return errors_.size();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::optional<Error>> errors_;
+};
+
+bool eventually(const std::function<bool()>& condition) {
+  for (int i = 0; i < 2000; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return condition();
+}
+
+// A temporary device with fake tools on PATH and a snapdump command that waits while a gate file
+// exists and notes when it starts and ends.
+class ArchiveDevice : public testing::Test {
+ protected:
+  ArchiveDevice() : path_("PATH", tools_.path() + ":" + std::string(getenv("PATH"))) {
+    tool("snapdump_capture", format("echo \"start $(date +%%s.%%N)\" >> %s\n"
+                                    "while [ -e %s ]; do sleep 0.005; done\n"
+                                    "echo \"end $(date +%%s.%%N)\" >> %s",
+                                    events(), gate(), events()));
+    tool("sample", "echo \"sampled $*\"");
+    setPreferences(Dictionary{{"SnapdumpCommand", tools_.file("snapdump_capture")}});
+  }
+
+  void tool(const std::string& name, const std::string& body) {
+    test::writeFile(tools_.file(name), "#!/bin/bash\n" + body + "\n");
+    chmod(tools_.file(name).c_str(), 0755);
+  }
+  void setPreferences(const Dictionary& preferences) {
+    fs::create_directories(sandbox_.home() + "/Library/Logs/Vorlund");
+    ASSERT_TRUE(
+        plist::writeFile(preferences, sandbox_.home() + "/Library/Logs/Vorlund/Settings.plist"));
+  }
+  std::string gate() const { return sandbox_.path("gate"); }
+  std::string events() const { return sandbox_.path("events"); }
+  void closeGate() { test::writeFile(gate(), ""); }
+  void openGate() { fs::remove(gate()); }
+  // Times (seconds since 1970) of the capture command's "start" or "end" notes, in order.
+  std::vector<double> eventTimes(const std::string& kind) const {
+    std::vector<double> times;
+    std::istringstream lines(test::fileExists(events()) ? test::readFile(events()) : "");
+    std::string word;
+    double time;
+    while (lines >> word >> time) {
+      if (word == kind) times.push_back(time);
+    }
+    return times;
+  }
+  std::vector<std::string> hungSamples() const {
+    std::vector<std::string> samples;
+    std::string folder = sandbox_.root() + "/var/root/Library/Logs/Vorlund";
+    if (!fs::exists(folder)) return samples;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+      if (entry.path().filename().string().rfind("snapdump_hung_", 0) == 0) {
+        samples.push_back(entry.path().string());
+      }
+    }
+    return samples;
+  }
+
+  test::Sandbox sandbox_;
+  test::TempDir tools_;
+  test::ScopedEnv path_;
+  LogCapture capture_;
+};
+
+TEST_F(ArchiveDevice, OneCaptureRunsOneWaitsTheRestAreDropped) {
+  time::ScopedScale fast(0.001);
+  Callbacks callbacks;
+  {
+    SnapdumpTrigger trigger;
+    closeGate();
+    EXPECT_TRUE(trigger.request(callbacks.callback()));
+    EXPECT_TRUE(trigger.request(callbacks.callback()));
+    EXPECT_FALSE(trigger.request(callbacks.callback()));
+    EXPECT_TRUE(capture_.contains(0, "Framework",
+                                  "Triggering a snapdump because there is no active snapdump"));
+    EXPECT_TRUE(capture_.contains(
+        0, "Framework", "Queueing a snapdump for requests coming in during active snapdump"));
+    EXPECT_EQ(capture_.count("No need to queue a snapdump, because one is already queued"), 1u);
+    openGate();
+
+    auto errors = callbacks.waitFor(2);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_FALSE(errors[0]);
+    EXPECT_FALSE(errors[1]);
+    EXPECT_EQ(capture_.find("Triggering snapdump via libssnapdump").size(), 2u);
+    EXPECT_TRUE(capture_.contains(1, "Default", "Triggering snapdump via libssnapdump"));
+    EXPECT_EQ(capture_.count("Snapdump succeeded"), 2u);
+    EXPECT_TRUE(capture_.contains(1, "Framework", "Snapdump succeeded"));
+
+    // The second capture waited out the spacing after the end of the first.
+    std::vector<double> starts = eventTimes("start"), ends = eventTimes("end");
+    ASSERT_EQ(starts.size(), 2u);
+    ASSERT_EQ(ends.size(), 2u);
+    EXPECT_GE(starts[1] - ends[0], 0.59);
+    EXPECT_TRUE(
+        capture_.contains(1, "Framework",
+                          "Waiting to take a snapdump for a bit to avoid capturing too many "
+                          "back to back snapdumps"));
+
+    // Both done: the count is back at zero and a request starts a capture again.
+    capture_.clear();
+    EXPECT_TRUE(trigger.request(callbacks.callback()));
+    EXPECT_TRUE(capture_.contains(0, "Framework",
+                                  "Triggering a snapdump because there is no active snapdump"));
+    EXPECT_EQ(callbacks.waitFor(3).size(), 3u);
+  }
+  // The dropped request's callback never ran.
+  EXPECT_EQ(callbacks.count(), 3u);
+}
+
+TEST_F(ArchiveDevice, ACaptureFiveMinutesAfterTheLastWaitsOutTheRest) {
+  time::ScopedScale fast(0.001);
+  SnapdumpTrigger trigger;
+  Callbacks callbacks;
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  ASSERT_EQ(callbacks.waitFor(1).size(), 1u);
+  EXPECT_EQ(capture_.count("Waiting to take a snapdump for a bit to avoid capturing too many back "
+                           "to back snapdumps"),
+            0u);
+
+  time::sleepFor(300);
+  auto requested = std::chrono::system_clock::now();
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  ASSERT_EQ(callbacks.waitFor(2).size(), 2u);
+  std::vector<double> starts = eventTimes("start"), ends = eventTimes("end");
+  ASSERT_EQ(starts.size(), 2u);
+  double waited = starts[1] - std::chrono::duration<double>(requested.time_since_epoch()).count();
+  EXPECT_GE(waited, 0.25);  // about 300 nominal seconds
+  EXPECT_GE(starts[1] - ends[0], 0.59);
+}
+
+TEST_F(ArchiveDevice, CaptureErrorsReachTheCallback) {
+  time::ScopedScale fast(0.0001);
+  SnapdumpTrigger trigger;
+  Callbacks callbacks;
+  setPreferences(Dictionary{});
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  auto errors = callbacks.waitFor(1);
+  ASSERT_EQ(errors.size(), 1u);
+  ASSERT_TRUE(errors[0]);
+  EXPECT_EQ(errors[0]->domain, "com.brindle.Vorlund");
+  EXPECT_EQ(errors[0]->code, 1);
+  EXPECT_NE(errors[0]->userInfo.get("Reason").stringOr("").find("\"SnapdumpCommand\""),
+            std::string::npos);
+  EXPECT_TRUE(capture_.contains(
+      1, "Framework", format("Snapdump failed with error '%@'", errors[0]->description())));
+
+  tool("failing_capture", "echo 'disk full' >&2; exit 3");
+  setPreferences(Dictionary{{"SnapdumpCommand", tools_.file("failing_capture")}});
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  errors = callbacks.waitFor(2);
+  ASSERT_EQ(errors.size(), 2u);
+  ASSERT_TRUE(errors[1]);
+  EXPECT_EQ(errors[1]->userInfo.get("Reason").stringOr(""),
+            format("The snapdump command \"%s\" exited with status 3: disk full",
+                   tools_.file("failing_capture")));
+}
+
+class ThrowingArchiver : public DiagnosticArchiver {
+ public:
+  explicit ThrowingArchiver(bool foreign) : foreign_(foreign) {}
+  std::optional<Error> snapdump(const Dictionary& metadata) override {
+    EXPECT_TRUE(metadata.empty());
+    if (foreign_) throw 42;
+    throw std::runtime_error("archive service went away");
+  }
+  int createLogArchive(const std::string&, int64_t, int64_t, uint32_t,
+                       const std::function<void(const char*)>&) override {
+    throw std::runtime_error("no log archive");
+  }
+
+ private:
+  bool foreign_;
+};
+
+TEST_F(ArchiveDevice, ACaptureThatThrowsIsLoggedAndTheStateRecovers) {
+  time::ScopedScale fast(0.0001);
+  Callbacks callbacks;
+  {
+    SnapdumpTrigger trigger(std::make_shared<ThrowingArchiver>(false));
+    ASSERT_TRUE(trigger.request(callbacks.callback()));
+    auto errors = callbacks.waitFor(1);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_FALSE(errors[0]);
+    EXPECT_TRUE(capture_.contains(1, "Framework",
+                                  "Snapdump failed with error 'archive service went away'"));
+  }
+  {
+    // Not an exception the system knows: no callback, but the count is reset before it goes on.
+    SnapdumpTrigger trigger(std::make_shared<ThrowingArchiver>(true));
+    Callbacks none;
+    ASSERT_TRUE(trigger.request(none.callback()));
+    ASSERT_TRUE(
+        eventually([&] { return capture_.count("Triggering snapdump via libssnapdump") == 2; }));
+    capture_.clear();
+    ASSERT_TRUE(eventually([&] {
+      if (!trigger.request(none.callback())) return false;
+      return capture_.contains(0, "Framework",
+                               "Triggering a snapdump because there is no active snapdump");
+    }));
+    ASSERT_TRUE(
+        eventually([&] { return capture_.count("Triggering snapdump via libssnapdump") >= 1; }));
+  }
+}
+
+TEST_F(ArchiveDevice, AHungCaptureIsSampledOnce) {
+  time::ScopedScale fast(0.001);
+  Callbacks callbacks;
+  {
+    SnapdumpTrigger trigger;
+    closeGate();
+    ASSERT_TRUE(trigger.request(callbacks.callback()));
+    ASSERT_TRUE(eventually([&] { return !eventTimes("start").empty(); }));
+    ASSERT_TRUE(trigger.request(callbacks.callback()));
+    for (int old = 2; old <= 50; ++old) EXPECT_FALSE(trigger.request(callbacks.callback()));
+    EXPECT_TRUE(hungSamples().empty());
+    EXPECT_EQ(capture_.count("Seems like snapdump is hung, taking a sample"), 0u);
+
+    // The 52nd request, with no capture ever finished.
+    EXPECT_FALSE(trigger.request(callbacks.callback()));
+    EXPECT_TRUE(capture_.contains(16, "Framework", "Seems like snapdump is hung, taking a sample"));
+    std::vector<std::string> samples = hungSamples();
+    ASSERT_EQ(samples.size(), 1u);
+    EXPECT_EQ(test::readFile(samples[0]), "sampled snapdump\n");
+    EXPECT_TRUE(dateFromString(fs::path(samples[0]).stem().string().substr(14)));
+
+    EXPECT_FALSE(trigger.request(callbacks.callback()));
+    EXPECT_EQ(capture_.count("Seems like snapdump is hung, taking a sample"), 1u);
+    EXPECT_EQ(capture_.count("No need to queue a snapdump, because one is already queued"), 51u);
+    openGate();
+    EXPECT_EQ(callbacks.waitFor(2).size(), 2u);
+  }
+  EXPECT_EQ(callbacks.count(), 2u);
+}
+
+TEST_F(ArchiveDevice, AfterACaptureTheSampleWaitsForAnHourWithoutOne) {
+  time::ScopedScale fast(0.0005);
+  Callbacks callbacks;
+  SnapdumpTrigger trigger;
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  ASSERT_EQ(callbacks.waitFor(1).size(), 1u);
+
+  closeGate();
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  for (int old = 2; old <= 52; ++old) EXPECT_FALSE(trigger.request(callbacks.callback()));
+  EXPECT_EQ(capture_.count("Seems like snapdump is hung, taking a sample"), 0u);
+
+  time::sleepFor(3600);
+  EXPECT_FALSE(trigger.request(callbacks.callback()));
+  EXPECT_TRUE(capture_.contains(16, "Framework", "Seems like snapdump is hung, taking a sample"));
+  EXPECT_EQ(hungSamples().size(), 1u);
+  openGate();
+  EXPECT_EQ(callbacks.waitFor(3).size(), 3u);
+}
+
+TEST_F(ArchiveDevice, SynchronousCaptureBypassesTheQueue) {
+  closeGate();
+  openGate();
+  EXPECT_FALSE(VLTriggerSnapdumpSync());
+  EXPECT_TRUE(capture_.contains(1, "Default", "Triggering snapdump via libssnapdump"));
+  EXPECT_TRUE(capture_.contains(1, "Framework", "Snapdump succeeded"));
+  EXPECT_EQ(eventTimes("end").size(), 1u);
+
+  setPreferences(Dictionary{});
+  std::optional<Error> error = VLTriggerSnapdumpSync();
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(capture_.contains(1, "Framework",
+                                format("Snapdump failed with error '%@'", error->description())));
+
+  setDiagnosticArchiver(std::make_shared<ThrowingArchiver>(false));
+  EXPECT_FALSE(VLTriggerSnapdumpSync());
+  setDiagnosticArchiver(nullptr);
+  EXPECT_TRUE(
+      capture_.contains(1, "Framework", "Snapdump failed with error 'archive service went away'"));
+}
+
+TEST_F(ArchiveDevice, AFailedLogWriteRequestsAnArchive) {
+  // The process's trigger keeps its state: a capture after an earlier one waits out the spacing.
+  time::ScopedScale fast(0.001);
+  // /var of the device lies on a file system without free space, so the write gives up at once.
+  fs::create_directory_symlink("/proc", sandbox_.root() + "/var");
+  setPreferences(Dictionary{});
+  VLLogger logger;
+  EXPECT_THROW(logger.logMessage("cannot be written", "/dev/full"), VLException);
+  EXPECT_TRUE(capture_.contains(0, "Framework",
+                                "Triggering a snapdump because there is no active snapdump"));
+  // The process's trigger captures through the Linux archiver, which finds no command here.
+  EXPECT_TRUE(eventually([&] {
+    for (const CapturedLine& line : capture_.lines()) {
+      if (line.message.rfind("Snapdump failed with error 'Error Domain=com.brindle.Vorlund", 0) ==
+          0) {
+        return true;
+      }
+    }
+    return false;
+  }));
+}
+
+TEST_F(ArchiveDevice, PriorityLogsAreCopiedOnce) {
+  const std::string log = sandbox_.path("radio.log");
+  const std::string saved = sandbox_.home() + "/Library/Logs/PriorityLogs/radio.log";
+  test::writeFile(log, "radio trouble\n");
+  VLSaveLogAsPriority(log);
+  EXPECT_EQ(test::readFile(saved), "radio trouble\n");
+  EXPECT_TRUE(capture_.contains(0, "Framework", "Saving file as a priority log..." + log));
+
+  VLSaveLogAsPriority(log);
+  auto failure = capture_.lines().back();
+  EXPECT_EQ(failure.level, 16);
+  EXPECT_EQ(failure.message.rfind("Saw an error copying priority log file Error Domain=", 0), 0u);
+  EXPECT_EQ(failure.message.substr(failure.message.size() - log.size() - 3), "..." + log);
+
+  setPreferences(Dictionary{{"StartedFromUI", true}});
+  fs::remove(saved);
+  VLSaveLogAsPriority(log);
+  EXPECT_FALSE(test::fileExists(saved));
+  EXPECT_TRUE(capture_.contains(
+      0, "Framework", "Test started from the UI, not moving logs.  Would have moved " + log));
+
+  setPreferences(Dictionary{});
+  fs::remove_all(sandbox_.home() + "/Library/Logs/PriorityLogs");
+  test::writeFile(sandbox_.home() + "/Library/Logs/PriorityLogs", "a file in the way");
+  VLSaveLogAsPriority(log);
+  failure = capture_.lines().back();
+  EXPECT_EQ(failure.level, 16);
+  EXPECT_EQ(failure.message.rfind("Unable to save priority log " + log + "...Error Domain=", 0), 0u)
+      << failure.message;
+}
+
+TEST_F(ArchiveDevice, MemoryWarningsWriteTheReport) {
+  const std::string faultbin = sandbox_.root() + "/var/mobile/Library/Logs/Faultbin";
+  fs::create_directories(faultbin);
+  tool("fbthreadgrab", format("pwd > %s", sandbox_.path("grabbed_in")));
+  for (const char* name : {"culler_rank", "arenalist", "heap", "sample", "leaks"}) {
+    tool(name, format("echo \"%s $*\"", name));
+  }
+  const std::string reports = sandbox_.path("reports/memory");
+  process::ScopedName name("memwatcher");
+
+  VLSaveMemoryWarning(std::to_string(getpid()), reports);
+  EXPECT_EQ(test::readFile(sandbox_.path("grabbed_in")), faultbin + "\n");
+  std::vector<std::string> files;
+  for (const auto& entry : fs::directory_iterator(reports))
+    files.push_back(entry.path().filename());
+  ASSERT_EQ(files.size(), 1u);
+  const std::string& file = files[0];
+  ASSERT_EQ(file.rfind("memwatcher_", 0), 0u) << file;
+  ASSERT_EQ(file.size(),
+            std::string("memwatcher_2026-01-31-081502_ExceededMemoryLimit.txt").size());
+  EXPECT_EQ(file.substr(file.size() - 24), "_ExceededMemoryLimit.txt");
+  std::string report = test::readFile(reports + "/" + file);
+  const std::string pid = std::to_string(getpid());
+  for (const std::string& expected : std::vector<std::string>{
+           "=== UNAME ===\nLinux", "=== CULLER_RANK ===\nculler_rank \n",
+           "=== ARENALIST ===\narenalist -v " + pid + "\n",
+           "heap -guessNonObjects -sumObjectFields " + pid + "\n", "=== SAMPLE ===\nsample " + pid,
+           "=== LEAKS ===\nleaks " + pid + "\n"}) {
+    EXPECT_NE(report.find(expected), std::string::npos) << expected << " in\n" << report;
+  }
+
+  VLSaveMemoryWarning("locationd", reports);
+  size_t named = 0;
+  for (const auto& entry : fs::directory_iterator(reports)) {
+    if (entry.path().filename().string().rfind("locationd_", 0) == 0) {
+      ++named;
+      EXPECT_NE(test::readFile(entry.path()).find("leaks locationd\n"), std::string::npos);
+    }
+  }
+  EXPECT_EQ(named, 1u);
+
+  test::writeFile(sandbox_.path("blocked"), "");
+  VLSaveMemoryWarning("locationd", sandbox_.path("blocked/reports"));
+  auto failure = capture_.lines().back();
+  EXPECT_EQ(failure.level, 16);
+  EXPECT_EQ(
+      failure.message.rfind("Saw an error while creating " + sandbox_.path("blocked/reports") +
+                                ".  Cant save the log... Error Domain=",
+                            0),
+      0u)
+      << failure.message;
+}
+
+TEST_F(ArchiveDevice, LogCollectExportsTheJournalSinceTheStart) {
+  tool("journalctl", "echo \"exported $*\"; echo 'Hint: some entries are hidden' >&2");
+  const Date start{1767225600};  // 2026-01-01 00:00:00 UTC
+  std::optional<std::string> path = VLTriggerLogCollect(start, "wifi drop");
+  ASSERT_TRUE(path);
+  const std::string prefix = sandbox_.root() + "/var/root/Library/Logs/Vorlund/LogCollect/start" +
+                             dateString(start) + "-end";
+  EXPECT_EQ(path->rfind(prefix, 0), 0u) << *path;
+  EXPECT_TRUE(dateFromString(path->substr(prefix.size(), 19)));
+  EXPECT_EQ(path->substr(prefix.size() + 19), ".logarchive");
+  EXPECT_EQ(test::readFile(*path), "exported --since=@1767225600 --output=export\n");
+  EXPECT_TRUE(capture_.contains(1, "Framework", "Triggering log collect for: 'wifi drop'"));
+  EXPECT_TRUE(capture_.contains(16, "Framework",
+                                "Got warning while creating log archive: 'Hint: some entries are "
+                                "hidden'"));
+
+  // Without a journal tool the path comes back all the same.
+  tool("journalctl", "exit 127");
+  EXPECT_TRUE(VLTriggerLogCollect(start, "no journal"));
+
+  fs::remove_all(sandbox_.root() + "/var/root/Library/Logs/Vorlund/LogCollect");
+  test::writeFile(sandbox_.root() + "/var/root/Library/Logs/Vorlund/LogCollect", "in the way");
+  EXPECT_FALSE(VLTriggerLogCollect(start, "blocked"));
+  EXPECT_TRUE(capture_.contains(16, "Framework",
+                                "Failed to create log collect directory. Cannot continue"));
+}
+
+}  // namespace
+}  // namespace vl

@@ -1,0 +1,423 @@
+// The shell runner with real child processes: output capture, standard input, kill timers, the
+// output rules, descriptors and children left behind, and the process queries beside it.
+#include "vorlund/devicetools/shell.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/test_support.h"
+#include "vorlund/devicetools/process_table.h"
+#include "vorlund/devicetools/timer_manager.h"
+#include "vorlund/devicetools/wait.h"
+#include "vorlund/foundation/format.h"
+#include "vorlund/foundation/time_scale.h"
+#include "vorlund/logging/log_capture.h"
+
+namespace vl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Processes whose parent is this one, zombies included.
+std::vector<int> childProcesses() {
+  std::vector<int> children;
+  DIR* proc = opendir("/proc");
+  while (dirent* entry = proc ? readdir(proc) : nullptr) {
+    int pid = std::atoi(entry->d_name);
+    if (pid <= 0) continue;
+    std::string stat = test::readFile(format("/proc/%d/stat", pid));
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) continue;
+    char state = 0;
+    int parent = 0;
+    if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 &&
+        parent == getpid()) {
+      children.push_back(pid);
+    }
+  }
+  if (proc) closedir(proc);
+  return children;
+}
+
+size_t openDescriptorCount() {
+  size_t count = 0;
+  for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
+
+std::string argumentsText(const std::string& command) { return Array{"-c", command}.description(); }
+
+void writeTool(const std::string& path, const std::string& body) {
+  test::writeFile(path, "#!/bin/bash\n" + body + "\n");
+  chmod(path.c_str(), 0755);
+}
+
+// A folder of fake tools put first on PATH.
+class FakeTools {
+ public:
+  FakeTools() : path_("PATH", dir_.path() + ":" + std::string(getenv("PATH"))) {}
+  void add(const std::string& name, const std::string& body) { writeTool(dir_.file(name), body); }
+  std::string file(const std::string& name) const { return dir_.file(name); }
+
+ private:
+  test::TempDir dir_;
+  test::ScopedEnv path_;
+};
+
+TEST(ShellCommand, BuildsABashTaskWithCapturedOutput) {
+  LogCapture capture;
+  test::ScopedEnv path("PATH", "/usr/bin:/bin");
+  auto task = VLCreateBashCommand("echo 'a b' | wc -c");
+  EXPECT_EQ(task->launchPath(), "/bin/bash");
+  EXPECT_EQ(task->arguments(), (std::vector<std::string>{"-c", "echo 'a b' | wc -c"}));
+  ASSERT_TRUE(task->environment());
+  EXPECT_EQ(task->environment()->at("PATH"), "/usr/bin:/bin:/usr/local/bin");
+  EXPECT_EQ(task->environment()->at("HOME"), getenv("HOME"));
+  EXPECT_TRUE(task->standardInput().isInherited());
+  ASSERT_TRUE(task->standardOutput());
+  ASSERT_TRUE(task->standardError());
+  EXPECT_NE(task->standardOutput(), task->standardError());
+  EXPECT_FALSE(task->hasLaunched());
+  EXPECT_EQ(task->processIdentifier(), 0);
+  EXPECT_TRUE(capture.contains(0, "Framework", "Creating bash command : echo 'a b' | wc -c"));
+
+  test::ScopedEnv noPath("PATH", std::nullopt);
+  EXPECT_EQ(VLCreateBashCommand("true")->environment()->at("PATH"), "(null):/usr/local/bin");
+}
+
+TEST(ShellCommand, RunsAndReturnsItsOutputWithTheLogLines) {
+  LogCapture capture;
+  auto task = VLExecuteTask("echo hello; exit 3", {}, true, 5);
+  EXPECT_FALSE(task->isRunning());
+  EXPECT_EQ(task->terminationStatus(), 3);
+  EXPECT_FALSE(task->wasSignalled());
+  EXPECT_EQ(VLConvertPipeToString(task->standardOutput()), "hello\n");
+  const int pid = task->processIdentifier();
+  EXPECT_GT(pid, 0);
+  EXPECT_TRUE(capture.contains(0, "Framework", "Launching shell command echo hello; exit 3"));
+  EXPECT_TRUE(
+      capture.contains(0, "Framework", format("Setting timeout of 5.0 seconds for %d", pid)));
+  EXPECT_TRUE(capture.contains(
+      16, "Framework", format("Completed task %d %@", pid, argumentsText("echo hello; exit 3"))));
+
+  capture.clear();
+  EXPECT_EQ(VLExecuteShellCommand("printf 'x\\ny'", {}, true, 5), "x\ny");
+  EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of printf 'x\\ny' was 0"));
+  EXPECT_EQ(capture.count("output with non 0 termination status is x\ny\n"), 0u);
+}
+
+TEST(ShellCommand, FeedsStandardInputFromAPipeOrAFile) {
+  auto pipe = Pipe::make();
+  ASSERT_TRUE(pipe);
+  ASSERT_TRUE(pipe->write("from a pipe"));
+  pipe->closeWriting();
+  EXPECT_EQ(VLExecuteShellCommand("tr a-z A-Z", pipe, true, 5), "FROM A PIPE");
+
+  test::TempDir dir;
+  test::writeFile(dir.file("input"), "from a file\n");
+  auto handle = FileHandle::adopt(open(dir.file("input").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(handle);
+  EXPECT_EQ(VLExecuteShellCommand("wc -l", handle, true, 5), "1\n");
+}
+
+TEST(ShellCommand, OutputRules) {
+  FakeTools tools;
+  tools.add("curl", "echo body; echo '  % Total    % Received' >&2");
+  test::TempDir dir;
+  LogCapture capture;
+
+  // Output and error text joined by one line feed; the non-zero status is logged, not a failure.
+  std::string both = VLExecuteShellCommand("echo a; ls /vorlund-missing-file", {}, true, 5);
+  std::string error = both.substr(both.find('\n') + 2);
+  EXPECT_EQ(both.substr(0, 3), "a\n\n");
+  EXPECT_NE(error.find("/vorlund-missing-file"), std::string::npos) << both;
+  EXPECT_TRUE(
+      capture.contains(0, "Framework", "output with non 0 termination status is a\n\n" + error));
+  // Only the error stream: the error text alone.
+  EXPECT_EQ(VLExecuteShellCommand("ls /vorlund-missing-file", {}, true, 5), error);
+  // A download writes its progress on standard error: the output alone.
+  EXPECT_EQ(VLExecuteShellCommand("curl http://localhost/x", {}, true, 5), "body\n");
+  // Any ">" gives the empty string, whether it moves error text or writes a listing to a file.
+  EXPECT_EQ(VLExecuteShellCommand("echo a; echo oops >&2", {}, true, 5), "");
+  EXPECT_EQ(VLExecuteShellCommand("ls / > " + dir.file("listing"), {}, true, 5), "");
+  EXPECT_NE(test::readFile(dir.file("listing")).find("proc"), std::string::npos);
+  // Bytes that are not UTF-8 do not decode.
+  EXPECT_EQ(VLExecuteShellCommand("printf 'ab\\377'", {}, true, 5), "");
+  // Without wait nothing is read.
+  EXPECT_EQ(VLExecuteShellCommand("echo unread", {}, false, 5), "");
+}
+
+TEST(ShellCommand, TimeoutKillsWithSignal9) {
+  time::ScopedScale fast(0.05);
+  LogCapture capture;
+  auto start = Clock::now();
+  EXPECT_EQ(VLExecuteShellCommand("sleep 100", {}, true, 2), "");
+  EXPECT_LT(secondsSince(start), 20);
+  EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of sleep 100 was 9"));
+
+  capture.clear();
+  auto task = VLCreateBashCommand("sleep 100");
+  ASSERT_TRUE(task->launch());
+  const int pid = task->processIdentifier();
+  EXPECT_FALSE(VLSetNSTaskToTimeout(task, 2));
+  EXPECT_TRUE(task->wasSignalled());
+  EXPECT_EQ(task->terminationStatus(), 9);
+  EXPECT_TRUE(capture.contains(0, "Framework", format("Killing pid %d with sig [9]", pid)));
+  EXPECT_TRUE(capture.contains(
+      16, "Framework", format("Had to timeout task %d %@", pid, argumentsText("sleep 100"))));
+}
+
+TEST(ShellCommand, TimeoutWithSignal15CountsAsCompleted) {
+  time::ScopedScale fast(0.05);
+  LogCapture capture;
+  EXPECT_EQ(VLExecuteShellCommandWithKillSignal("sleep 100", {}, true, 15, 2), "");
+  EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of sleep 100 was 15"));
+
+  auto task = VLCreateBashCommand("sleep 100");
+  ASSERT_TRUE(task->launch());
+  EXPECT_TRUE(VLSetNSTaskToTimeoutWithKillSignal(task, 15, 2));
+  EXPECT_EQ(task->terminationStatus(), 15);
+}
+
+TEST(ShellCommand, KillTimerRepeatsUntilTheTaskEnds) {
+  time::ScopedScale fast(0.05);
+  LogCapture capture;
+  // Survives the first SIGTERM (which only restores the default action), dies of the second.
+  const std::string command = "trap 'trap - TERM' TERM; while :; do sleep 0.01; done";
+  auto task = VLExecuteTaskWithKillSignal(command, {}, true, 15, 2);
+  EXPECT_EQ(task->terminationStatus(), 15);
+  EXPECT_TRUE(task->wasSignalled());
+  EXPECT_GE(capture.count(format("Killing pid %d with sig [15]", task->processIdentifier())), 2u);
+}
+
+TEST(ShellCommand, ZeroTimeoutWaitsForTheCommand) {
+  time::ScopedScale fast(0.001);
+  LogCapture capture;
+  EXPECT_EQ(VLExecuteShellCommand("sleep 0.3; echo done", {}, true, 0), "done\n");
+  for (const CapturedLine& line : capture.lines()) {
+    EXPECT_EQ(line.message.find("Killing pid"), std::string::npos) << line.message;
+  }
+}
+
+TEST(ShellCommand, WithoutWaitTheTaskIsBoundedInTheBackground) {
+  time::ScopedScale fast(0.05);
+  LogCapture capture;
+  auto task = VLExecuteTask("sleep 100", {}, false, 2);
+  EXPECT_TRUE(task->isRunning());
+  task->waitUntilExit();
+  EXPECT_EQ(task->terminationStatus(), 9);
+  const std::string done =
+      format("Had to timeout task %d %@", task->processIdentifier(), argumentsText("sleep 100"));
+  for (int i = 0; i < 200 && capture.count(done) == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(capture.contains(16, "Framework", done));
+}
+
+TEST(ShellCommand, ATaskThatIsNotRunningCannotBeTimedOut) {
+  LogCapture capture;
+  auto task = Task::make();
+  task->setLaunchPath("/vorlund-missing/tool");
+  task->setArguments({"x"});
+  Error error;
+  EXPECT_FALSE(task->launch(&error));
+  EXPECT_EQ(error.domain, "com.brindle.Vorlund");
+  EXPECT_EQ(error.code, 1);
+  EXPECT_NE(error.userInfo.get("Reason").stringOr("").find("/vorlund-missing/tool"),
+            std::string::npos);
+  EXPECT_FALSE(VLSetNSTaskToTimeout(task, 1));
+  EXPECT_TRUE(capture.contains(0, "Framework", "Setting timeout of 1.0 seconds for 0"));
+  EXPECT_TRUE(capture.contains(16, "Framework",
+                               "Task is not running, cannot timeout " + Array{"x"}.description()));
+
+  auto ended = VLExecuteTask("true", {}, true, 1);
+  EXPECT_FALSE(VLSetNSTaskToTimeout(ended, 1));
+  EXPECT_FALSE(ended->launch());
+}
+
+TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
+  time::ScopedScale fast(0.05);
+  VLExecuteShellCommand("true", {}, true, 1);  // the logger's files are open from here on
+  const size_t descriptors = openDescriptorCount();
+
+  VLExecuteShellCommand("echo out; echo err 1>&2", {}, true, 5);
+  VLExecuteShellCommand("sleep 100", {}, true, 1);
+  VLExecuteTask("exit 0", {}, false, 5)->waitUntilExit();
+  // A task dropped while its child runs kills and reaps it.
+  int pid = 0;
+  {
+    auto task = VLCreateBashCommand("sleep 100");
+    ASSERT_TRUE(task->launch());
+    pid = task->processIdentifier();
+  }
+  EXPECT_EQ(kill(pid, 0), -1);
+  EXPECT_EQ(errno, ESRCH);
+  // Pipes of a task never launched are closed with it.
+  { auto unlaunched = VLCreateBashCommand("true"); }
+
+  EXPECT_EQ(childProcesses(), std::vector<int>{});
+  EXPECT_EQ(openDescriptorCount(), descriptors);
+}
+
+TEST(ShellCommand, LargeOutputOnBothStreamsDoesNotStall) {
+  FakeTools tools;
+  tools.add("noisy",
+            "head -c 600000 /dev/zero | tr '\\0' o; head -c 400000 /dev/zero | tr '\\0' e >&2");
+  auto start = Clock::now();
+  std::string text = VLExecuteShellCommand("noisy", {}, true, 60);
+  EXPECT_LT(secondsSince(start), 30);
+  ASSERT_EQ(text.size(), 1000001u);
+  EXPECT_EQ(text.find_first_not_of('o'), 600000u);
+  EXPECT_EQ(text.find_first_not_of('e', 600001), std::string::npos);
+}
+
+TEST(Pipe, ReadingAndWritingEndsFailCleanly) {
+  LogCapture capture;
+  EXPECT_EQ(VLConvertPipeToString(nullptr), "");
+  auto pipe = Pipe::make();
+  ASSERT_TRUE(pipe->write("once"));
+  pipe->closeWriting();
+  EXPECT_EQ(VLConvertPipeToString(pipe), "once");
+  EXPECT_EQ(pipe->readingDescriptor(), -1);
+  EXPECT_EQ(VLConvertPipeToString(pipe), "");
+  ASSERT_EQ(capture.lines().size(), 1u);
+  EXPECT_EQ(capture.lines()[0].level, 16);
+  EXPECT_EQ(capture.lines()[0].message.rfind("Caught an exception, returning an empty string... "
+                                             "Error Domain=com.brindle.Vorlund Code=1",
+                                             0),
+            0u);
+
+  // A reader that has gone: an error, not the end of the process.
+  auto orphan = Pipe::make();
+  orphan->closeReading();
+  Error error;
+  EXPECT_FALSE(orphan->write("nobody reads", &error));
+  EXPECT_NE(error.localizedDescription().find("Broken pipe"), std::string::npos);
+}
+
+TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
+  LogCapture capture;
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  int lowestFree = dup(0);
+  ASSERT_GE(lowestFree, 0);
+  close(lowestFree);
+  rlimit tight = saved;
+  tight.rlim_cur = static_cast<rlim_t>(lowestFree);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  auto task = VLCreateBashCommand("true");
+  setrlimit(RLIMIT_NOFILE, &saved);
+
+  EXPECT_FALSE(task->standardError());
+  EXPECT_FALSE(task->standardOutput());
+  auto lines = capture.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1].level, 16);
+  EXPECT_EQ(lines[1].message.rfind("Saw an exception trying to set up NSPipes... Error Domain="
+                                   "com.brindle.Vorlund Code=1 \"Could not create a pipe: Too many "
+                                   "open files\"",
+                                   0),
+            0u)
+      << lines[1].message;
+}
+
+TEST(ProcessTable, FindsARealChildByItsShortName) {
+  test::TempDir dir;
+  // The kernel keeps 15 characters of the name: "vlpidprobe_long".
+  const std::string program = dir.file("vlpidprobe_long_name");
+  ASSERT_EQ(symlink("/bin/sleep", program.c_str()), 0);
+  auto task = VLCreateBashCommand("exec " + program + " 30");
+  ASSERT_TRUE(task->launch());
+  int32_t found = -1;
+  for (int i = 0; i < 500 && found < 0; ++i) {
+    found = VLGetPIDForProcess("vlpidprobe_long");
+    if (found < 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_EQ(found, task->processIdentifier());
+  EXPECT_EQ(VLGetPIDForProcess("vlpidprobe_long_name"), -1);
+  EXPECT_EQ(VLGetPIDForProcess("vlpidprobe_long_"), -1);
+  EXPECT_EQ(VLGetPIDForProcess("vlpidprobe_lon"), -1);
+  EXPECT_EQ(VLGetPIDForProcess(""), -1);
+  EXPECT_EQ(VLGetPIDForProcess("vorlund-no-such-process"), -1);
+}
+
+TEST(ProcessTable, MemoryFromTheMemoryTable) {
+  FakeTools tools;
+  tools.add("culler_rank",
+            "printf '  125.5MB   80.2MB  200.0MB N Y 12 - locationd\\n'\n"
+            "printf '     42MB     10MB     11MB NY0 -  mobileassetd\\n'");
+  LogCapture capture;
+  EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("locationd"), 125.5);
+  EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("mobileassetd"), 42);
+  EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("bluetoothd"), 0.0);
+  EXPECT_TRUE(capture.contains(
+      1, "Framework", "Unable to find match for process bluetoothd. Match: (null), Error: (null)"));
+  // The name is part of the pattern as it is.
+  EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("mobile.*"), 42);
+  EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("("), 0.0);
+  auto bad = capture.lines().back();
+  EXPECT_EQ(bad.message.rfind("Unable to find match for process (. Match: (null), Error: Error "
+                              "Domain=VLRegexErrorDomain",
+                              0),
+            0u)
+      << bad.message;
+}
+
+TEST(ProcessTable, CoresOfTheHost) {
+  test::ChildResult getconf = test::runChild({"getconf", "_NPROCESSORS_ONLN"});
+  ASSERT_EQ(getconf.exitStatus, 0);
+  EXPECT_EQ(VLGetNumberOfCoresOnHost(), std::stoll(getconf.out));
+}
+
+TEST(WaitForSeconds, SleepsTheScaledTime) {
+  time::ScopedScale fast(0.01);
+  auto start = Clock::now();
+  waitForSeconds(20);
+  EXPECT_GE(secondsSince(start), 0.2);
+  EXPECT_LT(secondsSince(start), 5);
+  start = Clock::now();
+  waitForSeconds(-5);
+  EXPECT_LT(secondsSince(start), 0.05);
+}
+
+TEST(FUTimerManager, KeepsAndCancelsTimersByKey) {
+  LogCapture capture;
+  auto& manager = FUTimerManager::sharedManager();
+  EXPECT_EQ(&manager, &FUTimerManager::sharedManager());
+  auto first = std::make_shared<Timer>(nullptr, 100, 100, 0, [] {});
+  auto second = std::make_shared<Timer>(nullptr, 100, 100, 0, [] {});
+  manager.addTimer(first, "/logs/a");
+  manager.addTimer(second, "/logs/a");  // replaces without cancelling
+  EXPECT_FALSE(first->isCancelled());
+  manager.cancelTimerForKey("/logs/a");
+  EXPECT_TRUE(second->isCancelled());
+  EXPECT_FALSE(first->isCancelled());
+  EXPECT_TRUE(capture.lines().empty());
+  manager.cancelTimerForKey("/logs/a");
+  EXPECT_TRUE(capture.contains(16, "FileUtilities", "No timer exists for '/logs/a'!"));
+
+  manager.addTimer(first, "/logs/b");
+  manager.addTimer(nullptr, "/logs/b");  // removes the key
+  manager.cancelTimerForKey("/logs/b");
+  EXPECT_FALSE(first->isCancelled());
+  EXPECT_TRUE(capture.contains(16, "FileUtilities", "No timer exists for '/logs/b'!"));
+}
+
+}  // namespace
+}  // namespace vl

@@ -1,0 +1,29 @@
+// vorlundctl: the command-line front end of Vorlund. Each command lives in a file of its own and
+// registers itself with the app here.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+
+#include "commands.h"
+
+int main(int argc, char** argv) {
+  CLI::App app{"vorlundctl: look into Vorlund's files and messages"};
+  app.require_subcommand(1);
+  app.set_help_all_flag("--help-all", "Show help for every command");
+
+  vorlundctl::addDecodeCommand(app);
+  vorlundctl::addEncodeCommand(app);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+  try {
+    return vorlundctl::runSelectedCommand();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "vorlundctl: %s\n", e.what());
+    return 1;
+  }
+}
