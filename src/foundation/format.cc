@@ -171,7 +171,7 @@ std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args)
     }
     while (i < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[i]))) s.width += fmt[i++];
     if (i < fmt.size() && fmt[i] == '.') {
-      s.precision = ".";
+      s.precision.push_back('.');
       ++i;
       while (i < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[i]))) s.precision += fmt[i++];
     }
