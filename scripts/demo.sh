@@ -5,8 +5,11 @@ set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
 ctl="$top/$build/tools/vorlundctl"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# The demo's files stay under the build folder, so that its results file and timeline can be
+# opened afterwards; each run starts afresh.
+work="$top/$build/demo"
+rm -rf "$work"
+mkdir -p "$work"
 
 # A private home, so the demo leaves the user's own log folder alone.
 export HOME="$work/home"
@@ -21,3 +24,22 @@ echo "wrote $(stat -c %s "$work/test_case.archive") bytes, $(head -c 8 "$work/te
 echo
 echo "== vorlundctl decode test_case.archive"
 "$ctl" decode "$work/test_case.archive"
+
+echo
+echo "== A run recorded from the shell with vorlundctl results"
+export VORLUND_SERIAL_NUMBER=DEMO0001
+"$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz
+"$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz
+"$ctl" results add --name "WiFi Ping Gateway" --type PassFail --fail "Request timeout" --tag band=5GHz
+for mbps in 41.5 44.0 39.25; do
+  "$ctl" results add --name "WiFi Download" --type Average --pass --metric Mbps=$mbps --metric RTT=12
+done
+start=$(date -d '-90 seconds' +%Y-%m-%d-%H-%M-%S)
+"$ctl" results add --name "Cellular Attach" --type HistogramByTime --fail "Attach reject" --start "$start"
+"$ctl" results add --name "BT Pairing" --type HistogramByInstance --fail "Pairing timeout"
+"$ctl" results add --name "BT Pairing" --type HistogramByInstance --pass
+"$ctl" results add-issue --process wpa_supplicant --reason "SIGSEGV in driver event" --type Crash
+echo "-- a result without its pass/fail is refused, and the run stays as it was:"
+"$ctl" results add --name "WiFi Ping Gateway" --type PassFail || true
+echo
+"$ctl" results show

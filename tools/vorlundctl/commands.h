@@ -17,6 +17,7 @@ struct UsageFailure : std::runtime_error {
 
 void addDecodeCommand(CLI::App& app);
 void addEncodeCommand(CLI::App& app);
+void addResultsCommand(CLI::App& app);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

@@ -8,12 +8,13 @@
 #include "commands.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"vorlundctl: look into Vorlund's files and messages"};
+  CLI::App app{"vorlundctl: the front end of Vorlund, the wireless stress-test system"};
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Show help for every command");
 
   vorlundctl::addDecodeCommand(app);
   vorlundctl::addEncodeCommand(app);
+  vorlundctl::addResultsCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,138 @@
+#include "vorlund/results/issue.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "catalogue/value_printers.h"
+#include "results/run_sandbox.h"
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/error.h"
+#include "vorlund/logging/log_hooks.h"
+#include "vorlund/results/issue_reporting.h"
+
+namespace {
+
+using vl::Dictionary;
+using vl::Value;
+
+std::shared_ptr<VLIssue> crashIssue(double seconds = 1700000000.75) {
+  auto issue = VLIssue::make();
+  issue->setReason(std::string("wpa_supplicant - Crash"));
+  issue->setProcess(std::string("wpa_supplicant"));
+  issue->setType(std::string("Crash"));
+  issue->setTime(vl::Date{seconds});
+  return issue;
+}
+
+std::string invalidReason(const VLIssue& issue) {
+  try {
+    issue.isValid();
+  } catch (const VLException& exception) {
+    EXPECT_EQ(exception.name(), "VLIssueInvalid");
+    return exception.reason();
+  }
+  return "valid";
+}
+
+TEST(IssueTest, ValidityNamesTheFirstMissingFieldInOrder) {
+  auto issue = VLIssue::make();
+  EXPECT_EQ(issue->instances(), 1u);
+  EXPECT_FALSE(issue->primaryProcess() || issue->wirelessProcess());
+  EXPECT_EQ(invalidReason(*issue), issue->description() + " did not have a reason set");
+
+  issue->setReason(std::string("r"));
+  issue->setType(std::string("Crash"));
+  EXPECT_EQ(invalidReason(*issue), issue->description() + " did not have a process set");
+  issue->setProcess(std::string("p"));
+  EXPECT_EQ(invalidReason(*issue), issue->description() + " did not have a time set");
+
+  auto complete = crashIssue();
+  complete->setType(std::nullopt);
+  EXPECT_EQ(invalidReason(*complete), complete->description() + " did not have a type set");
+  complete->setType(std::string("Crash"));
+  complete->setInstances(0);
+  EXPECT_EQ(invalidReason(*complete), complete->description() + " cannot have instances set to 0");
+  complete->setInstances(3);
+  EXPECT_TRUE(complete->isValid());
+}
+
+TEST(IssueTest, EqualityComparesTimeReasonAndProcessOnly) {
+  auto a = crashIssue();
+  auto b = crashIssue();
+  b->setType(std::string("Failure"));
+  b->setInstances(9);
+  b->setPrimaryProcess(true);
+  EXPECT_TRUE(a->isEqualToIssue(*b));
+  EXPECT_TRUE(Value(a) == Value(b));
+
+  b->setTime(vl::Date{1700000001.75});
+  EXPECT_FALSE(a->isEqualToIssue(*b));
+  auto c = crashIssue();
+  c->setProcess(std::string("iwd"));
+  EXPECT_FALSE(a->isEqualToIssue(*c));
+  EXPECT_FALSE(VLIssue::make()->isEqualToIssue(*VLIssue::make()));
+}
+
+TEST(IssueTest, KeyedFormsKeepTheirOrderAndTheTimeToTheSecond) {
+  auto issue = crashIssue();
+  issue->setWirelessProcess(true);
+  issue->setInstances(4);
+  Dictionary dictionary = issue->getDictionaryRepresentation();
+  std::vector<std::string> keys{"Reason",        "Process",         "Type",      "Time",
+                                "MTBFImpacting", "WirelessProcess", "Instances", "Class"};
+  EXPECT_EQ(dictionary.keys(), keys);
+  EXPECT_EQ(dictionary.get("Time"), Value(vl::dateString(vl::Date{1700000000.75})));
+  EXPECT_EQ(dictionary.get("Instances").asNumber()->typeCode(), 'Q');
+  EXPECT_EQ(issue->description(), "VLIssue with dictionarion: " + Value(dictionary).description());
+
+  auto back = VLIssue::withDictionary(dictionary);
+  EXPECT_EQ(back->time()->secondsSince1970, std::floor(issue->time()->secondsSince1970));
+  EXPECT_FALSE(back->isEqualToIssue(*issue));
+  EXPECT_EQ(back->getDictionaryRepresentation(), dictionary);
+
+  std::optional<vl::Data> data = VLConvertObjectToData(Value(issue));
+  ASSERT_TRUE(data);
+  auto decoded = VLConvertDataToObject(*data).record<VLIssue>();
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->getDictionaryRepresentation(), dictionary);
+
+  // A key of another type keeps the default.
+  auto broken = VLIssue::withDictionary(Dictionary{{"Reason", 5}, {"Instances", 2}});
+  EXPECT_FALSE(broken->reason());
+  EXPECT_EQ(broken->instances(), 2u);
+}
+
+TEST(IssueTest, ReportingFunctionsAddToTheCurrentResults) {
+  vl::test::RunSandbox run;
+  VLAddCrashToResults("bluetoothd", "bluetoothd - Crash");
+  VLAddFailureToResults("disk full");
+  VLAddStatisticToResults("Sample requested but not implemented in any bundles");
+  vl::logging::recordStatisticIssue("malformed event");
+
+  auto issues = run.results()->issueList();
+  ASSERT_EQ(issues.size(), 4u);
+  struct Expected {
+    const char* reason;
+    const char* process;
+    const char* type;
+    bool primary;
+  };
+  const Expected expected[] = {
+      {"bluetoothd - Crash", "bluetoothd", "Crash", true},
+      {"disk full", "Vorlund", "Failure", false},
+      {"Sample requested but not implemented in any bundles", "Vorlund", "Statistic", false},
+      {"malformed event", "Vorlund", "Statistic", false},
+  };
+  for (size_t i = 0; i < issues.size(); ++i) {
+    EXPECT_EQ(issues[i]->reason(), expected[i].reason);
+    EXPECT_EQ(issues[i]->process(), expected[i].process);
+    EXPECT_EQ(issues[i]->type(), expected[i].type);
+    EXPECT_EQ(issues[i]->primaryProcess(), expected[i].primary);
+    EXPECT_EQ(issues[i]->instances(), 1u);
+    EXPECT_GE(*issues[i]->time(), run.results()->startTime());
+  }
+}
+
+}  // namespace

@@ -1,0 +1,613 @@
+// The results file and the resume data of a run, on real files in a sandboxed device: names, key
+// order (read back by our reader and by python3's plistlib), the Config table, suspend and resume,
+// bad resume data, restoring from a results file, and writes that fail or are killed midway.
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+
+#include "catalogue/value_printers.h"
+#include "results/run_sandbox.h"
+#include "support/child_process.h"
+#include "vorlund/conversion/keyed_archive.h"
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/json.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/results.h"
+#include "vorlund/results/test_case_statistic.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using vl::Array;
+using vl::Dictionary;
+using vl::Value;
+
+// clang-format off
+const std::vector<std::string> kResultsFileKeys{
+    "Test Settings", "City", "Hardware Info", "Software Info", "Logging Info", "StressType",
+    "WirelessTechnology", "StressSubtype", "Config", "PlistVersion", "LastUpdated",
+    "MergedResults", "RunTime", "StartTime", "CampedRAT", "CampedRAT2", "MTBF", "WirelessCrashes",
+    "Issues", "TestCases"};
+
+const std::vector<std::string> kResumeKeys{
+    "History", "Failures", "Issues", "Iterations", "Primary Snapdumps", "Stress Snapdumps",
+    "Statistics", "StartTime", "ResetStartTime", "WirelessCrashes", "Hardware Info",
+    "Software Info", "Logging Info", "Test Settings", "StressType", "WirelessTechnology",
+    "StressSubtype", "Config"};
+// clang-format on
+
+std::shared_ptr<VLTestCaseResult> result(const std::string& name, bool passed,
+                                         const char* type = kVLTestCaseResultTypePassFail) {
+  auto definition = VLTestCaseObject::make();
+  definition->setName(name);
+  definition->setSelector(std::string("run:"));
+  definition->setType(std::string(type));
+  definition->setWebTags(Dictionary{});
+  auto r = VLTestCaseResult::withTestCaseObject(definition);
+  if (passed) {
+    r->pass();
+  } else {
+    r->failWithReason("timeout");
+  }
+  r->setEndTime(vl::Date::now());
+  return r;
+}
+
+std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
+                               const char* type, const VLResults& results) {
+  auto i = VLIssue::make();
+  i->setReason(reason);
+  i->setProcess(process);
+  i->setType(std::string(type));
+  i->setTime(vl::Date{results.startTime().secondsSince1970 + 5});
+  return i;
+}
+
+// A run with results of three kinds, a wireless crash, a failure and a City in its settings.
+void fillRun(VLResults& results) {
+  Dictionary settings = results.testSettings();
+  settings.set("City", "Cupertino");
+  results.setTestSettings(settings);
+  results.addTestCaseResult(result("Ping", true), false);
+  results.addTestCaseResult(result("Ping", false), false);
+  auto average = result("Throughput", true, kVLTestCaseResultTypeAverage);
+  average->addMetric(Value(42.5), std::string("Mbps"));
+  results.addTestCaseResult(average, false);
+  results.addIssue(issue("uwbd crashed", "uwbd", "Crash", results));
+  results.addIssue(issue("Scan stalled", "Vorlund", "Failure", results));
+}
+
+std::string resultsFolder(const vl::test::RunSandbox& run) {
+  return run.device().home() + "/Library/Logs/Vorlund/Results";
+}
+
+// Reads the Config table of a timeline into a dictionary of texts.
+std::map<std::string, std::string> configTable(const std::string& path) {
+  std::map<std::string, std::string> rows;
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  sqlite3_stmt* statement = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT key, value FROM Config", -1, &statement, nullptr),
+            SQLITE_OK);
+  while (statement && sqlite3_step(statement) == SQLITE_ROW) {
+    auto text = [&](int column) {
+      const unsigned char* t = sqlite3_column_text(statement, column);
+      return t ? std::string(reinterpret_cast<const char*>(t)) : std::string();
+    };
+    rows[text(0)] = text(1);
+  }
+  sqlite3_finalize(statement);
+  sqlite3_close(db);
+  return rows;
+}
+
+std::vector<std::string> capturedMessagesStartingWith(const vl::LogCapture& capture,
+                                                      VLLogLevel level, const std::string& category,
+                                                      const std::string& prefix) {
+  std::vector<std::string> messages;
+  for (const auto& line : capture.lines()) {
+    if (line.level == level && line.category == category && line.message.starts_with(prefix))
+      messages.push_back(line.message);
+  }
+  return messages;
+}
+
+// Dates in XML property lists keep whole seconds.
+double wholeSeconds(vl::Date date) { return std::floor(date.secondsSince1970); }
+
+TEST(ResultsFileTest, TheFileIsNamedByStressTypeSerialAndStartDate) {
+  vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  const std::string date = vl::dateString(results->startTime());
+
+  EXPECT_EQ(results->getResultsFilePath(),
+            resultsFolder(run) + "/VorlundResults_wifi_" + date + ".plist");
+  ASSERT_TRUE(results->saveToDisk());
+  EXPECT_TRUE(fs::is_regular_file(resultsFolder(run) + "/VorlundResults_wifi_" + date + ".plist"));
+
+  {
+    vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "C02XK1");
+    EXPECT_EQ(results->getResultsFilePath(),
+              resultsFolder(run) + "/VorlundResults_wifi_C02XK1_" + date + ".plist");
+    // The preference comes before the environment.
+    run.setPreference("SerialNumber", "F17PREF");
+    EXPECT_EQ(results->getResultsFilePath(),
+              resultsFolder(run) + "/VorlundResults_wifi_F17PREF_" + date + ".plist");
+  }
+}
+
+TEST(ResultsFileTest, KeysComeInOrderForOurReaderAndForPlistlib) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  fillRun(*results);
+  results->setRuntime(7200);
+  results->setMergedResults(3);
+  Dictionary crashes = results->wirelessCrashes();
+  crashes.set("wifi", Dictionary{{"wpa_supplicant", 4}, {"Total", 4}});
+  crashes.set("bluetooth", Dictionary{{"Total", 0}});
+  results->setWirelessCrashes(crashes);
+  const std::string path = run.device().path("out/results.plist");
+
+  ASSERT_TRUE(results->saveToFile(path));
+
+  std::optional<Dictionary> file = vl::plist::readDictionary(path);
+  ASSERT_TRUE(file);
+  EXPECT_EQ(file->keys(), kResultsFileKeys);
+  EXPECT_EQ(file->get("City"), Value("Cupertino"));
+  EXPECT_EQ(file->get("StressType"), Value("wifi"));
+  EXPECT_EQ(file->get("WirelessTechnology"), Value("WiFi"));
+  EXPECT_EQ(file->get("StressSubtype"), Value("Default"));
+  EXPECT_EQ(file->get("PlistVersion"), Value(kVLResultsVersion));
+  EXPECT_EQ(file->get("MergedResults"), Value(3));
+  EXPECT_EQ(file->get("RunTime"), Value(7200.0));
+  EXPECT_EQ(file->get("StartTime").asDate()->secondsSince1970, wholeSeconds(results->startTime()));
+  EXPECT_EQ(file->get("LastUpdated").asDate()->secondsSince1970,
+            wholeSeconds(results->lastUpdated()));
+  EXPECT_EQ(file->get("CampedRAT"), Value(""));
+  EXPECT_EQ(file->get("CampedRAT2"), Value(""));
+  // One uwbd crash counts in "uwb" and "overall"; a count of 0 gives the run time.
+  EXPECT_EQ(file->get("MTBF"),
+            Value(Dictionary{
+                {"uwb", 7200.0}, {"overall", 7200.0}, {"wifi", 1800.0}, {"bluetooth", 7200.0}}));
+  EXPECT_EQ(file->get("WirelessCrashes"), Value(results->wirelessCrashes()));
+  const Array* issues = file->get("Issues").asArray();
+  ASSERT_TRUE(issues);
+  ASSERT_EQ(issues->size(), 2u) << Value(*issues).description();
+  EXPECT_EQ((*issues)[0].asDictionary()->get("Reason"), Value("uwbd crashed"));
+  EXPECT_EQ((*issues)[1].asDictionary()->get("Reason"), Value("Scan stalled"));
+  const Dictionary* testCases = file->get("TestCases").asDictionary();
+  ASSERT_TRUE(testCases);
+  EXPECT_EQ(testCases->keys(), (std::vector<std::string>{"Ping", "Throughput"}));
+  EXPECT_EQ(testCases->get("Ping").asDictionary()->get("Instances"), Value(2));
+  EXPECT_EQ(testCases->get("Ping").asDictionary()->get("FailureRate"), Value(0.5));
+
+  // An outside reader sees the same order and values.
+  const char* script =
+      "import json, plistlib, sys\n"
+      "d = plistlib.load(open(sys.argv[1], 'rb'))\n"
+      "print(json.dumps({'keys': list(d), 'mtbf': d['MTBF'], 'tech': d['WirelessTechnology'],\n"
+      "                  'tests': list(d['TestCases'])}))\n";
+  vl::test::ChildResult python = vl::test::runChild({"python3", "-c", script, path});
+  ASSERT_EQ(python.exitStatus, 0) << python.err;
+  std::optional<Value> parsed = vl::json::parse(python.out);
+  ASSERT_TRUE(parsed && parsed->asDictionary()) << python.out;
+  Array expectedKeys;
+  for (const auto& key : kResultsFileKeys) expectedKeys.push_back(key);
+  EXPECT_EQ(parsed->asDictionary()->get("keys"), Value(expectedKeys));
+  EXPECT_EQ(parsed->asDictionary()->get("tech"), Value("WiFi"));
+  EXPECT_EQ(parsed->asDictionary()->get("mtbf"), file->get("MTBF"));
+  EXPECT_EQ(parsed->asDictionary()->get("tests"), Value(Array{"Ping", "Throughput"}));
+}
+
+TEST(ResultsFileTest, FormatThreeCountsGiveMtbfAndNoCityMeansNoCityKey) {
+  vl::test::RunSandbox run({{"StressType", "Bluetooth"}, {"StressSubtype", "Default"}});
+  auto results = run.results();
+  results->setVersion(3.0);
+  results->setRuntime(1000);
+  results->setWirelessCrashes(Dictionary{{"wifi", 4}, {"nfc", 0}});
+
+  Dictionary file = results->resultsFileDictionary();
+  EXPECT_FALSE(file.contains("City"));
+  EXPECT_EQ(file.get("PlistVersion"), Value(3.0));
+  EXPECT_EQ(file.get("WirelessTechnology"), Value("Bluetooth"));
+  EXPECT_EQ(file.get("MTBF"), Value(Dictionary{{"wifi", 250.0}, {"nfc", 1000.0}}));
+
+  results->setTestType("soak");
+  EXPECT_EQ(results->resultsFileDictionary().get("WirelessTechnology"), Value("None"));
+  results->setTestType("uwb");
+  EXPECT_EQ(results->resultsFileDictionary().get("WirelessTechnology"), Value("UWB"));
+}
+
+TEST(ResultsFileTest, EachSaveRewritesTheTimelineConfigTable) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  fillRun(*results);
+  results->setConfig("Nightly");
+  ASSERT_TRUE(results->saveToDisk());
+
+  auto rows = configTable(results->timelinePath());
+  EXPECT_EQ(rows["StressType"], "wifi");
+  EXPECT_EQ(rows["WirelessTechnology"], "WiFi");
+  EXPECT_EQ(rows["Config"], "Nightly");
+  EXPECT_EQ(rows["City"], "Cupertino");
+  EXPECT_EQ(rows["CampedRAT"], "");
+  EXPECT_TRUE(rows.count("RunTime"));
+  EXPECT_FALSE(rows.count("MTBF"));
+  EXPECT_FALSE(rows.count("Issues"));
+
+  results->setConfig("Weekend");
+  ASSERT_TRUE(results->saveToDisk());
+  EXPECT_EQ(configTable(results->timelinePath())["Config"], "Weekend");
+}
+
+TEST(ResultsFileTest, AnUnwritablePathIsLoggedAndReturnsFalse) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  const std::string blocker = run.device().path("blocker");
+  vl::test::writeFile(blocker, "a file where a folder belongs");
+  const std::string path = blocker + "/results.plist";
+  vl::LogCapture capture;
+
+  EXPECT_FALSE(results->saveToFile(path));
+
+  auto lines = capturedMessagesStartingWith(capture, VLLogLevelError, "Results",
+                                            "Failed to write out plist @ " + path + "\n Data:\n {");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("StressType = wifi;"), std::string::npos) << lines[0];
+}
+
+TEST(ResumeDataTest, ASuspendedRunResumesWhereItStopped) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  fillRun(*results);
+  results->setPrimarySnapdumps(7);
+  results->setStressSnapdumps(3);
+  results->setFailureCounts(Dictionary{{"Ping", Dictionary{{"timeout", 2}}}});
+  results->setStartTime(vl::Date{results->startTime().secondsSince1970 - 3600});
+  results->resetStartTime();
+  results->setPlistPath(results->getResultsFilePath());
+  results->setTimelinePath(results->getTimelineFilePath());
+  const int64_t iterations = results->iterations();
+  ASSERT_EQ(iterations, 3);
+
+  ASSERT_TRUE(results->suspend());
+
+  const std::string resumePath = VLResults::resumeDataPath();
+  EXPECT_EQ(resumePath, run.device().home() + "/Library/Caches/vorlund_results_resume_data.plist");
+  EXPECT_TRUE(fs::is_regular_file(results->plistPath()));
+  std::string bytes = vl::test::readFile(resumePath);
+  ASSERT_TRUE(vl::isKeyedArchive(bytes));
+  // The archive holds statistics, which the external class set alone refuses.
+  EXPECT_FALSE(vl::unarchive(bytes, VLValidExternalClassesForCoding()));
+  vl::ClassSet classes = VLValidExternalClassesForCoding();
+  classes.insert(VLTestCaseStatistic::kClassName);
+  std::optional<Value> archived = vl::unarchive(bytes, classes);
+  ASSERT_TRUE(archived && archived->asDictionary());
+  for (const auto& key : kResumeKeys) EXPECT_TRUE(archived->asDictionary()->contains(key)) << key;
+
+  // The removal also runs "rm <path>" through the shell; a recording rm on PATH sees it.
+  vl::test::TempDir tools;
+  const std::string rmLog = tools.file("rm.log");
+  vl::test::writeFile(tools.file("rm"),
+                      "#!/bin/sh\necho \"$@\" >> '" + rmLog + "'\nexec /bin/rm \"$@\"\n");
+  fs::permissions(tools.file("rm"), fs::perms::owner_all);
+  vl::test::ScopedEnv path("PATH", tools.path() + ":" + std::getenv("PATH"));
+
+  auto resumed = VLResults::withResumeData();
+
+  ASSERT_TRUE(resumed);
+  EXPECT_TRUE(resumed->resumed());
+  EXPECT_FALSE(fs::exists(resumePath));
+  EXPECT_EQ(vl::test::readFile(rmLog), resumePath + "\n");
+  EXPECT_EQ(resumed->startTime(), results->startTime());
+  EXPECT_EQ(resumed->resetStartDate(), results->resetStartDate());
+  EXPECT_EQ(resumed->plistPath(), results->plistPath());
+  EXPECT_EQ(resumed->timelinePath(), results->timelinePath());
+  EXPECT_EQ(resumed->iterations(), iterations);
+  EXPECT_EQ(resumed->primarySnapdumps(), 7u);
+  EXPECT_EQ(resumed->stressSnapdumps(), 3u);
+  EXPECT_EQ(resumed->failureCounts(), results->failureCounts());
+  EXPECT_EQ(resumed->wirelessCrashes(), results->wirelessCrashes());
+  EXPECT_EQ(resumed->testSettings(), results->testSettings());
+  EXPECT_EQ(resumed->hardwareInfo(), results->hardwareInfo());
+  EXPECT_EQ(resumed->config(), results->config());
+  EXPECT_EQ(resumed->testSubtype(), "Default");
+  EXPECT_EQ(Value(resumed->testCaseStatistics()), Value(results->testCaseStatistics()));
+  const auto issuesBefore = results->issueList();
+  const auto issuesAfter = resumed->issueList();
+  ASSERT_EQ(issuesAfter.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) {
+    const VLIssue& before = *issuesBefore[i];
+    const VLIssue& after = *issuesAfter[i];
+    EXPECT_EQ(after.reason(), before.reason());
+    EXPECT_EQ(after.process(), before.process());
+    EXPECT_EQ(after.instances(), before.instances());
+    EXPECT_EQ(after.wirelessProcess(), before.wirelessProcess());
+    // An issue's coded time is a date string: whole seconds.
+    EXPECT_EQ(after.time()->secondsSince1970, wholeSeconds(*before.time()));
+  }
+  ASSERT_EQ(resumed->getHistory().size(), 3u);
+  EXPECT_EQ(resumed->getHistory()[2].record<VLTestCaseObject>()->name(),
+            std::optional<std::string>("Throughput"));
+  EXPECT_GT(resumed->runtime(), 0);
+  EXPECT_LT(resumed->runtime(), 60);  // counted from the reset, not from the start
+
+  // The resumed run carries on: the next row is the fourth, and the statistic keeps counting.
+  resumed->addTestCaseResult(result("Ping", true), false);
+  EXPECT_EQ(resumed->iterations(), iterations + 1);
+  EXPECT_EQ(resumed->statisticForName("Ping")->instances(), 3u);
+}
+
+TEST(ResumeDataTest, BadResumeDataGivesAFreshRunWithTheSystemsLines) {
+  vl::test::RunSandbox run;
+  auto original = run.results();
+  original->addIssue(issue("Scan stalled", "Vorlund", "Failure", *original));
+  ASSERT_TRUE(original->suspend());
+  const std::string resumePath = VLResults::resumeDataPath();
+  const std::string good = vl::test::readFile(resumePath);
+
+  struct Case {
+    std::string name;
+    std::optional<std::string> bytes;  // none: no file at all
+    std::string errorLinePrefix;
+  };
+  auto archived = [](const Value& root) { return *vl::archive(root); };
+  const std::string unarchiveError = "NSKeyedUnarchiver returned with error: ";
+  const std::string exception = "Hit exception trying to unarchive resume plist: ";
+  std::vector<Case> cases{
+      {"missing", std::nullopt,
+       "Failed to read data from resume data file: " + resumePath +
+           " error: No such file or directory"},
+      {"garbage", std::string("\x00\x01not a property list at all", 28), unarchiveError},
+      {"empty", std::string(), unarchiveError},
+      {"truncated", good.substr(0, good.size() / 2), unarchiveError},
+      {"plain plist",
+       *vl::plist::serialize(Value(Dictionary{{"Issues", Array{}}}), vl::plist::Format::Xml),
+       unarchiveError},
+      {"archived array", archived(Value(Array{"a", "b"})),
+       exception + "Resume data holds NSArray where a dictionary belongs"},
+      {"issues of the wrong type", archived(Value(Dictionary{{"Issues", "none"}})),
+       exception + "Resume data key \"Issues\" holds NSString where an array belongs"},
+      {"a result among the issues",
+       archived(Value(Dictionary{{"Issues", Array{Value(result("Ping", true))}}})),
+       exception + "Resume data key \"Issues\" holds VLTestCaseResult where a VLIssue belongs"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove(resumePath);
+    if (c.bytes) vl::test::writeFile(resumePath, *c.bytes);
+    vl::LogCapture capture;
+
+    std::shared_ptr<VLResults> fresh;
+    ASSERT_NO_THROW(fresh = VLResults::withResumeData());
+
+    ASSERT_TRUE(fresh);
+    EXPECT_FALSE(fresh->resumed());
+    EXPECT_TRUE(fresh->issueList().empty());
+    EXPECT_NE(fresh->startTime(), original->startTime());
+    auto errors =
+        capturedMessagesStartingWith(capture, VLLogLevelError, "Framework", c.errorLinePrefix);
+    EXPECT_EQ(errors.size(), 1u);
+    if (c.errorLinePrefix == exception || !c.bytes) {
+      ASSERT_EQ(errors.size(), 1u);
+      EXPECT_EQ(errors[0], c.errorLinePrefix);
+    }
+    if (c.bytes) {
+      EXPECT_TRUE(capture.contains(VLLogLevelNotice, "Framework",
+                                   "Returning default results object so we're not completely "
+                                   "hosed"));
+      EXPECT_EQ(vl::test::readFile(resumePath), *c.bytes);  // left for inspection
+    }
+  }
+}
+
+TEST(ResultsFileTest, AResultsFileRestoresTheRunItWasSavedFrom) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  fillRun(*results);
+  results->setConfig("Nightly");
+  results->setRuntime(5400);
+  results->setMergedResults(2);
+  const std::string path = run.device().path("device1.plist");
+  ASSERT_TRUE(results->saveToFile(path));
+  vl::LogCapture capture;
+
+  auto restored = VLResults::withFile(path);
+
+  ASSERT_TRUE(restored);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelInfo, "Results", "Trying to restore existing save : " + path));
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelInfo, "Results",
+                       vl::format("Restored Crashes With : %@", restored->wirelessCrashes())));
+  Array issueRecords;
+  for (const auto& i : restored->issueList()) issueRecords.push_back(Value(i));
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
+                               vl::format("Restored Issues With : %@", issueRecords)));
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelInfo, "Results",
+      vl::format("Restored testCaseStats With : %@", restored->testCaseStatistics())));
+
+  EXPECT_FALSE(restored->resumed());
+  EXPECT_EQ(restored->plistPath(), path);
+  EXPECT_EQ(restored->timelinePath(), "");
+  EXPECT_EQ(restored->config(), "Nightly");
+  EXPECT_EQ(restored->testType(), "wifi");
+  EXPECT_EQ(restored->runtime(), 5400);
+  EXPECT_EQ(restored->mergedResults(), 2);
+  EXPECT_EQ(restored->version(), kVLResultsVersion);
+  EXPECT_EQ(restored->startTime().secondsSince1970, wholeSeconds(results->startTime()));
+  EXPECT_EQ(restored->wirelessCrashes(), results->wirelessCrashes());
+  ASSERT_EQ(restored->issueList().size(), 2u);
+  EXPECT_EQ(restored->issueList()[0]->reason(), std::optional<std::string>("uwbd crashed"));
+  EXPECT_TRUE(restored->issueList()[0]->wirelessProcess());
+  auto throughput = restored->statisticForName("Throughput");
+  ASSERT_TRUE(throughput);
+  EXPECT_EQ(throughput->metrics(), results->statisticForName("Throughput")->metrics());
+
+  // Saving the restored aggregate writes the same file again (but for the save date), and it
+  // has no timeline to mirror into.
+  const std::string again = run.device().path("again.plist");
+  ASSERT_TRUE(restored->saveToFile(again));
+  Dictionary first = *vl::plist::readDictionary(path);
+  Dictionary second = *vl::plist::readDictionary(again);
+  first.erase("LastUpdated");
+  second.erase("LastUpdated");
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(first.keys(), second.keys());
+  EXPECT_EQ(restored->timelinePath(), "");
+
+  EXPECT_EQ(VLResults::withFile(run.device().path("missing.plist")), nullptr);
+  vl::test::writeFile(run.device().path("list.plist"),
+                      *vl::plist::serialize(Value(Array{"x"}), vl::plist::Format::Xml));
+  EXPECT_EQ(VLResults::withFile(run.device().path("list.plist")), nullptr);
+}
+
+// --- Writes that fail or are killed midway ------------------------------------------------------
+//
+// A child run of this test binary (ResultsFileChild below) writes files larger than its
+// RLIMIT_FSIZE: with SIGXFSZ ignored the write fails, with its default action the writer is killed
+// in the middle of the write. Either way the previous file must stay whole.
+
+constexpr const char* kChildModeVariable = "VORLUND_TEST_WRITE_CHILD_MODE";
+constexpr const char* kChildTargetVariable = "VORLUND_TEST_WRITE_CHILD_TARGET";
+constexpr rlim_t kChildFileSizeLimit = 64 * 1024;
+
+// Settings and history that make both files several times larger than the limit; the history
+// enters only the resume data.
+Dictionary bigSettings() {
+  Array blob;
+  for (int i = 0; i < 4000; ++i) blob.push_back(vl::format("entry %d of the big settings", i));
+  return Dictionary{{"StressType", "wifi"}, {"Blob", blob}};
+}
+Array bigHistory() {
+  Array history;
+  for (int i = 0; i < 21; ++i) {
+    auto definition = VLTestCaseObject::make();
+    definition->setName(vl::format("Test %d", i));
+    definition->setSelector(std::string("run:"));
+    definition->setOptions(Dictionary{{"Payload", std::string(8192, static_cast<char>('a' + i))}});
+    history.push_back(Value(definition));
+  }
+  return history;
+}
+
+vl::test::ChildResult runWriteChild(const std::string& mode, const std::string& target) {
+  vl::test::ScopedEnv modeEnv(kChildModeVariable, mode);
+  vl::test::ScopedEnv targetEnv(kChildTargetVariable, target);
+  return vl::test::runChild({fs::read_symlink("/proc/self/exe").string(),
+                             "--gtest_also_run_disabled_tests",
+                             "--gtest_filter=ResultsFileChild.DISABLED_WriteUnderFileSizeLimit"});
+}
+
+// Temporary files the atomic writer left beside path (a writer killed midway leaves one).
+std::vector<std::string> leftoversBeside(const std::string& path) {
+  std::vector<std::string> found;
+  const std::string prefix = "." + fs::path(path).filename().string() + ".";
+  for (const auto& entry : fs::directory_iterator(fs::path(path).parent_path())) {
+    if (entry.path().filename().string().starts_with(prefix)) found.push_back(entry.path());
+  }
+  return found;
+}
+
+TEST(ResultsFileChild, DISABLED_WriteUnderFileSizeLimit) {
+  const char* mode = std::getenv(kChildModeVariable);
+  const char* target = std::getenv(kChildTargetVariable);
+  if (!mode || !target) GTEST_SKIP() << "runs only as the child of the atomic-write tests";
+  const std::string m = mode;
+  auto results = VLResults::make();
+  rlimit noCore{0, 0};
+  setrlimit(RLIMIT_CORE, &noCore);
+  if (m == "fail") std::signal(SIGXFSZ, SIG_IGN);
+  vl::LogCapture capture;
+  rlimit limit{kChildFileSizeLimit, kChildFileSizeLimit};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+
+  if (m == "fail") {
+    results->setTestSettings(bigSettings());
+    results->setHistory(bigHistory());
+    EXPECT_FALSE(results->saveToFile(target));
+    EXPECT_EQ(capturedMessagesStartingWith(capture, VLLogLevelError, "Results",
+                                           std::string("Failed to write out plist @ ") + target)
+                  .size(),
+              1u);
+    EXPECT_FALSE(results->suspend());
+    EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                                 vl::format("Failed to write resume data to %@: %@",
+                                            VLResults::resumeDataPath(), std::strerror(EFBIG))));
+  } else if (m == "kill-save") {
+    results->setTestSettings(bigSettings());
+    results->saveToFile(target);
+    ADD_FAILURE() << "the writer should have been killed";
+  } else if (m == "kill-suspend") {
+    results->setHistory(bigHistory());
+    results->suspend();
+    ADD_FAILURE() << "the writer should have been killed";
+  }
+}
+
+TEST(ResultsFileTest, AFailingWriteLeavesThePreviousFilesWhole) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  results->addIssue(issue("Scan stalled", "Vorlund", "Failure", *results));
+  const std::string target = run.device().path("results.plist");
+  ASSERT_TRUE(results->saveToFile(target));
+  ASSERT_TRUE(results->suspend());
+  const std::string savedResults = vl::test::readFile(target);
+  const std::string savedResume = vl::test::readFile(VLResults::resumeDataPath());
+
+  vl::test::ChildResult child = runWriteChild("fail", target);
+
+  EXPECT_EQ(child.exitStatus, 0) << child.out << child.err;
+  EXPECT_NE(child.out.find("[  PASSED  ] 1 test."), std::string::npos) << child.out;
+  EXPECT_EQ(child.out.find("[  SKIPPED ]"), std::string::npos) << child.out;
+  EXPECT_EQ(vl::test::readFile(target), savedResults);
+  EXPECT_EQ(vl::test::readFile(VLResults::resumeDataPath()), savedResume);
+  EXPECT_TRUE(leftoversBeside(target).empty());
+  EXPECT_TRUE(leftoversBeside(VLResults::resumeDataPath()).empty());
+  auto resumed = VLResults::withResumeData();
+  EXPECT_TRUE(resumed->resumed());
+  ASSERT_EQ(resumed->issueList().size(), 1u);
+}
+
+TEST(ResultsFileTest, AWriterKilledMidWriteLeavesThePreviousFilesWhole) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  results->addIssue(issue("Scan stalled", "Vorlund", "Failure", *results));
+  const std::string target = run.device().path("results.plist");
+  ASSERT_TRUE(results->saveToFile(target));
+  ASSERT_TRUE(results->suspend());
+  const std::string savedResults = vl::test::readFile(target);
+  const std::string resumePath = VLResults::resumeDataPath();
+  const std::string savedResume = vl::test::readFile(resumePath);
+
+  vl::test::ChildResult killedSaving = runWriteChild("kill-save", target);
+  EXPECT_EQ(killedSaving.exitStatus, 128 + SIGXFSZ) << killedSaving.out << killedSaving.err;
+  EXPECT_EQ(vl::test::readFile(target), savedResults);
+  // The half-written temporary file shows that the kill came in the middle of the write.
+  auto leftovers = leftoversBeside(target);
+  ASSERT_EQ(leftovers.size(), 1u);
+  EXPECT_EQ(fs::file_size(leftovers[0]), kChildFileSizeLimit);
+
+  vl::test::ChildResult killedSuspending = runWriteChild("kill-suspend", target);
+  EXPECT_EQ(killedSuspending.exitStatus, 128 + SIGXFSZ)
+      << killedSuspending.out << killedSuspending.err;
+  EXPECT_EQ(vl::test::readFile(resumePath), savedResume);
+  EXPECT_EQ(leftoversBeside(resumePath).size(), 1u);
+  auto resumed = VLResults::withResumeData();
+  EXPECT_TRUE(resumed->resumed());
+  ASSERT_EQ(resumed->issueList().size(), 1u);
+  EXPECT_EQ(resumed->issueList()[0]->reason(), std::optional<std::string>("Scan stalled"));
+}
+
+}  // namespace

@@ -1,0 +1,596 @@
+#include "vorlund/results/results.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <cmath>
+#include <filesystem>
+#include <thread>
+
+#include "catalogue/value_printers.h"
+#include "results/run_sandbox.h"
+#include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/devicetools/diagnostic_archiver.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/json.h"
+#include "vorlund/foundation/notification_center.h"
+#include "vorlund/foundation/time_scale.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/test_case_statistic.h"
+
+namespace {
+
+using vl::Dictionary;
+using vl::Value;
+
+// Reads the run's timeline with the plain SQLite API.
+class TimelineReader {
+ public:
+  explicit TimelineReader(const std::string& path) {
+    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  }
+  ~TimelineReader() { sqlite3_close(db_); }
+  // The first column of every row, as text.
+  std::vector<std::string> column(const std::string& sql) {
+    std::vector<std::string> values;
+    sqlite3_stmt* statement = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
+    while (statement && sqlite3_step(statement) == SQLITE_ROW) {
+      const unsigned char* text = sqlite3_column_text(statement, 0);
+      values.push_back(text ? reinterpret_cast<const char*>(text) : "");
+    }
+    sqlite3_finalize(statement);
+    return values;
+  }
+  int64_t count(const std::string& sql) {
+    auto values = column(sql);
+    return values.empty() ? -1 : std::stoll(values[0]);
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+class FlakyTestClass : public VLTestCaseClass {
+ public:
+  std::string className() const override { return "FlakyTestClass"; }
+};
+
+// Counts the captures it is asked for; returns at once.
+class CountingArchiver : public vl::DiagnosticArchiver {
+ public:
+  std::optional<vl::Error> snapdump(const Dictionary&) override {
+    ++captures;
+    return std::nullopt;
+  }
+  int createLogArchive(const std::string&, int64_t, int64_t, uint32_t,
+                       const std::function<void(const char*)>&) override {
+    return 0;
+  }
+  std::atomic<int> captures{0};
+};
+
+// Installs a counting archiver with a small time scale, so that captures are spaced by
+// milliseconds, and waits for the trigger to be quiet again at the end.
+class CaptureScope {
+ public:
+  CaptureScope() : scale_(1e-4), archiver_(std::make_shared<CountingArchiver>()) {
+    vl::setDiagnosticArchiver(archiver_);
+  }
+  ~CaptureScope() {
+    settle();
+    vl::setDiagnosticArchiver(nullptr);
+  }
+  // Waits until n captures ran and the spacing after them has passed.
+  void waitForCaptures(int n) {
+    for (int i = 0; i < 2000 && archiver_->captures.load() < n; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    settle();
+  }
+  int captures() const { return archiver_->captures.load(); }
+
+ private:
+  void settle() { std::this_thread::sleep_for(vl::time::scaled(kVLSnapdumpSpacingForTests) * 3); }
+  static constexpr double kVLSnapdumpSpacingForTests = 600;
+  vl::time::ScopedScale scale_;
+  std::shared_ptr<CountingArchiver> archiver_;
+};
+
+std::shared_ptr<VLTestCaseResult> result(const std::string& name, bool passed,
+                                         const char* type = kVLTestCaseResultTypePassFail) {
+  auto definition = VLTestCaseObject::make();
+  definition->setName(name);
+  definition->setSelector(std::string("run:"));
+  definition->setType(std::string(type));
+  definition->setWebTags(Dictionary{});
+  auto r = VLTestCaseResult::withTestCaseObject(definition);
+  if (passed) {
+    r->pass();
+  } else {
+    r->failWithReason("timeout");
+  }
+  r->setEndTime(std::nullopt);
+  return r;
+}
+
+std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
+                               const char* type, double secondsAfterStart,
+                               const VLResults& results) {
+  auto i = VLIssue::make();
+  i->setReason(reason);
+  i->setProcess(process);
+  i->setType(std::string(type));
+  i->setTime(vl::Date{results.startTime().secondsSince1970 + secondsAfterStart});
+  return i;
+}
+
+// Counts the result notifications posted while it lives.
+class NotificationCounter {
+ public:
+  NotificationCounter() {
+    token_ = vl::NotificationCenter::defaultCenter().addObserver(
+        kVLResultNotification, [this](const vl::Notification& n) {
+          if (n.userInfo.get("result").record<VLTestCaseResult>()) ++count_;
+        });
+  }
+  ~NotificationCounter() { vl::NotificationCenter::defaultCenter().removeObserver(token_); }
+  int count() const { return count_.load(); }
+
+ private:
+  vl::NotificationCenter::ObserverToken token_;
+  std::atomic<int> count_{0};
+};
+
+TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
+  vl::test::Sandbox device;
+  vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
+  vl::test::writeFile(device.root() + "/etc/os-release",
+                      "NAME=Debian\nPRETTY_NAME=\"Debian GNU/Linux 12\"\nVERSION_ID=\"12\"\n");
+  std::string settings = VLGetTestSettingsFilePath();
+  std::filesystem::create_directories(std::filesystem::path(settings).parent_path());
+  vl::plist::writeFile(Value(Dictionary{{"StressType", "wifi"},
+                                        {"StressSubtype", "sanity"},
+                                        {"Config", "Lab"},
+                                        {"City", "Oslo"}}),
+                       settings);
+  auto results = VLResults::make();
+  EXPECT_EQ(results->testType(), "wifi");
+  EXPECT_EQ(results->testSubtype(), "sanity");
+  EXPECT_EQ(results->config(), "Lab");
+  EXPECT_EQ(results->testSettings().get("City"), Value("Oslo"));
+  EXPECT_EQ(results->softwareInfo().get("OSName"), Value("Debian GNU/Linux 12"));
+  EXPECT_EQ(results->softwareInfo().get("BuildVersion"), Value("12"));
+  EXPECT_FALSE(results->hardwareInfo().contains("SerialNumber"));
+  EXPECT_EQ(results->version(), 3.1);
+  EXPECT_FALSE(results->resumed());
+
+  // Without a serial number the file names go from the stress type straight to the date.
+  std::string folder = device.home() + "/Library/Logs/Vorlund/Results";
+  std::string date = vl::dateString(results->startTime());
+  EXPECT_EQ(results->plistPath(), folder + "/VorlundResults_wifi_" + date + ".plist");
+  EXPECT_EQ(results->timelinePath(), folder + "/VorlundTimeline_wifi_" + date + ".db");
+  EXPECT_TRUE(std::filesystem::is_directory(folder));
+  EXPECT_EQ(results->getResultsFilePathForName("Name", "txt", false), folder + "/Name_wifi.txt");
+
+  vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "SN42");
+  EXPECT_EQ(results->getResultsFilePath(), folder + "/VorlundResults_wifi_SN42_" + date + ".plist");
+  EXPECT_EQ(VLResults::make()->hardwareInfo().get("SerialNumber"), Value("SN42"));
+}
+
+TEST(ResultsTest, AddedResultsMergeIntoStatisticsAndBecomeTimelineRows) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  vl::LogCapture capture;
+
+  auto first = result("Ping", true);
+  first->addTag("lab", "site");
+  first->addTag(3, "floor");
+  results->addTestCaseResult(first, true);
+  auto second = result("Ping", false);
+  results->addTestCaseResult(second, false);
+
+  auto statistic = results->statisticForName("Ping");
+  ASSERT_TRUE(statistic);
+  EXPECT_EQ(statistic->instances(), 2u);
+  EXPECT_DOUBLE_EQ(statistic->failureRate(), 0.5);
+  EXPECT_EQ(results->iterations(), 2);
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
+                               "Adding test case result (1 overall) " + first->description()));
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
+                               "Adding test case result (2 overall) " + second->description()));
+  EXPECT_TRUE(capture.contains(VLLogLevelDebug, "Results", "Merge succeeded"));
+  EXPECT_GT(results->runtime(), 0);
+
+  // Not to the database: merged, but neither a row nor an iteration.
+  auto third = result("Ping", true);
+  results->addTestCaseResult(third, nullptr, false, false);
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
+                               "Adding test case result but not to DB " + third->description()));
+  EXPECT_EQ(results->statisticForName("Ping")->instances(), 3u);
+  EXPECT_EQ(results->iterations(), 2);
+
+  TimelineReader timeline(results->timelinePath());
+  EXPECT_EQ(timeline.column("SELECT test_case_iteration FROM TestCases ORDER BY id"),
+            (std::vector<std::string>{"1", "1", "2"}));
+  EXPECT_EQ(timeline.column("SELECT bucket FROM TestCases ORDER BY id"),
+            (std::vector<std::string>{"None", "None", "timeout"}));
+}
+
+TEST(ResultsTest, InvalidNoOpAndMissedResultsAreNotAdded) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  vl::LogCapture capture;
+  auto invalid = VLTestCaseResult::withName("Broken");
+  results->addTestCaseResult(invalid, true);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelError, "Results", "Unable to add " + invalid->description()));
+  results->addTestCaseResult(VLTestCaseResult::asNoOp(), true);
+  auto missed = result("Missed", true);
+  missed->setAddToMissedTestCases(true);
+  results->addTestCaseResult(missed, true);
+
+  EXPECT_TRUE(results->testCaseStatistics().empty());
+  EXPECT_EQ(results->iterations(), 0);
+  EXPECT_TRUE(results->getHistory().empty());
+  // The invalid result filed its failure issue.
+  ASSERT_EQ(results->issueList().size(), 1u);
+  EXPECT_EQ(results->issueList()[0]->reason(),
+            "Invalid Result: Result did not have start date set.");
+}
+
+TEST(ResultsTest, HistoryKeepsTheLatestTwentyOneDefinitions) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  for (int i = 0; i < 25; ++i)
+    results->addTestCaseResult(result("Case " + std::to_string(i), true), false);
+  results->addTestCaseResult(VLTestCaseResult::quickPassWithTestCaseObject([] {
+                               auto idle = VLTestCaseObject::make();
+                               idle->setName(std::string("Idle"));
+                               idle->setType(std::string(kVLTestCaseResultTypePassFail));
+                               return idle;
+                             }()),
+                             false);
+  vl::Array history = results->getHistory();
+  ASSERT_EQ(history.size(), 21u);
+  EXPECT_EQ(history[0].record<VLTestCaseObject>()->name(), "Case 4");
+  EXPECT_EQ(history[20].record<VLTestCaseObject>()->name(), "Case 24");
+}
+
+TEST(ResultsTest, FailureCallbacksFollowFailureCallbackMax) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  auto flaky = VLTestCaseClass::make<FlakyTestClass>();
+
+  {
+    run.setPreference("FailureCallbackMax", -1);
+    NotificationCounter notifications;
+    results->addTestCaseResult(result("Every", true), flaky, false);
+    results->addTestCaseResult(result("Every", false), flaky, false);
+    results->addTestCaseResult(result("Every", true), flaky, false);
+    EXPECT_EQ(notifications.count(), 3);
+    // Without a class nothing is posted.
+    results->addTestCaseResult(result("Every", false), false);
+    EXPECT_EQ(notifications.count(), 3);
+  }
+  {
+    run.setPreference("FailureCallbackMax", 0);
+    NotificationCounter notifications;
+    for (int i = 0; i < 3; ++i) results->addTestCaseResult(result("None", false), flaky, false);
+    EXPECT_EQ(notifications.count(), 0);
+  }
+  {
+    run.setPreference("FailureCallbackMax", 3);
+    NotificationCounter notifications;
+    for (int i = 0; i < 4; ++i) results->addTestCaseResult(result("Three", false), flaky, false);
+    results->addTestCaseResult(result("Three", true), flaky, false);
+    EXPECT_EQ(notifications.count(), 3);
+    EXPECT_EQ(results->failureCounts().get("Three"), Value(Dictionary{{"timeout", 4}}));
+  }
+  {
+    // The class of a result's test case is found through the registry.
+    vl::registerTestCaseProvider(vl::testCaseProviderFor<FlakyTestClass>(
+        "/bundles/Flaky.bundle", "FlakyTestClass", {"Registered"}, {}));
+    run.setPreference("FailureCallbackMax", -1);
+    NotificationCounter notifications;
+    results->addTestCaseResult(result("Registered", true), false);
+    EXPECT_EQ(notifications.count(), 1);
+    vl::removeTestCaseProvider("/bundles/Flaky.bundle");
+  }
+}
+
+TEST(ResultsTest, AMetricAboveTwoSigmaMarksAFailure) {
+  vl::test::RunSandbox run(Dictionary{{"StressType", "wifi"}, {"FailureCallbackMax", 5}});
+  auto results = run.results();
+  auto flaky = VLTestCaseClass::make<FlakyTestClass>();
+  NotificationCounter notifications;
+  for (int i = 0; i < 52; ++i) {
+    auto r = result("Throughput", true, kVLTestCaseResultTypeAverage);
+    r->addMetric(100.0 + (i % 2 ? 1.0 : -1.0), "Mbps");
+    r->addMetric(5.0, "Loss");
+    results->addTestCaseResult(r, flaky, false, false);
+  }
+  EXPECT_EQ(notifications.count(), 0);
+  // Low values are never flagged; only the upper side is tested.
+  auto low = result("Throughput", true, kVLTestCaseResultTypeAverage);
+  low->addMetric(10.0, "Mbps");
+  low->addMetric(5.0, "Loss");
+  results->addTestCaseResult(low, flaky, false, false);
+  EXPECT_EQ(notifications.count(), 0);
+
+  auto high = result("Throughput", true, kVLTestCaseResultTypeAverage);
+  high->addMetric(400.0, "Mbps");
+  high->addMetric(5.0, "Loss");
+  results->addTestCaseResult(high, flaky, false, false);
+  EXPECT_EQ(notifications.count(), 1);
+  EXPECT_EQ(results->failureCounts().get("Throughput"),
+            Value(Dictionary{{"Throughput : Mbps | Metric outside 2 sigma", 1}}));
+}
+
+TEST(ResultsTest, AMergeThatFailsTwiceRaises) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  results->addTestCaseResult(result("Mixed", true), false);
+  auto average = result("Mixed", false, kVLTestCaseResultTypeAverage);
+  vl::LogCapture capture;
+  try {
+    results->addTestCaseResult(average, false);
+    FAIL() << "no exception";
+  } catch (const VLException& exception) {
+    EXPECT_EQ(exception.name(), "VLTestCaseStatisticMergeException");
+    EXPECT_EQ(exception.reason(), "Initial merge failed with error 4, retry failed with error 4");
+  }
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", "Merge failed with error 4"));
+  EXPECT_EQ(average->bucket(), "Unable to merge result with error 4");
+  EXPECT_EQ(results->statisticForName("Mixed")->instances(), 1u);
+}
+
+TEST(ResultsTest, ASlowAddFilesAFailureIssue) {
+  vl::test::RunSandbox run(Dictionary{{"StressType", "wifi"}, {"FailureCallbackMax", -1}});
+  auto results = run.results();
+  vl::time::ScopedScale fast(0.001);
+  auto token = vl::NotificationCenter::defaultCenter().addObserver(
+      kVLResultNotification, [](const vl::Notification&) { vl::time::sleepFor(11); });
+  vl::LogCapture capture;
+  results->addTestCaseResult(result("Slow", true), VLTestCaseClass::make<FlakyTestClass>(), false);
+  vl::NotificationCenter::defaultCenter().removeObserver(token);
+
+  auto issues = results->issueList();
+  ASSERT_EQ(issues.size(), 1u);
+  EXPECT_EQ(issues[0]->reason(), "Result add time exceeded 10s");
+  EXPECT_EQ(issues[0]->type(), "Failure");
+  EXPECT_EQ(issues[0]->process(), "Vorlund");
+  size_t runtimeLines = 0;
+  for (const auto& line : capture.lines()) {
+    runtimeLines += line.message.rfind("Runtime of adding result was 0.0", 0) == 0;
+  }
+  EXPECT_EQ(runtimeLines, 1u);
+
+  // A quick add files nothing.
+  results->addTestCaseResult(result("Quick", true), false);
+  EXPECT_EQ(results->issueList().size(), 1u);
+}
+
+TEST(ResultsTest, AFailureWhileSeveralRadiosAreBusyNamesThem) {
+  vl::test::RunSandbox run;
+  const std::string root = run.device().root();
+  std::filesystem::create_directories(root + "/sys/class/wwan/wwan0");
+  std::filesystem::create_directories(root + "/sys/class/bluetooth/hci0");
+  auto results = run.results();
+  auto failed = result("Call", false);
+  results->addTestCaseResult(failed, false);
+  EXPECT_EQ(failed->bucket(), "timeout - Cellular | Bluetooth");
+  auto histogram = result("Bins", false, kVLTestCaseResultTypeInstanceHistogram);
+  results->addTestCaseResult(histogram, false);
+  EXPECT_EQ(histogram->bucket(), "timeout");
+
+  std::filesystem::remove_all(root + "/sys/class/bluetooth");
+  auto single = result("Call", false);
+  results->addTestCaseResult(single, false);
+  EXPECT_EQ(single->bucket(), "timeout");
+}
+
+TEST(ResultsTest, IssuesAreCleanedDeduplicatedAndMerged) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  results->addTestCaseResult(result("Before", true), false);
+  vl::LogCapture capture;
+
+  results->addIssue(issue("can't attach", "ofonod", "Failure", 5, *results));
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelDebug, "Results", "Removing single quotes from can't attach"));
+  // Same reason, time and process: seen before.
+  results->addIssue(issue("cant attach", "ofonod", "Failure", 5, *results));
+  EXPECT_EQ(capture.count("Issue seen before"), 1u);
+  // Same reason later: one entry, instances added up.
+  auto later = issue("cant attach", "ofonod", "Failure", 65, *results);
+  later->setInstances(2);
+  results->addIssue(later);
+  // At or before the start: dropped, unless it comes from a merge.
+  auto old = issue("old", "ofonod", "Failure", 0, *results);
+  results->addIssue(old);
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
+                               "Issue is in the past, not adding..." + old->description()));
+  results->addIssueFromMerge(issue("merged", "ofonod", "Failure", -100, *results));
+
+  auto issues = results->issueList();
+  ASSERT_EQ(issues.size(), 2u);
+  EXPECT_EQ(issues[0]->reason(), "cant attach");
+  EXPECT_EQ(issues[0]->instances(), 3u);
+  EXPECT_EQ(issues[1]->reason(), "merged");
+
+  // Two rows (a merge writes none), each with the run's history as JSON.
+  TimelineReader timeline(results->timelinePath());
+  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM Issues"), 2);
+  std::vector<std::string> history = timeline.column("SELECT history FROM Issues ORDER BY id");
+  ASSERT_EQ(history.size(), 2u);
+  auto parsed = vl::json::parse(history[0]);
+  ASSERT_TRUE(parsed && parsed->asArray());
+  ASSERT_EQ(parsed->asArray()->size(), 1u);
+  EXPECT_EQ((*parsed->asArray())[0].asDictionary()->get("Name"), Value("Before"));
+
+  // A broken issue is refused with the issue's own exception.
+  EXPECT_THROW(results->addIssue(VLIssue::make()), VLException);
+}
+
+TEST(ResultsTest, WirelessCrashesAreCountedPerAreaAndCaptured) {
+  vl::test::RunSandbox run(
+      Dictionary{{"StressType", "nfc"}, {"CaptureProcessCrashSnapdumps", true}});
+  auto results = run.results();
+  CaptureScope captures;
+  vl::LogCapture capture;
+
+  auto crash = issue("neard - Crash", "neard", "Crash", 5, *results);
+  crash->setInstances(2);
+  results->addIssue(crash);
+  captures.waitForCaptures(1);
+  auto held = results->issueList().at(0);
+  EXPECT_TRUE(held->wirelessProcess());
+  EXPECT_TRUE(held->primaryProcess());
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelInfo, "Results",
+                       "Triggering snapdump for primary process. Total snapdumps captured: 0"));
+  EXPECT_EQ(results->primarySnapdumps(), 1u);
+  Dictionary expected{{"nfc", Dictionary{{"neard", 2}, {"Total", 2}}},
+                      {"overall", Dictionary{{"neard", 2}, {"Total", 2}}}};
+  EXPECT_EQ(results->wirelessCrashes(), expected);
+  EXPECT_EQ(results->resets(), Value(Dictionary{{"neard", 2}, {"Total", 2}}));
+  EXPECT_EQ(results->totalResets(), 2);
+
+  // A class requests while its counter is at most 50: the 51st capture is taken, no 52nd.
+  results->setPrimarySnapdumps(50);
+  results->addIssue(issue("neard - Crash", "neard", "Crash", 6, *results));
+  captures.waitForCaptures(2);
+  EXPECT_EQ(results->primarySnapdumps(), 51u);
+  capture.clear();
+  results->addIssue(issue("neard - Crash", "neard", "Crash", 7, *results));
+  EXPECT_TRUE(capture.find("Triggering snapdump for primary process. Total snapdumps captured: 51")
+                  .empty());
+  EXPECT_EQ(results->primarySnapdumps(), 51u);
+
+  // Crashes of daemons outside the stress type's area are non-primary captures.
+  results->addIssue(issue("gpsd - Crash", "gpsd", "Crash", 8, *results));
+  captures.waitForCaptures(3);
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelInfo, "Results",
+      "Triggering snapdump for non-primary process. Total snapdumps captured: 51"));
+  EXPECT_EQ(results->stressSnapdumps(), 1u);
+  EXPECT_FALSE(results->issueList().back()->primaryProcess());
+  EXPECT_EQ(results->wirelessCrashes().get("overall"),
+            Value(Dictionary{{"neard", 4}, {"Total", 5}, {"gpsd", 1}}));
+
+  // A merged crash is counted but never captured; a crash of another process is not wireless.
+  results->addIssueFromMerge(issue("gpsd - Crash", "gpsd", "Crash", 9, *results));
+  results->addIssue(issue("editor - Crash", "editor", "Crash", 10, *results));
+  EXPECT_EQ(captures.captures(), 3);
+  EXPECT_EQ(results->wirelessCrashes().get("location"),
+            Value(Dictionary{{"gpsd", 2}, {"Total", 2}}));
+  EXPECT_FALSE(results->issueList().back()->wirelessProcess());
+}
+
+TEST(ResultsTest, FormatThreeCountsAreNumbersAndTheNfcNonCrashIsCaptured) {
+  vl::test::RunSandbox run(Dictionary{{"StressType", "bluetooth"}});
+  auto results = run.results();
+  results->setVersion(3.0);
+  CaptureScope captures;
+  vl::LogCapture capture;
+  results->addIssue(issue("bluetoothd - Crash", "bluetoothd", "Crash", 5, *results));
+  EXPECT_EQ(results->wirelessCrashes().get("bluetooth"), Value(1));
+  EXPECT_EQ(results->wirelessCrashes().get("overall"), Value(1));
+  EXPECT_TRUE(results->resets().isNone());
+  EXPECT_EQ(results->totalResets(), 1);
+  EXPECT_EQ(captures.captures(), 0);
+
+  results->addIssue(issue("nfcsvc - Non Crash", "nfcsvc", "Failure", 6, *results));
+  captures.waitForCaptures(1);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelInfo, "Results", "Triggering snapdump for nfcsvc - Non Crash"));
+  EXPECT_EQ(captures.captures(), 1);
+}
+
+TEST(ResultsTest, RunTimeAndQualityFigures) {
+  vl::test::RunSandbox run(Dictionary{{"StressType", "wifi"}});
+  auto results = run.results();
+  EXPECT_TRUE(std::isnan(results->testcaseQI()));
+
+  for (int i = 0; i < 3; ++i) results->addTestCaseResult(result("Join", true), false);
+  results->addTestCaseResult(result("Join", false), false);
+  auto histogram = result("Bins", false, kVLTestCaseResultTypeInstanceHistogram);
+  results->addTestCaseResult(histogram, false);
+  EXPECT_DOUBLE_EQ(results->testcaseQI(), 0.75);
+
+  results->setStartTime(vl::Date{vl::Date::now().secondsSince1970 - 7200});
+  results->updateRuntime();
+  EXPECT_NEAR(results->runtime(), 7200, 5);
+  results->setRuntime(7200);
+  EXPECT_NEAR(results->QI(), 0.75 * std::log(2.0) * 1.45, 1e-9);
+
+  results->setWirelessCrashes(Dictionary{{"wifi", Dictionary{{"iwd", 4}, {"Total", 4}}}});
+  EXPECT_NEAR(results->QI(), 0.75 * std::log(0.5) * 1.45, 1e-9);
+  results->setMergedResults(2);
+  EXPECT_NEAR(results->estimatedQI(), 0.75 * std::log(5.0 * 2.0 / 20.0) * 1.45, 1e-9);
+  results->setWirelessCrashes({});
+  EXPECT_NEAR(results->estimatedQI(), 0.75 * std::log(5.0 * 2.0) * 1.45, 1e-9);
+  results->setMergedResults(12);
+  vl::LogCapture capture;
+  EXPECT_DOUBLE_EQ(results->estimatedQI(), results->QI());
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelInfo, "Results",
+      "There are 12 merged results, meeting the minimum of 10.000000.  Returning normal QI"));
+
+  results->resetStartTime();
+  results->updateRuntime();
+  EXPECT_LT(results->runtime(), 5);
+  EXPECT_TRUE(results->resetStartDate());
+}
+
+TEST(ResultsTest, EightThreadsAddingAtOnceLoseNothing) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  constexpr int kThreads = 8;
+  constexpr int kResultsPerThread = 12;
+  constexpr int kIssuesPerThread = 6;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kResultsPerThread; ++i) {
+        auto r = result("Case " + std::to_string(i % 3), i % 4 != 0);
+        r->addTag(t, "thread");
+        r->addTag(i, "index");
+        r->addTag("x", "extra");
+        results->addTestCaseResult(r, true);
+        if (i < kIssuesPerThread) {
+          results->addIssue(
+              issue("shared crash", "editor", "Failure", 1 + t * kIssuesPerThread + i, *results));
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+
+  uint64_t instances = 0;
+  const Dictionary statistics = results->testCaseStatistics();
+  for (const Value& value : statistics.values()) {
+    instances += value.record<VLTestCaseStatistic>()->instances();
+  }
+  EXPECT_EQ(instances, uint64_t{kThreads * kResultsPerThread});
+  EXPECT_EQ(results->iterations(), kThreads * kResultsPerThread);
+  auto issues = results->issueList();
+  ASSERT_EQ(issues.size(), 1u);
+  EXPECT_EQ(issues[0]->instances(), uint64_t{kThreads * kIssuesPerThread});
+
+  TimelineReader timeline(results->timelinePath());
+  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM TestCases"), kThreads * kResultsPerThread * 3);
+  EXPECT_EQ(timeline.count("SELECT COUNT(DISTINCT uuid) FROM TestCases"),
+            kThreads * kResultsPerThread);
+  EXPECT_EQ(timeline.count("SELECT COUNT(DISTINCT test_case_iteration) FROM TestCases"),
+            kThreads * kResultsPerThread);
+  // The rows of one result are consecutive.
+  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM (SELECT uuid FROM TestCases GROUP BY uuid "
+                           "HAVING MAX(id) - MIN(id) != 2)"),
+            0);
+  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM Issues"), kThreads * kIssuesPerThread);
+}
+
+}  // namespace

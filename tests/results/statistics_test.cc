@@ -1,0 +1,214 @@
+#include "vorlund/results/statistics.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "results/statistics_sums.h"
+#include "vorlund/logging/log_capture.h"
+
+namespace {
+
+using vl::Array;
+using vl::Number;
+
+Array numbers(std::initializer_list<double> values) {
+  Array array;
+  for (double v : values) array.push_back(v);
+  return array;
+}
+
+// The integers first..last, as int64 numbers.
+Array range(int64_t first, int64_t last) {
+  Array array;
+  for (int64_t v = first; v <= last; ++v) array.push_back(v);
+  return array;
+}
+
+struct SeriesCase {
+  const char* label;
+  Array values;
+  double mean;
+  double variance;
+  double max;
+  double min;
+  double median;
+};
+
+TEST(StatisticsTest, SeriesFigures) {
+  const std::vector<SeriesCase> cases = {
+      {"textbook population", numbers({2, 4, 4, 4, 5, 5, 7, 9}), 5.0, 4.0, 9.0, 2.0, 4.5},
+      {"odd count, unsorted", numbers({3, 1, 2}), 2.0, 2.0 / 3.0, 3.0, 1.0, 2.0},
+      {"even count, unsorted", numbers({4, 1, 3, 2}), 2.5, 1.25, 4.0, 1.0, 2.5},
+      {"one element", numbers({-7.5}), -7.5, 0.0, -7.5, -7.5, -7.5},
+      {"negative and fractional", numbers({-1.5, 0.5, 2.5, -3.5}), -0.5, 5.0, 2.5, -3.5, -0.5},
+      {"mixed type codes", Array{Number(true), int32_t{3}, 2.0f, int64_t{-2}}, 1.0, 3.5, 3.0, -2.0,
+       1.5},
+  };
+  for (const SeriesCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_DOUBLE_EQ(VLMean(c.values), c.mean);
+    EXPECT_NEAR(VLVariance(c.values), c.variance, 1e-12);
+    EXPECT_NEAR(VLStandardDeviation(c.values), std::sqrt(c.variance), 1e-12);
+    EXPECT_DOUBLE_EQ(VLMax(c.values), c.max);
+    EXPECT_DOUBLE_EQ(VLMin(c.values), c.min);
+    EXPECT_DOUBLE_EQ(VLMedian(c.values), c.median);
+  }
+  EXPECT_DOUBLE_EQ(VLStandardDeviation(numbers({2, 4, 4, 4, 5, 5, 7, 9})), 2.0);
+}
+
+TEST(StatisticsTest, VarianceIsThePopulationVarianceOfSquaresMinusSquaredMean) {
+  // The sample variance of these would be 1.0; the population variance is 2/3.
+  EXPECT_DOUBLE_EQ(VLVariance(numbers({1, 2, 3})), 14.0 / 3.0 - 4.0);
+}
+
+TEST(StatisticsTest, EmptyArrays) {
+  vl::LogCapture capture;
+  EXPECT_TRUE(std::isnan(VLMean(Array{})));
+  EXPECT_TRUE(std::isnan(VLVariance(Array{})));
+  EXPECT_TRUE(std::isnan(VLStandardDeviation(Array{})));
+  EXPECT_EQ(VLMax(Array{}), 0.0);
+  EXPECT_EQ(VLMin(Array{}), 0.0);
+  EXPECT_EQ(VLMedian(Array{}), 0.0);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "No data provided, cannot calculate median...(\n)"));
+}
+
+TEST(StatisticsTest, MaxAndMinCompareLargeIntegersExactly) {
+  // Read as doubles these two are equal; the numbers' own comparison tells them apart.
+  const int64_t big = (int64_t{1} << 53) + 1;
+  Array values{int64_t{1} << 53, big, int64_t{5}};
+  EXPECT_EQ(VLMax(values), static_cast<double>(big));
+  EXPECT_EQ(VLMin(values), 5.0);
+}
+
+TEST(StatisticsTest, ElementsThatAreNotNumbersReadAsZero) {
+  Array values{"ten", 4.0, vl::Value()};
+  EXPECT_DOUBLE_EQ(VLMean(values), 4.0 / 3.0);
+  EXPECT_EQ(VLMin(values), 0.0);
+  EXPECT_EQ(VLMedian(values), 0.0);
+}
+
+TEST(StatisticsTest, InputIsNotChanged) {
+  Array values = numbers({5, 3, 9, 1, 7, 2, 8, 4, 6, 10, 0});
+  const Array before = values;
+  VLMedian(values);
+  VLLowerQuartileCutoff(values);
+  VLUpperQuartileCutoff(values);
+  VLIsOutlier(values, Number(3.0));
+  EXPECT_EQ(values, before);
+}
+
+struct QuartileCase {
+  const char* label;
+  Array values;
+  double lower;
+  double upper;
+};
+
+TEST(StatisticsTest, QuartileCutoffs) {
+  const std::vector<QuartileCase> cases = {
+      {"1..10", range(1, 10), 3.0, 8.0},
+      {"1..11, middle element in neither half", range(1, 11), 3.0, 9.0},
+      {"1..12, halves of even count", range(1, 12), 3.5, 9.5},
+      {"1..13", range(1, 13), 3.5, 10.5},
+      {"1..50", range(1, 50), 13.0, 38.0},
+      {"unsorted", numbers({10, 1, 9, 2, 8, 3, 7, 4, 6, 5}), 3.0, 8.0},
+      {"repeated values", numbers({1, 1, 1, 1, 1, 5, 5, 5, 5, 5}), 1.0, 5.0},
+  };
+  for (const QuartileCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_DOUBLE_EQ(VLLowerQuartileCutoff(c.values), c.lower);
+    EXPECT_DOUBLE_EQ(VLUpperQuartileCutoff(c.values), c.upper);
+    EXPECT_DOUBLE_EQ(VLInterQuartileRange(c.values), c.upper - c.lower);
+  }
+}
+
+TEST(StatisticsTest, QuartilesNeedTenElements) {
+  vl::LogCapture capture;
+  const Array nine = range(1, 9);
+  EXPECT_EQ(VLLowerQuartileCutoff(nine), -1.0);
+  EXPECT_EQ(VLUpperQuartileCutoff(nine), -1.0);
+  EXPECT_EQ(VLInterQuartileRange(nine), -1.0);
+  EXPECT_EQ(capture.count("Unable to calculate quartiles for data set less than 10"), 2u);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "Unable to calculate quartiles for data set less than 10"));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "Unable to calculate IQR for data set less than 10..."));
+  EXPECT_EQ(VLInterQuartileRange(range(1, 10)), 5.0);
+}
+
+struct OutlierCase {
+  double value;
+  bool outlier;
+};
+
+TEST(StatisticsTest, OutlierFenceIsOneInterquartileRange) {
+  // 1..50: L = 13, U = 38, R = 25, so the fences are -12 and 63 (1.5 ranges would give 75.5).
+  const Array data = range(1, 50);
+  const std::vector<OutlierCase> cases = {
+      {63.0, false}, {63.5, true}, {-12.0, false}, {-12.5, true},
+      {25.0, false}, {70.0, true}, {-100.0, true}, {38.0, false},
+  };
+  for (const OutlierCase& c : cases) {
+    SCOPED_TRACE(c.value);
+    EXPECT_EQ(VLIsOutlier(data, Number(c.value)), c.outlier);
+  }
+  EXPECT_TRUE(VLIsOutlier(data, Number(int64_t{64})));
+}
+
+TEST(StatisticsTest, OutliersNeedFiftyElements) {
+  vl::LogCapture capture;
+  const Array data = range(1, 49);
+  for (double value : {1e9, -1e9, 25.0}) EXPECT_FALSE(VLIsOutlier(data, Number(value)));
+  EXPECT_EQ(capture.count("Unable to calculate outliers for data set less than 50..."), 3u);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "Unable to calculate outliers for data set less than 50..."));
+}
+
+struct SlopeCase {
+  const char* label;
+  Array x;
+  Array y;
+  double slope;
+};
+
+TEST(StatisticsTest, BestFitSlope) {
+  const std::vector<SlopeCase> cases = {
+      {"exact line", numbers({1, 2, 3}), numbers({2, 4, 6}), 2.0},
+      {"offset line", numbers({0, 1, 2, 3}), numbers({5, 4.5, 4, 3.5}), -0.5},
+      // Sxy = 22, Sx = 6, Sy = 9, Sxx = 14, n = 3: (22 - 18) / (14 - 12) = 2.
+      {"noisy", numbers({1, 2, 3}), numbers({2, 1, 6}), 2.0},
+      {"flat", numbers({1, 2, 3, 4}), numbers({7, 7, 7, 7}), 0.0},
+  };
+  for (const SlopeCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_DOUBLE_EQ(VLBestFitSlope(c.x, c.y), c.slope);
+  }
+  // Every x equal: the denominator is zero and the arithmetic is left to stand.
+  EXPECT_FALSE(std::isfinite(VLBestFitSlope(numbers({2, 2, 2}), numbers({1, 2, 3}))));
+}
+
+TEST(StatisticsTest, Sums) {
+  EXPECT_EQ(vl::_sumValues(Array{}), 0.0);
+  EXPECT_EQ(vl::_squareAndSum(Array{}), 0.0);
+  EXPECT_EQ(vl::_multiplyAndSum(Array{}, Array{}), 0.0);
+  EXPECT_DOUBLE_EQ(vl::_sumValues(numbers({1.5, -2, 4})), 3.5);
+  EXPECT_DOUBLE_EQ(vl::_squareAndSum(numbers({1.5, -2, 4})), 22.25);
+  EXPECT_DOUBLE_EQ(vl::_multiplyAndSum(numbers({1, 2, 3}), numbers({4, -5, 6})), 12.0);
+}
+
+TEST(StatisticsDeathTest, MismatchedArraysStopTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(VLBestFitSlope(numbers({1, 2, 3}), numbers({1, 2})),
+               "Assertion failure in VLBestFitSlope\\(\\), VLMath:[0-9]+: .*"
+               "xValues\\.count == yValues\\.count");
+  EXPECT_DEATH(
+      vl::_multiplyAndSum(numbers({1}), Array{}),
+      "Assertion failure in _multiplyAndSum\\(\\), VLMath:[0-9]+: .*x\\.count == y\\.count");
+}
+
+}  // namespace

@@ -1,0 +1,341 @@
+#include "vorlund/results/test_case_result.h"
+
+#include <gtest/gtest.h>
+
+#include "catalogue/value_printers.h"
+#include "results/run_sandbox.h"
+#include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/issue.h"
+
+namespace {
+
+using vl::Dictionary;
+using vl::Value;
+
+class WifiTestClass : public VLTestCaseClass {
+ public:
+  WifiTestClass() { setTechnology(2 | 4); }
+  std::string className() const override { return "WifiTestClass"; }
+};
+
+std::shared_ptr<VLTestCaseObject> wifiDefinition() {
+  auto object = VLTestCaseObject::make();
+  object->setName(std::string("Wifi Join"));
+  object->setSelector(std::string("joinNetwork:"));
+  object->setType(std::string(kVLTestCaseResultTypeAverage));
+  object->setWebTags(Dictionary{{"team", "radio"}, {"rack", 7}});
+  return object;
+}
+
+std::shared_ptr<VLTestCaseResult> completeResult(const char* type = kVLTestCaseResultTypePassFail) {
+  auto result = VLTestCaseResult::withName("Ping");
+  result->setType(std::string(type));
+  result->setStartTime(vl::Date{1700000000});
+  result->setEndTime(vl::Date{1700000060});
+  return result;
+}
+
+TEST(TestCaseResultTest, FreshResultIsNeitherPassedNorFailed) {
+  auto result = VLTestCaseResult::make();
+  EXPECT_TRUE(result->isDefaultResult());
+  EXPECT_FALSE(result->didPass());
+  EXPECT_FALSE(result->didFail());
+  EXPECT_EQ(result->resultCode(), -1);
+  EXPECT_EQ(result->technologiesInvolved(), 0);
+  EXPECT_FALSE(result->name() || result->type() || result->bucket());
+  EXPECT_FALSE(result->getStartTime() || result->getEndTime());
+
+  auto stop = VLTestCaseResult::asStopStress();
+  EXPECT_TRUE(stop->isStopStress());
+  EXPECT_EQ(stop->name(), "Stop Stress");
+  EXPECT_EQ(stop->bucket(), "Stop Stress");
+  EXPECT_TRUE(VLTestCaseResult::asNoOp()->isNoOp());
+  EXPECT_TRUE(VLTestCaseResult::asEnvironmentFailure()->isEnvironmentFailure());
+  EXPECT_TRUE(VLTestCaseResult::asMissedTestCase()->shouldAddToMissedTestCases());
+  EXPECT_FALSE(VLTestCaseResult::asNoOp()->isStopStress());
+
+  // pass() keeps whatever bucket was there.
+  result->setBucket(std::string("earlier"));
+  result->pass();
+  EXPECT_TRUE(result->didPass());
+  EXPECT_EQ(result->getFailureReason(), "earlier");
+}
+
+TEST(TestCaseResultTest, DefinitionGivesNameTypeTagsAndTechnologiesOfItsClass) {
+  vl::test::RunSandbox run;
+  vl::registerTestCaseProvider(vl::testCaseProviderFor<WifiTestClass>(
+      "/bundles/Wifi.bundle", "WifiTestClass", {"Wifi Join"}, {"joinNetwork:"}));
+
+  vl::Date before = vl::Date::now();
+  auto result = VLTestCaseResult::quickPassWithTestCaseObject(wifiDefinition());
+  EXPECT_EQ(result->name(), "Wifi Join");
+  EXPECT_EQ(result->type(), kVLTestCaseResultTypeAverage);
+  EXPECT_EQ(result->technologiesInvolved(), 6);
+  EXPECT_EQ(result->getTags(), (Dictionary{{"team", "radio"}, {"rack", 7}}));
+  EXPECT_TRUE(result->didPass());
+  ASSERT_TRUE(result->getStartTime() && result->getEndTime());
+  EXPECT_GE(result->getStartTime()->secondsSince1970, before.secondsSince1970);
+  EXPECT_GE(*result->getEndTime(), *result->getStartTime());
+  EXPECT_EQ(result->getUnderlyingTestCaseObject()->name(), "Wifi Join");
+
+  auto failed = VLTestCaseResult::quickFailWithTestCaseObject(wifiDefinition(), "no beacon");
+  EXPECT_TRUE(failed->didFail());
+  EXPECT_EQ(failed->bucket(), "no beacon");
+  vl::removeTestCaseProvider("/bundles/Wifi.bundle");
+
+  // Without an implementing class the technologies stay 0.
+  EXPECT_EQ(VLTestCaseResult::withTestCaseObject(wifiDefinition())->technologiesInvolved(), 0);
+}
+
+TEST(TestCaseResultTest, BreakdownByDeviceAppendsTheSerialNumberAndCopyingAppendsItAgain) {
+  vl::test::RunSandbox run(
+      Dictionary{{"BreakdownFailuresByDevice", true}, {"SerialNumber", "C02XK1"}});
+  auto result = completeResult();
+  result->failWithReason("timeout");
+  EXPECT_EQ(result->bucket(), "timeout | C02XK1");
+  EXPECT_EQ(result->copy()->bucket(), "timeout | C02XK1 | C02XK1");
+
+  run.setPreference("BreakdownFailuresByDevice", false);
+  result->failWithReason("timeout");
+  EXPECT_EQ(result->bucket(), "timeout");
+}
+
+TEST(TestCaseResultTest, CopyKeepsOutcomeDataAndTimesButNotCodeFlagsOrDefinition) {
+  vl::test::RunSandbox run;
+  auto source = VLTestCaseResult::withTestCaseObject(wifiDefinition());
+  source->setEndTime(vl::Date{1700000100});
+  source->addMetric(12.5, "Throughput");
+  source->setResultCode(42);
+  source->setTechnologiesInvolved(8);
+  source->setNoOp(true);
+  source->setBucket(std::string("kept"));
+  source->pass();
+
+  auto copy = source->copy();
+  EXPECT_TRUE(copy->didPass());
+  EXPECT_EQ(copy->bucket(), "kept");
+  EXPECT_EQ(copy->name(), "Wifi Join");
+  EXPECT_EQ(copy->technologiesInvolved(), 8);
+  EXPECT_EQ(copy->getMetrics(), (Dictionary{{"Throughput", 12.5}}));
+  EXPECT_EQ(copy->getTags(), source->getTags());
+  EXPECT_EQ(copy->getStartTime(), source->getStartTime());
+  EXPECT_EQ(copy->getEndTime(), source->getEndTime());
+  EXPECT_EQ(copy->resultCode(), -1);
+  EXPECT_FALSE(copy->isNoOp());
+  EXPECT_EQ(copy->getUnderlyingTestCaseObject(), nullptr);
+
+  // A default result copies as a failure with the source's bucket.
+  auto fresh = completeResult();
+  fresh->setBucket(std::string("never ran"));
+  auto copied = fresh->copy();
+  EXPECT_TRUE(copied->didFail());
+  EXPECT_EQ(copied->bucket(), "never ran");
+}
+
+TEST(TestCaseResultTest, MetricsAndTagsRefuseNoneKeysAndValuesWithTheirLines) {
+  vl::LogCapture capture;
+  auto result = VLTestCaseResult::make();
+  EXPECT_EQ(result->addMetric(1, "rssi"), 0);
+  EXPECT_EQ(result->addMetric(-60, "rssi"), 0);
+  EXPECT_EQ(result->addMetric(Value(), "snr"), 1);
+  EXPECT_EQ(result->addMetric(3, std::nullopt), 1);
+  EXPECT_EQ(result->getMetrics(), (Dictionary{{"rssi", -60}}));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", "Object is nil, unable to add snr"));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", "Key cannot be nil in addMetric:"));
+
+  EXPECT_EQ(result->addTag("lab", "site"), 0);
+  EXPECT_EQ(result->addTag(Value(), "room"), 1);
+  EXPECT_EQ(result->addTag("x", std::nullopt), 1);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Default", "Object is nil, unable to add room"));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Default", "Key cannot be nil in addTag:"));
+  EXPECT_EQ(result->getTags(), (Dictionary{{"site", "lab"}}));
+
+  // The getters hand out copies.
+  Dictionary metrics = result->getMetrics();
+  metrics.set("other", 1);
+  EXPECT_EQ(result->getMetrics().size(), 1u);
+  result->removeMetric("rssi");
+  result->removeTag("site");
+  EXPECT_TRUE(result->getMetrics().empty() && result->getTags().empty());
+}
+
+TEST(TestCaseResultTest, ArchiveUsesTheShortKeyInOrderAndRoundTrips) {
+  auto result = completeResult(kVLTestCaseResultTypeAverage);
+  result->pass();
+  result->addMetric(3.5, "Latency");
+  result->addMetric("n/a", "Note");
+  result->addTag(vl::Array{"a", 1}, "List");
+  result->setTechnologiesInvolved(1024);
+  result->setResultCode(7);
+  result->setStopStress(true);
+
+  Dictionary coded = result->codingDictionary();
+  std::vector<std::string> expectedKeys{"Name",
+                                        "Result",
+                                        "TechnolgiesInvolved",
+                                        "TimeStamp",
+                                        "EndTime",
+                                        "Metrics",
+                                        "Tags",
+                                        "Type",
+                                        "ResultCode",
+                                        "Bucket",
+                                        "isMissedTestCase",
+                                        "isNoOp",
+                                        "isEnvironmentFailure",
+                                        "isStopStress"};
+  EXPECT_EQ(coded.keys(), expectedKeys);
+  EXPECT_EQ(coded.get("TimeStamp"), Value(vl::dateString(vl::Date{1700000000})));
+  EXPECT_EQ(coded.get("TechnolgiesInvolved").asNumber()->typeCode(), 'l');
+
+  std::optional<vl::Data> data = VLConvertObjectToData(Value(result));
+  ASSERT_TRUE(data);
+  EXPECT_NE(data->view().find("TechnolgiesInvolved"), std::string_view::npos);
+  auto decoded = VLConvertDataToObject(*data).record<VLTestCaseResult>();
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->codingDictionary(), coded);
+  EXPECT_EQ(decoded->getUnderlyingTestCaseObject(), nullptr);
+
+  // Empty metrics and tags are left out; so is a missing bucket.
+  auto plain = completeResult();
+  Dictionary plainCoded = plain->codingDictionary();
+  EXPECT_FALSE(plainCoded.contains("Metrics") || plainCoded.contains("Tags"));
+  auto again =
+      VLConvertDataToObject(*VLConvertObjectToData(Value(plain))).record<VLTestCaseResult>();
+  ASSERT_TRUE(again);
+  EXPECT_FALSE(again->bucket());
+  EXPECT_TRUE(again->isDefaultResult());
+}
+
+TEST(TestCaseResultTest, DictionaryFormsAndReportingAdapter) {
+  vl::LogCapture capture;
+  auto result = completeResult();
+  result->failWithReason("drop");
+  result->addTag("x", "t");
+  result->setResultCode(3);
+  Dictionary dictionary = result->getDictionaryRepresentation();
+  std::vector<std::string> keys{"Name", "Result", "TimeStamp", "EndTime",
+                                "Type", "Bucket", "Class",     "Tags"};
+  EXPECT_EQ(dictionary.keys(), keys);
+  EXPECT_EQ(dictionary.get("Class"), Value("VLTestCaseResult"));
+  std::string start = vl::dateString(vl::Date{1700000000});
+  std::string end = vl::dateString(vl::Date{1700000060});
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelDebug, "Results",
+                       "Saving the following attributes for Ping... Result = 1, Start = " + start +
+                           ", End = " + end + ", Metrics = {\n}, type = PassFail, bucket = drop"))
+      << capture.lines().back().message;
+
+  EXPECT_EQ(result->dataModelId(), "com.brindle.zep.model.stress.result");
+  EXPECT_EQ(result->dictionaryValue().keys(),
+            std::vector<std::string>{"com.brindle.zep.model.stress.result"});
+
+  // The dictionary form of the coding keys reads back whole; absent keys give 0, NO or none.
+  auto back = VLTestCaseResult::withDictionary(result->codingDictionary());
+  EXPECT_EQ(back->codingDictionary(), result->codingDictionary());
+  auto empty = VLTestCaseResult::withDictionary({});
+  EXPECT_EQ(empty->result(), 0);
+  EXPECT_EQ(empty->resultCode(), 0);
+  EXPECT_FALSE(empty->name() || empty->getStartTime());
+}
+
+Dictionary validBase() {
+  return Dictionary{{"Name", "Ping"},
+                    {"Result", 0},
+                    {"TimeStamp", vl::dateString(vl::Date{1700000000})},
+                    {"EndTime", vl::dateString(vl::Date{1700000060})},
+                    {"Type", kVLTestCaseResultTypePassFail}};
+}
+
+Dictionary without(Dictionary d, const char* key) {
+  d.erase(key);
+  return d;
+}
+
+Dictionary with(Dictionary d, const char* key, Value value) {
+  d.set(key, std::move(value));
+  return d;
+}
+
+TEST(TestCaseResultTest, ValidationRejectsInOrderWithLineAndFailureIssue) {
+  vl::test::RunSandbox run;
+  struct Case {
+    Dictionary form;
+    std::string line;
+    std::string reason;
+  };
+  const Dictionary average = with(validBase(), "Type", kVLTestCaseResultTypeAverage);
+  const std::vector<Case> cases{
+      {without(validBase(), "TimeStamp"), "Ping did not have start date set",
+       "Invalid Result: Result did not have start date set."},
+      // The start is checked before the end and the type.
+      {without(without(without(validBase(), "TimeStamp"), "EndTime"), "Type"),
+       "Ping did not have start date set", "Invalid Result: Result did not have start date set."},
+      {without(validBase(), "EndTime"), "Ping did not have end date set",
+       "Invalid Result: Result did not have end date set."},
+      {without(validBase(), "Type"), "Ping did not have type set",
+       "Invalid Result: Result did not have type set."},
+      {with(validBase(), "Result", -1), "Ping did not have pass/fail set",
+       "Invalid Result: Result did not have pass/fail set"},
+      {average, "Ping was an average test case without metrics",
+       "Invalid Result: Result was an average test case without metrics."},
+      {with(validBase(), "Result", 1), "Ping was a failed test case without a bucket",
+       "Invalid Result: Result was a failed test case without a bucket."},
+      // A histogram without pass/fail or bucket gets through to the last step.
+      {with(with(validBase(), "Result", -1), "Type", kVLTestCaseResultTypeTimeHistogram),
+       "Ping was a failed test case without a bucket",
+       "Invalid Result: Result was a failed test case without a bucket."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    vl::LogCapture capture;
+    EXPECT_FALSE(VLTestCaseResult::withDictionary(c.form)->isValidResult());
+    EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", c.line));
+    ASSERT_EQ(capture.find(c.line).size(), 1u);
+    bool filed = false;
+    for (const auto& issue : run.results()->issueList()) {
+      if (issue->reason() != c.reason) continue;
+      filed = true;
+      EXPECT_EQ(issue->process(), "Vorlund");
+      EXPECT_EQ(issue->type(), "Failure");
+      EXPECT_FALSE(issue->primaryProcess());
+    }
+    EXPECT_TRUE(filed);
+  }
+
+  vl::LogCapture capture;
+  EXPECT_FALSE(VLTestCaseResult::withDictionary(without(validBase(), "Name"))->isValidResult());
+  bool stackLine = false;
+  for (const auto& line : capture.lines()) {
+    stackLine |= line.level == VLLogLevelError &&
+                 line.message.rfind("Result did not have name set...(", 0) == 0;
+  }
+  EXPECT_TRUE(stackLine);
+}
+
+TEST(TestCaseResultTest, ValidResultsFileNoIssue) {
+  vl::test::RunSandbox run;
+  std::vector<std::shared_ptr<VLTestCaseResult>> valid{
+      VLTestCaseResult::asNoOp(),
+      VLTestCaseResult::asStopStress(),
+      VLTestCaseResult::asMissedTestCase(),
+      VLTestCaseResult::withDictionary(validBase()),
+      VLTestCaseResult::withDictionary(with(
+          with(with(validBase(), "Result", -1), "Type", kVLTestCaseResultTypeInstanceHistogram),
+          "Bucket", "bin 3")),
+      VLTestCaseResult::withDictionary(
+          with(with(with(validBase(), "Result", 1), "Type", kVLTestCaseResultTypeAverage), "Bucket",
+               "slow")),
+      VLTestCaseResult::withDictionary(with(with(validBase(), "Type", kVLTestCaseResultTypeAverage),
+                                            "Metrics", Dictionary{{"Mbps", 80}})),
+  };
+  vl::LogCapture capture;
+  for (const auto& result : valid) EXPECT_TRUE(result->isValidResult()) << result->description();
+  EXPECT_TRUE(run.results()->issueList().empty());
+  EXPECT_EQ(capture.count("Test case result: " + valid[3]->description()), 1u);
+}
+
+}  // namespace

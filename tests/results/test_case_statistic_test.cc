@@ -1,0 +1,615 @@
+#include "vorlund/results/test_case_statistic.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vorlund/conversion/keyed_archive.h"
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/test_case_result.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using vl::Dictionary;
+using vl::Value;
+
+enum class Outcome { Pass, Fail, Unset };
+
+std::shared_ptr<VLTestCaseResult> makeResult(const std::string& name, const std::string& type,
+                                             Outcome outcome, const std::string& bucket = "",
+                                             const Dictionary& metrics = {}) {
+  auto result = VLTestCaseResult::withName(name);
+  result->setType(type);
+  result->setStartTime(vl::Date{1'700'000'000.0});
+  result->setEndTime(vl::Date{1'700'000'010.0});
+  if (outcome == Outcome::Pass) result->pass();
+  if (outcome == Outcome::Fail) result->failWithReason(bucket);
+  if (outcome != Outcome::Fail && !bucket.empty()) result->setBucket(bucket);
+  for (size_t i = 0; i < metrics.size(); ++i) {
+    auto [key, value] = metrics.entry(i);
+    result->addMetric(value, key);
+  }
+  return result;
+}
+
+std::shared_ptr<VLTestCaseStatistic> statisticOf(const std::shared_ptr<VLTestCaseResult>& result) {
+  return VLTestCaseStatistic::withTestCaseResult(*result);
+}
+
+// A statistic with the given figures; an "Average" metric is {mean, deviation, min, max}.
+struct Figures {
+  double mean;
+  double deviation;
+  double min;
+  double max;
+};
+
+std::shared_ptr<VLTestCaseStatistic> makeStatistic(
+    const std::string& name, const std::string& type, uint64_t instances, double failureRate,
+    Dictionary failures = {}, std::vector<std::pair<std::string, Figures>> metrics = {}) {
+  auto statistic = VLTestCaseStatistic::make();
+  statistic->setName(name);
+  statistic->setType(type);
+  statistic->setInstances(instances);
+  statistic->setFailureRate(failureRate);
+  statistic->setFailures(std::move(failures));
+  Dictionary metricDictionary;
+  for (const auto& [key, f] : metrics) {
+    metricDictionary.set(
+        key, Dictionary{
+                 {"Max", f.max}, {"Min", f.min}, {"Mean", f.mean}, {"StdDeviation", f.deviation}});
+  }
+  statistic->setMetrics(std::move(metricDictionary));
+  return statistic;
+}
+
+double figure(const VLTestCaseStatistic& statistic, const std::string& metric,
+              const std::string& key) {
+  const Dictionary* figures = statistic.metrics().get(metric).asDictionary();
+  EXPECT_NE(figures, nullptr) << metric;
+  return figures ? figures->get(key).doubleOr(NAN) : NAN;
+}
+
+double number(const Dictionary& dictionary, const std::string& key) {
+  EXPECT_TRUE(dictionary.get(key).isNumber()) << key;
+  return dictionary.get(key).doubleOr(NAN);
+}
+
+TEST(TestCaseStatisticTest, FreshStatistic) {
+  auto statistic = VLTestCaseStatistic::make();
+  EXPECT_EQ(statistic->name(), "Unknown Name");
+  EXPECT_EQ(statistic->instances(), 0u);
+  EXPECT_EQ(statistic->failureRate(), 0.0);
+  EXPECT_EQ(statistic->consecutiveFailures(), 0u);
+  EXPECT_FALSE(statistic->type().has_value());
+  EXPECT_TRUE(statistic->metrics().empty());
+  EXPECT_TRUE(statistic->tags().empty());
+  EXPECT_TRUE(statistic->failures().empty());
+  EXPECT_FALSE(statistic->isHistogram());
+}
+
+struct MadeCase {
+  const char* label;
+  std::shared_ptr<VLTestCaseResult> result;
+  uint64_t instances;
+  double failureRate;
+  uint64_t consecutiveFailures;
+  Dictionary failures;
+  Dictionary metrics;
+};
+
+TEST(TestCaseStatisticTest, MadeFromResult) {
+  const Dictionary latency{{"Latency", 12.5}, {"Label", "fast"}, {"Count", int64_t{3}}};
+  const std::vector<MadeCase> cases = {
+      {"passing PassFail", makeResult("Ping", "PassFail", Outcome::Pass), 1, 0.0, 0, {}, {}},
+      {"failing PassFail",
+       makeResult("Ping", "PassFail", Outcome::Fail, "Timeout"),
+       1,
+       1.0,
+       1,
+       {{"Timeout", 1.0}},
+       {}},
+      {"pass/fail unset counts as failed",
+       makeResult("Ping", "PassFail", Outcome::Unset, "Odd"),
+       1,
+       1.0,
+       1,
+       {{"Odd", 1.0}},
+       {}},
+      {"passing Average keeps number metrics only",
+       makeResult("Ping", "Average", Outcome::Pass, "", latency),
+       1,
+       0.0,
+       0,
+       {},
+       {{"Latency", Dictionary{{"Max", 12.5}, {"Min", 12.5}, {"Mean", 12.5}, {"StdDeviation", 0}}},
+        {"Count", Dictionary{{"Max", 3}, {"Min", 3}, {"Mean", 3}, {"StdDeviation", 0}}}}},
+      {"failing Average has no metrics",
+       makeResult("Ping", "Average", Outcome::Fail, "Lost", latency),
+       1,
+       1.0,
+       1,
+       {{"Lost", 1.0}},
+       {}},
+      {"instance histogram counts its bucket",
+       makeResult("Ping", "HistogramByInstance", Outcome::Unset, "Slow"),
+       1,
+       0.0,
+       0,
+       {},
+       {{"Slow", 1}}},
+      {"failing instance histogram is still a histogram",
+       makeResult("Ping", "HistogramByInstance", Outcome::Fail, "Slow"),
+       1,
+       0.0,
+       0,
+       {},
+       {{"Slow", 1}}},
+  };
+  for (const MadeCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    auto statistic = statisticOf(c.result);
+    EXPECT_EQ(statistic->name(), "Ping");
+    EXPECT_EQ(statistic->type(), c.result->type());
+    EXPECT_EQ(statistic->instances(), c.instances);
+    EXPECT_EQ(statistic->failureRate(), c.failureRate);
+    EXPECT_EQ(statistic->consecutiveFailures(), c.consecutiveFailures);
+    EXPECT_EQ(statistic->failures(), c.failures);
+    EXPECT_EQ(statistic->metrics(), c.metrics);
+    EXPECT_EQ(statistic->metrics().keys(), c.metrics.keys());
+  }
+}
+
+TEST(TestCaseStatisticTest, MadeFromResultKeepsTagsAndNameKey) {
+  auto result = makeResult("Download", "PassFail", Outcome::Pass);
+  result->addTag("lab-3", "site");
+  result->addTag(int64_t{7}, "run");
+  auto statistic = statisticOf(result);
+  EXPECT_EQ(statistic->tags(), (Dictionary{{"site", "lab-3"}, {"run", int64_t{7}}}));
+  EXPECT_EQ(VLTestCaseStatistic::hashForTestCase(*result), "Download");
+  EXPECT_EQ(VLTestCaseStatistic::hashForTestCase(*VLTestCaseResult::make()), "");
+}
+
+TEST(TestCaseStatisticTest, TimeHistogramCountsWholeSeconds) {
+  struct Case {
+    double seconds;
+    uint64_t instances;
+  };
+  for (Case c : std::vector<Case>{{90.4, 90}, {90.5, 91}, {-90.5, 91}, {0.4, 0}, {3600, 3600}}) {
+    SCOPED_TRACE(c.seconds);
+    auto result = makeResult("Soak", "HistogramByTime", Outcome::Unset, "Idle");
+    result->setStartTime(vl::Date{1'700'000'000.0});
+    result->setEndTime(vl::Date{1'700'000'000.0 + c.seconds});
+    auto statistic = statisticOf(result);
+    EXPECT_EQ(statistic->instances(), c.instances);
+    EXPECT_EQ(statistic->metrics(), (Dictionary{{"Idle", 1}}));
+    EXPECT_EQ(statistic->failureRate(), 0.0);
+    EXPECT_TRUE(statistic->isHistogram());
+  }
+}
+
+TEST(TestCaseStatisticTest, PassFailMergeWeighsReasonsByRoundedFailureCounts) {
+  // 10 instances with 1 failure (all "Timeout") and 10 with 3 (2 "Refused", 1 "Timeout").
+  auto a = makeStatistic("Ping", "PassFail", 10, 0.1, {{"Timeout", 1.0}});
+  auto b =
+      makeStatistic("Ping", "PassFail", 10, 0.3, {{"Refused", 2.0 / 3.0}, {"Reset", 1.0 / 3.0}});
+  vl::LogCapture capture;
+  ASSERT_EQ(a->mergeWithStatistic(*b), kVLTestCaseStatisticMergeSucceeded);
+  EXPECT_EQ(a->instances(), 20u);
+  EXPECT_DOUBLE_EQ(a->failureRate(), 0.2);
+  EXPECT_THAT(a->failures().keys(), ElementsAre("Timeout", "Refused", "Reset"));
+  EXPECT_DOUBLE_EQ(number(a->failures(), "Timeout"), 0.25);
+  EXPECT_DOUBLE_EQ(number(a->failures(), "Refused"), 0.5);
+  EXPECT_DOUBLE_EQ(number(a->failures(), "Reset"), 0.25);
+  EXPECT_TRUE(a->metrics().empty());
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelDebug, "framework", "Merging results for 'Ping' (10 + 10 = 20)"));
+  // The argument is untouched.
+  EXPECT_EQ(b->instances(), 10u);
+  EXPECT_EQ(b->failureRate(), 0.3);
+}
+
+TEST(TestCaseStatisticTest, MergingResultsOneByOne) {
+  auto held = statisticOf(makeResult("Ping", "PassFail", Outcome::Pass));
+  for (const char* bucket : {"Timeout", "Timeout", "Refused"}) {
+    ASSERT_EQ(held->mergeWithStatistic(
+                  *statisticOf(makeResult("Ping", "PassFail", Outcome::Fail, bucket))),
+              0);
+  }
+  ASSERT_EQ(held->mergeWithStatistic(*statisticOf(makeResult("Ping", "PassFail", Outcome::Pass))),
+            0);
+  EXPECT_EQ(held->instances(), 5u);
+  EXPECT_DOUBLE_EQ(held->failureRate(), 0.6);
+  EXPECT_DOUBLE_EQ(number(held->failures(), "Timeout"), 2.0 / 3.0);
+  EXPECT_DOUBLE_EQ(number(held->failures(), "Refused"), 1.0 / 3.0);
+  // Merging leaves the consecutive failures of the held statistic as they were.
+  EXPECT_EQ(held->consecutiveFailures(), 0u);
+}
+
+TEST(TestCaseStatisticTest, MismatchesLeaveTheReceiverUnchanged) {
+  struct Case {
+    const char* label;
+    std::shared_ptr<VLTestCaseStatistic> other;
+    int code;
+  };
+  auto receiver =
+      makeStatistic("Ping", "Average", 4, 0.25, {{"Lost", 1.0}}, {{"Latency", {10, 1, 8, 12}}});
+  const std::vector<Case> cases = {
+      {"different name",
+       makeStatistic("Pong", "Average", 4, 0.0, {}, {{"Latency", {10, 1, 8, 12}}}), 2},
+      {"different type", makeStatistic("Ping", "PassFail", 4, 0.0), 4},
+      {"name and type differ: the name is checked first", makeStatistic("Pong", "PassFail", 4, 0.0),
+       2},
+      {"histogram against average", makeStatistic("Ping", "HistogramByTime", 4, 0.0), 4},
+      {"different metric", makeStatistic("Ping", "Average", 4, 0.0, {}, {{"Jitter", {1, 0, 1, 1}}}),
+       3},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    auto before = std::make_shared<VLTestCaseStatistic>(*receiver);
+    EXPECT_EQ(receiver->mergeWithStatistic(*c.other), c.code);
+    EXPECT_TRUE(receiver->isEqual(*before));
+    EXPECT_EQ(receiver->instances(), 4u);
+  }
+}
+
+TEST(TestCaseStatisticTest, AverageMetricSetsMustMatch) {
+  auto a = makeStatistic("Ping", "Average", 4, 0.0, {},
+                         {{"Latency", {10, 0, 10, 10}}, {"Loss", {1, 0, 1, 1}}});
+  auto b = makeStatistic(
+      "Ping", "Average", 4, 0.5, {{"Lost", 1.0}},
+      {{"Latency", {10, 0, 10, 10}}, {"Jitter", {2, 0, 2, 2}}, {"Rtt", {3, 0, 3, 3}}});
+  vl::LogCapture capture;
+  EXPECT_EQ(a->mergeWithStatistic(*b), kVLTestCaseStatisticMergeMetricMismatch);
+  std::vector<std::string> messages;
+  for (const vl::CapturedLine& line : capture.lines()) {
+    EXPECT_EQ(line.level, VLLogLevelError);
+    EXPECT_EQ(line.category, "Results");
+    messages.push_back(line.message);
+  }
+  EXPECT_THAT(
+      messages,
+      ElementsAre("Cannot merge new numeric metric Jitter", "Cannot merge new numeric metric Rtt",
+                  "Cannot merge since new statistic does not have Loss",
+                  "Failed to merge statistics because of the following metrics...Jitter, "
+                  "Rtt, Loss"));
+}
+
+TEST(TestCaseStatisticTest, AveragePoolsMeanAndDeviationOverPassingInstances) {
+  struct Case {
+    const char* label;
+    std::shared_ptr<VLTestCaseStatistic> a;
+    std::shared_ptr<VLTestCaseStatistic> b;
+    uint64_t instances;
+    double failureRate;
+    Figures merged;
+  };
+  const std::vector<Case> cases = {
+      {"equal counts, no spread",
+       makeStatistic("T", "Average", 4, 0.0, {}, {{"m", {10, 0, 10, 10}}}),
+       makeStatistic("T", "Average", 4, 0.0, {}, {{"m", {20, 0, 20, 20}}}),
+       8,
+       0.0,
+       {15, 5, 10, 20}},
+      // fA = 2, pA = 8; fB = 2, pB = 3: mean (80 + 63) / 11 = 13,
+      // deviation sqrt((8 * (4 + 9) + 3 * (9 + 64)) / 11) = sqrt(323 / 11).
+      {"failures excluded, spreads pooled",
+       makeStatistic("T", "Average", 10, 0.2, {{"x", 1.0}}, {{"m", {10, 2, 5, 15}}}),
+       makeStatistic("T", "Average", 5, 0.4, {{"x", 1.0}}, {{"m", {21, 3, 16, 30}}}),
+       15,
+       4.0 / 15.0,
+       {13, std::sqrt(323.0 / 11.0), 5, 30}},
+      // A failure rate of 0.26 on 10 instances rounds to 3 failed, 7 passing.
+      {"failure counts are rounded",
+       makeStatistic("T", "Average", 10, 0.26, {{"x", 1.0}}, {{"m", {1, 0, 1, 1}}}),
+       makeStatistic("T", "Average", 3, 0.0, {}, {{"m", {11, 0, 11, 11}}}),
+       13,
+       3.0 / 13.0,
+       {4, std::sqrt(7.0 * 9.0 / 10.0 + 3.0 * 49.0 / 10.0), 1, 11}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    ASSERT_EQ(c.a->mergeWithStatistic(*c.b), kVLTestCaseStatisticMergeSucceeded);
+    EXPECT_EQ(c.a->instances(), c.instances);
+    EXPECT_DOUBLE_EQ(c.a->failureRate(), c.failureRate);
+    EXPECT_DOUBLE_EQ(figure(*c.a, "m", "Mean"), c.merged.mean);
+    EXPECT_DOUBLE_EQ(figure(*c.a, "m", "StdDeviation"), c.merged.deviation);
+    EXPECT_DOUBLE_EQ(figure(*c.a, "m", "Min"), c.merged.min);
+    EXPECT_DOUBLE_EQ(figure(*c.a, "m", "Max"), c.merged.max);
+    const Dictionary* m = c.a->metrics().get("m").asDictionary();
+    ASSERT_NE(m, nullptr);
+    EXPECT_THAT(m->keys(), ElementsAre("Max", "Min", "Mean", "StdDeviation"));
+  }
+}
+
+TEST(TestCaseStatisticTest, AverageFromResultsMatchesPopulationFigures) {
+  // Merging one result at a time gives the population mean and deviation of all values.
+  const std::vector<double> values = {12, 15, 9, 20, 14};
+  std::shared_ptr<VLTestCaseStatistic> held;
+  for (double v : values) {
+    auto next = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", {{"ms", v}}));
+    if (!held) {
+      held = next;
+    } else {
+      ASSERT_EQ(held->mergeWithStatistic(*next), 0);
+    }
+  }
+  // Mean 14; squared deviations 4 + 1 + 25 + 36 + 0 = 66; population variance 13.2.
+  EXPECT_EQ(held->instances(), 5u);
+  EXPECT_NEAR(figure(*held, "ms", "Mean"), 14.0, 1e-12);
+  EXPECT_NEAR(figure(*held, "ms", "StdDeviation"), std::sqrt(13.2), 1e-12);
+  EXPECT_EQ(figure(*held, "ms", "Min"), 9.0);
+  EXPECT_EQ(figure(*held, "ms", "Max"), 20.0);
+}
+
+TEST(TestCaseStatisticTest, FailedAverageSkipsTheMetricCheck) {
+  const Dictionary latency{{"Latency", 10.0}};
+  // A held passing statistic takes a failed one: its figures stay.
+  auto held = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", latency));
+  auto failed = statisticOf(makeResult("Rtt", "Average", Outcome::Fail, "Lost", latency));
+  EXPECT_EQ(failed->failureRate(), 1.0);
+  EXPECT_TRUE(failed->metrics().empty());
+  ASSERT_EQ(held->mergeWithStatistic(*failed), kVLTestCaseStatisticMergeSucceeded);
+  EXPECT_EQ(held->instances(), 2u);
+  EXPECT_DOUBLE_EQ(held->failureRate(), 0.5);
+  EXPECT_EQ(held->failures(), (Dictionary{{"Lost", 1.0}}));
+  EXPECT_EQ(figure(*held, "Latency", "Mean"), 10.0);
+  EXPECT_EQ(figure(*held, "Latency", "StdDeviation"), 0.0);
+  EXPECT_EQ(held->consecutiveFailures(), 0u);
+
+  // A held failed statistic takes a passing one: the passing figures come in whole.
+  auto heldFailed = statisticOf(makeResult("Rtt", "Average", Outcome::Fail, "Lost", latency));
+  auto passing = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", {{"Latency", 7.0}}));
+  ASSERT_EQ(heldFailed->mergeWithStatistic(*passing), kVLTestCaseStatisticMergeSucceeded);
+  EXPECT_DOUBLE_EQ(heldFailed->failureRate(), 0.5);
+  EXPECT_EQ(figure(*heldFailed, "Latency", "Mean"), 7.0);
+  EXPECT_EQ(figure(*heldFailed, "Latency", "Min"), 7.0);
+  EXPECT_EQ(figure(*heldFailed, "Latency", "Max"), 7.0);
+  EXPECT_EQ(heldFailed->consecutiveFailures(), 1u);
+}
+
+TEST(TestCaseStatisticTest, HistogramsWeighBucketsByInstances) {
+  vl::LogCapture capture;
+  auto held = statisticOf(makeResult("Scan", "HistogramByInstance", Outcome::Unset, "Slow"));
+  ASSERT_EQ(held->mergeWithStatistic(
+                *statisticOf(makeResult("Scan", "HistogramByInstance", Outcome::Unset, "Fast"))),
+            0);
+  EXPECT_DOUBLE_EQ(number(held->metrics(), "Slow"), 0.5);
+  EXPECT_DOUBLE_EQ(number(held->metrics(), "Fast"), 0.5);
+  ASSERT_EQ(held->mergeWithStatistic(
+                *statisticOf(makeResult("Scan", "HistogramByInstance", Outcome::Unset, "Slow"))),
+            0);
+  EXPECT_EQ(held->instances(), 3u);
+  EXPECT_DOUBLE_EQ(number(held->metrics(), "Slow"), 2.0 / 3.0);
+  EXPECT_DOUBLE_EQ(number(held->metrics(), "Fast"), 1.0 / 3.0);
+  EXPECT_EQ(held->failureRate(), 0.0);
+  EXPECT_TRUE(held->failures().empty());
+  EXPECT_EQ(capture.count("Merging results for 'Scan' (1 + 1 = 2)"), 0u);
+
+  // Time histograms weigh by seconds: 90 s in "Busy" and 30 s in "Idle".
+  auto busy = makeResult("Soak", "HistogramByTime", Outcome::Unset, "Busy");
+  busy->setEndTime(vl::Date{1'700'000'090.0});
+  auto idle = makeResult("Soak", "HistogramByTime", Outcome::Unset, "Idle");
+  idle->setEndTime(vl::Date{1'700'000'030.0});
+  auto time = statisticOf(busy);
+  ASSERT_EQ(time->mergeWithStatistic(*statisticOf(idle)), 0);
+  EXPECT_EQ(time->instances(), 120u);
+  EXPECT_EQ(time->metrics(), (Dictionary{{"Busy", 0.75}, {"Idle", 0.25}}));
+}
+
+TEST(TestCaseStatisticTest, TwoSigmaCheck) {
+  struct Case {
+    const char* label;
+    uint64_t instances;
+    double failureRate;
+    std::string type;
+    double newLatency;
+    std::vector<std::string> reasons;
+  };
+  const std::string latencyReason = "Rtt : Latency | Metric outside 2 sigma";
+  const std::vector<Case> cases = {
+      {"above the band", 60, 0.1, "Average", 14.5, {latencyReason}},
+      {"on the band's edge", 60, 0.1, "Average", 14.0, {}},
+      {"far below: only the upper side counts", 60, 0.1, "Average", -100.0, {}},
+      {"48 passing instances are too few", 60, 0.2, "Average", 100.0, {}},
+      {"exactly 50 passing instances are too few", 50, 0.0, "Average", 100.0, {}},
+      {"51 passing instances are enough", 51, 0.0, "Average", 100.0, {latencyReason}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    auto held = makeStatistic("Rtt", c.type, c.instances, c.failureRate, {},
+                              {{"Latency", {10, 2, 1, 20}}, {"Loss", {1, 0.5, 0, 3}}});
+    auto next = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "",
+                                       {{"Loss", 1.0}, {"Latency", c.newLatency}}));
+    EXPECT_EQ(held->metricsOutsideTwoSigma(*next), c.reasons);
+  }
+
+  // Every metric outside is named, in the order of the new result's metrics.
+  auto held = makeStatistic("Rtt", "Average", 100, 0.0, {},
+                            {{"Latency", {10, 2, 1, 20}}, {"Loss", {1, 0.5, 0, 3}}});
+  auto next = statisticOf(
+      makeResult("Rtt", "Average", Outcome::Pass, "", {{"Loss", 2.5}, {"Latency", 30.0}}));
+  EXPECT_THAT(held->metricsOutsideTwoSigma(*next),
+              ElementsAre("Rtt : Loss | Metric outside 2 sigma", latencyReason));
+  // A failed result brings no metrics to test.
+  auto failed =
+      statisticOf(makeResult("Rtt", "Average", Outcome::Fail, "Lost", {{"Latency", 30.0}}));
+  EXPECT_THAT(held->metricsOutsideTwoSigma(*failed), IsEmpty());
+}
+
+TEST(TestCaseStatisticTest, TwoSigmaAfterMergingTheNewValue) {
+  // 60 passing values of 10 and a new 30: the merged band already holds the new value.
+  auto held = makeStatistic("Rtt", "Average", 60, 0.0, {}, {{"Latency", {10, 0, 10, 10}}});
+  auto next = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", {{"Latency", 30.0}}));
+  ASSERT_EQ(held->mergeWithStatistic(*next), 0);
+  // Mean 630 / 61, deviation sqrt(60 * 400) / 61: 30 is above mean + 2 deviations (about 15.4).
+  EXPECT_DOUBLE_EQ(figure(*held, "Latency", "Mean"), 630.0 / 61.0);
+  EXPECT_NEAR(figure(*held, "Latency", "StdDeviation"), std::sqrt(60.0 * 400.0) / 61.0, 1e-12);
+  EXPECT_THAT(held->metricsOutsideTwoSigma(*next),
+              ElementsAre("Rtt : Latency | Metric outside 2 sigma"));
+}
+
+// The allowed classes of a file that holds statistics.
+vl::ClassSet statisticClasses() {
+  vl::ClassSet classes = VLValidExternalClassesForCoding();
+  classes.insert(VLTestCaseStatistic::kClassName);
+  return classes;
+}
+
+std::shared_ptr<VLTestCaseStatistic> mergedAverage() {
+  auto result = makeResult("Throughput", "Average", Outcome::Pass, "", {{"Mbps", 80.0}});
+  result->addTag("2.4GHz", "band");
+  auto statistic = statisticOf(result);
+  EXPECT_EQ(statistic->mergeWithStatistic(*statisticOf(
+                makeResult("Throughput", "Average", Outcome::Fail, "Stalled", {{"Mbps", 1.0}}))),
+            0);
+  EXPECT_EQ(statistic->mergeWithStatistic(*statisticOf(
+                makeResult("Throughput", "Average", Outcome::Pass, "", {{"Mbps", 100.0}}))),
+            0);
+  return statistic;
+}
+
+TEST(TestCaseStatisticTest, KeyedArchiveRoundTrip) {
+  auto statistic = mergedAverage();
+  statistic->setConsecutiveFailures(4);
+  vl::Error error;
+  std::optional<std::string> bytes = vl::archive(Value(statistic), &error);
+  ASSERT_TRUE(bytes) << error.description();
+  std::optional<Value> decoded = vl::unarchive(*bytes, statisticClasses(), &error);
+  ASSERT_TRUE(decoded) << error.description();
+  auto copy = decoded->record<VLTestCaseStatistic>();
+  ASSERT_NE(copy, nullptr);
+  EXPECT_TRUE(copy->isEqual(*statistic));
+  EXPECT_EQ(copy->name(), "Throughput");
+  EXPECT_EQ(copy->type(), "Average");
+  EXPECT_EQ(copy->instances(), 3u);
+  EXPECT_DOUBLE_EQ(copy->failureRate(), 1.0 / 3.0);
+  EXPECT_EQ(copy->tags(), (Dictionary{{"band", "2.4GHz"}}));
+  EXPECT_EQ(copy->failures(), (Dictionary{{"Stalled", 1.0}}));
+  EXPECT_DOUBLE_EQ(figure(*copy, "Mbps", "Mean"), 90.0);
+  EXPECT_DOUBLE_EQ(figure(*copy, "Mbps", "StdDeviation"), 10.0);
+  EXPECT_EQ(copy->consecutiveFailures(), 0u);
+
+  // Inside a collection, as a results file keeps them.
+  bytes = vl::archive(Value(Dictionary{{"Throughput", statistic}}), &error);
+  ASSERT_TRUE(bytes);
+  decoded = vl::unarchive(*bytes, statisticClasses(), &error);
+  ASSERT_TRUE(decoded) << error.description();
+  EXPECT_EQ(*decoded, Value(Dictionary{{"Throughput", statistic}}));
+}
+
+TEST(TestCaseStatisticTest, SecureDecodingRefusesWhatIsNotAllowed) {
+  vl::Error error;
+  std::optional<std::string> bytes = vl::archive(Value(mergedAverage()), &error);
+  ASSERT_TRUE(bytes);
+  // Not among the classes that cross a process boundary unless the reader allows it.
+  EXPECT_FALSE(vl::unarchive(*bytes, VLValidExternalClassesForCoding(), &error));
+  EXPECT_EQ(error.code, vl::kKeyedArchiveReadCorruptError);
+}
+
+// Writes what a statistic's archive would hold, with chosen values, under the statistic's class.
+class ForgedStatistic : public vl::CodableRecord {
+ public:
+  explicit ForgedStatistic(Dictionary keys) : keys_(std::move(keys)) {}
+  std::string className() const override { return VLTestCaseStatistic::kClassName; }
+  void encodeWithCoder(vl::KeyedArchiver& coder) const override {
+    for (size_t i = 0; i < keys_.size(); ++i) {
+      auto [key, value] = keys_.entry(i);
+      coder.encodeObject(value, key);
+    }
+  }
+
+ private:
+  Dictionary keys_;
+};
+
+TEST(TestCaseStatisticTest, DecodingChecksClassesOfEveryKey) {
+  struct Case {
+    const char* label;
+    Dictionary keys;
+    bool decodes;
+  };
+  const std::vector<Case> cases = {
+      {"only a name: the rest keeps its defaults", {{"Name", "Solo"}}, true},
+      {"name that is a number", {{"Name", int64_t{5}}}, false},
+      {"instances that are a string", {{"Name", "X"}, {"Instances", "many"}}, false},
+      {"metrics that are an array", {{"Name", "X"}, {"Metrics", vl::Array{1, 2}}}, false},
+      {"a statistic nested in the metrics",
+       {{"Name", "X"}, {"Metrics", Dictionary{{"inner", VLTestCaseStatistic::make()}}}},
+       false},
+      {"a result in the tags is allowed",
+       {{"Name", "X"}, {"Tags", Dictionary{{"r", VLTestCaseResult::withName("R")}}}},
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    vl::Error error;
+    std::optional<std::string> bytes =
+        vl::archive(Value(std::make_shared<ForgedStatistic>(c.keys)), &error);
+    ASSERT_TRUE(bytes) << error.description();
+    std::optional<Value> decoded = vl::unarchive(*bytes, statisticClasses(), &error);
+    EXPECT_EQ(decoded.has_value(), c.decodes) << error.description();
+    if (decoded && c.decodes) {
+      EXPECT_NE(decoded->record<VLTestCaseStatistic>(), nullptr);
+    }
+  }
+  std::optional<std::string> bytes =
+      vl::archive(Value(std::make_shared<ForgedStatistic>(Dictionary{{"Name", "Solo"}})));
+  ASSERT_TRUE(bytes);
+  auto solo = vl::unarchive(*bytes, statisticClasses())->record<VLTestCaseStatistic>();
+  ASSERT_NE(solo, nullptr);
+  EXPECT_EQ(solo->instances(), 0u);
+  EXPECT_FALSE(solo->type().has_value());
+}
+
+TEST(TestCaseStatisticTest, DictionaryForm) {
+  auto statistic = mergedAverage();
+  Dictionary dictionary = statistic->getDictionaryRepresentation();
+  EXPECT_THAT(dictionary.keys(), ElementsAre("Name", "Instances", "Metrics", "Failures",
+                                             "FailureRate", "Type", "Class"));
+  EXPECT_EQ(dictionary.get("Name"), Value("Throughput"));
+  EXPECT_EQ(dictionary.get("Instances").asNumber()->typeCode(), 'Q');
+  EXPECT_EQ(dictionary.get("Instances"), Value(3));
+  EXPECT_EQ(dictionary.get("FailureRate").asNumber()->typeCode(), 'd');
+  EXPECT_EQ(dictionary.get("Class"), Value("VLTestCaseStatistic"));
+  EXPECT_EQ(dictionary.get("Metrics"), Value(statistic->metrics()));
+  EXPECT_EQ(statistic->description(), dictionary.description());
+
+  auto back = VLTestCaseStatistic::withDictionary(dictionary);
+  EXPECT_TRUE(back->tags().empty());
+  back->setTags(statistic->tags());
+  EXPECT_TRUE(back->isEqual(*statistic));
+
+  // The registered class builds it from the same form.
+  const vl::CodableClass* cls = vl::findCodableClass("VLTestCaseStatistic");
+  ASSERT_NE(cls, nullptr);
+  ASSERT_TRUE(cls->fromDictionary);
+  auto registered =
+      std::dynamic_pointer_cast<VLTestCaseStatistic>(cls->fromDictionary(dictionary, nullptr));
+  ASSERT_NE(registered, nullptr);
+  EXPECT_EQ(registered->name(), "Throughput");
+}
+
+TEST(TestCaseStatisticTest, DictionaryWithWrongTypesKeepsDefaults) {
+  auto statistic = VLTestCaseStatistic::withDictionary(Dictionary{{"Name", int64_t{4}},
+                                                                  {"Instances", "four"},
+                                                                  {"Metrics", vl::Array{}},
+                                                                  {"FailureRate", 0.5},
+                                                                  {"Type", "PassFail"},
+                                                                  {"Tags", Dictionary{{"a", 1}}}});
+  EXPECT_EQ(statistic->name(), "Unknown Name");
+  EXPECT_EQ(statistic->instances(), 0u);
+  EXPECT_TRUE(statistic->metrics().empty());
+  EXPECT_EQ(statistic->failureRate(), 0.5);
+  EXPECT_EQ(statistic->type(), "PassFail");
+  EXPECT_EQ(statistic->tags(), (Dictionary{{"a", 1}}));
+}
+
+}  // namespace

@@ -1,0 +1,408 @@
+#include "vorlund/results/timeline_database.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "support/child_process.h"
+#include "support/test_support.h"
+#include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/sqlite/database.h"
+
+namespace {
+
+using vl::Array;
+using vl::Date;
+using vl::Dictionary;
+using vl::Value;
+
+// The tables as they must be created, letter for letter (SQLite keeps the text without the ';').
+constexpr const char* kTestCasesTable =
+    "CREATE TABLE TestCases(id INTEGER PRIMARY KEY, test_case_name VARCHAR(250), "
+    "test_case_iteration INTEGER, metric_name VARCHAR(250), is_number BOOLEAN, test_case_type "
+    "VARCHAR(250), start_time VARCHAR(50), end_time VARCHAR(50), result INTEGER, bucket "
+    "VARCHAR(1000), value_number DOUBLE PRECISION, value_string VARCHAR(250), uuid VARCHAR(40))";
+constexpr const char* kIssuesTable =
+    "CREATE TABLE Issues(id INTEGER PRIMARY KEY, reason VARCHAR(1000), process VARCHAR(250), type "
+    "VARCHAR(250), is_primary_process BOOLEAN, is_wireless_process BOOLEAN, time VARCHAR(50), "
+    "history VARCHAR(1000000))";
+constexpr const char* kConfigTable =
+    "CREATE TABLE Config(id INTEGER PRIMARY KEY, key VARCHAR(250), value VARCHAR(250))";
+
+const Date kStart{1767225600.0};  // 2026-01-01 00:00:00 UTC
+const Date kEnd{1767225690.0};
+
+std::string sqliteTool(const std::string& path, const std::string& sql) {
+  auto child = vl::test::runChild({"sqlite3", path, sql});
+  EXPECT_EQ(child.exitStatus, 0) << child.err;
+  return child.out;
+}
+
+// Every row of a query, as dictionaries, read through a connection of its own.
+std::vector<Dictionary> rows(const std::string& path, const std::string& sql) {
+  vl::sqlite::Database db(path);
+  std::vector<Dictionary> out;
+  if (!db.open(vl::sqlite::kOpenReadOnly)) return out;
+  auto set = db.executeQuery(sql);
+  while (set && set->next()) out.push_back(set->resultDictionary());
+  return out;
+}
+
+std::shared_ptr<VLTestCaseResult> makeResult(const std::string& name, const char* type) {
+  auto result = VLTestCaseResult::withName(name);
+  result->setType(std::string(type));
+  result->setStartTime(kStart);
+  result->setEndTime(kEnd);
+  return result;
+}
+
+std::shared_ptr<VLIssue> makeIssue(const std::string& reason, const std::string& process,
+                                   Date time) {
+  auto issue = VLIssue::make();
+  issue->setReason(reason);
+  issue->setProcess(process);
+  issue->setType(std::string("Crash"));
+  issue->setTime(time);
+  return issue;
+}
+
+class TimelineTest : public ::testing::Test {
+ protected:
+  vl::test::Sandbox sandbox_;
+  std::string path_ = sandbox_.path("VorlundTimeline.db");
+  VLTimelineDatabase timeline_{path_};
+};
+
+TEST_F(TimelineTest, CreatesTheThreeTablesWithTheExactStatements) {
+  vl::LogCapture capture;
+  EXPECT_FALSE(timeline_.isInitialized());
+  timeline_.databaseInit();
+  EXPECT_TRUE(timeline_.isInitialized());
+  EXPECT_TRUE(timeline_.verifyDBTables());
+
+  EXPECT_EQ(sqliteTool(path_, "SELECT name FROM sqlite_master WHERE type='table' ORDER BY rowid"),
+            "TestCases\nIssues\nConfig\n");
+  auto tables = rows(path_, "SELECT name, sql FROM sqlite_master WHERE type='table'");
+  std::map<std::string, std::string> sql;
+  for (const auto& table : tables)
+    sql[table.get("name").stringOr("")] = table.get("sql").stringOr("");
+  EXPECT_EQ(sql["TestCases"], kTestCasesTable);
+  EXPECT_EQ(sql["Issues"], kIssuesTable);
+  EXPECT_EQ(sql["Config"], kConfigTable);
+  EXPECT_EQ(vl::timelineCreateConfigStatement(), kConfigTable);
+  // The same as an outside reader sees it.
+  EXPECT_EQ(sqliteTool(path_, "SELECT sql FROM sqlite_master WHERE type='table' ORDER BY rowid"),
+            std::string(kTestCasesTable) + "\n" + kIssuesTable + "\n" + kConfigTable + "\n");
+
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
+                               "Database object is <VLSQLiteDatabase: " + path_ + " (closed)>"));
+  for (const char* line : {"hasConfig = 0", "hasIssues = 0", "hasTestCases = 0"}) {
+    EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results", line)) << line;
+  }
+  // Once after creating them and once more from verifyDBTables.
+  EXPECT_EQ(capture.count("hasTestCases = 1"), 2u);
+
+  // Opening an existing timeline creates nothing and logs no failure: it verifies twice.
+  capture.clear();
+  VLTimelineDatabase again(path_);
+  again.databaseInit();
+  EXPECT_EQ(capture.count("hasConfig = 1"), 2u);
+  EXPECT_EQ(capture.count("hasConfig = 0"), 0u);
+  for (const auto& line : capture.lines()) EXPECT_NE(line.level, VLLogLevelError) << line.message;
+}
+
+TEST_F(TimelineTest, ATaggedResultWritesOneRowPerTagSharingItsUuid) {
+  auto result = makeResult("WiFi Join", kVLTestCaseResultTypePassFail);
+  result->addTag(Value("a-value"), std::string("a"));
+  result->addTag(Value(42), std::string("b"));
+  result->pass();
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*result, 7));
+
+  // On disk for an outside reader as soon as the call returns.
+  EXPECT_EQ(sqliteTool(path_,
+                       "SELECT test_case_name, test_case_iteration, metric_name, is_number, "
+                       "test_case_type, start_time, end_time, result, bucket, value_number, "
+                       "value_string FROM TestCases ORDER BY id"),
+            "WiFi Join|7|a|0|PassFail|" + vl::dateString(kStart) + "|" + vl::dateString(kEnd) +
+                "|0|None|2147483647.0|a-value\n"
+                "WiFi Join|7|b|0|PassFail|" +
+                vl::dateString(kStart) + "|" + vl::dateString(kEnd) + "|0|None|2147483647.0|42\n");
+  auto written = rows(path_, "SELECT uuid FROM TestCases");
+  ASSERT_EQ(written.size(), 2u);
+  std::string uuid = written[0].get("uuid").stringOr("");
+  EXPECT_TRUE(vl::Uuid::fromString(uuid));
+  EXPECT_EQ(written[1].get("uuid").stringOr(""), uuid);
+
+  // The next result has a UUID of its own.
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*result, 8));
+  EXPECT_EQ(sqliteTool(path_, "SELECT count(DISTINCT uuid) FROM TestCases"), "2\n");
+}
+
+TEST_F(TimelineTest, AverageResultsWriteOneRowPerMetricAndNoDefaultRow) {
+  vl::LogCapture capture;
+  auto average = makeResult("Ping", kVLTestCaseResultTypeAverage);
+  average->addMetric(Value(12.5), std::string("Latency"));
+  average->addMetric(Value(3), std::string("Lost"));
+  average->pass();
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*average, 1));
+  EXPECT_TRUE(capture.contains(VLLogLevelNotice, "Results", "No tags, adding default result row"));
+  EXPECT_TRUE(capture.contains(VLLogLevelDebug, "Results", "Waiting for db lock"));
+  EXPECT_EQ(sqliteTool(path_,
+                       "SELECT metric_name, is_number, value_number, value_string, bucket "
+                       "FROM TestCases ORDER BY id"),
+            "Latency|1|12.5|None|None\nLost|1|3.0|None|None\n");
+
+  // A metric that is not a number keeps its text; tags come before metrics.
+  auto mixed = makeResult("Ping", kVLTestCaseResultTypeAverage);
+  mixed->addMetric(Value("n/a"), std::string("Latency"));
+  mixed->addTag(Value("Office"), std::string("Location"));
+  mixed->pass();
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*mixed, 2));
+  EXPECT_EQ(sqliteTool(path_,
+                       "SELECT metric_name, is_number, value_number, value_string "
+                       "FROM TestCases WHERE test_case_iteration = 2 ORDER BY id"),
+            "Location|0|2147483647.0|Office\nLatency|0|2147483647.0|n/a\n");
+  // is_number is set exactly when value_number is not the no-number mark.
+  EXPECT_EQ(sqliteTool(path_,
+                       "SELECT count(*) FROM TestCases WHERE is_number != "
+                       "(value_number != 2147483647)"),
+            "0\n");
+}
+
+TEST_F(TimelineTest, AFailedResultWithoutTagsWritesOneDefaultRowWithItsBucket) {
+  auto failed = makeResult("Call Setup", kVLTestCaseResultTypePassFail);
+  failed->failWithReason("No Service");
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*failed, 3));
+  auto written = rows(path_, "SELECT * FROM TestCases");
+  ASSERT_EQ(written.size(), 1u);
+  EXPECT_EQ(written[0].get("result"), Value(1));
+  EXPECT_EQ(written[0].get("bucket"), Value("No Service"));
+  EXPECT_EQ(written[0].get("metric_name"), Value());
+  EXPECT_EQ(written[0].get("value_string"), Value());
+  EXPECT_EQ(written[0].get("is_number"), Value(0));
+  EXPECT_EQ(written[0].get("value_number"), Value(2147483647.0));
+
+  // A failed average without metrics writes its default row too.
+  auto average = makeResult("Ping", kVLTestCaseResultTypeAverage);
+  average->failWithReason("Timeout");
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*average, 4));
+  EXPECT_EQ(sqliteTool(path_, "SELECT test_case_iteration, bucket FROM TestCases ORDER BY id"),
+            "3|No Service\n4|Timeout\n");
+}
+
+TEST_F(TimelineTest, IssueRowsCarryTheirHistoryAndAreFoundAgain) {
+  vl::LogCapture capture;
+  Date time{1767229200.0};
+  auto issue = makeIssue("Baseband crashed", "ModemManager", time);
+  issue->setWirelessProcess(true);
+  EXPECT_TRUE(timeline_.isNewIssue(*issue));
+  Array history{Dictionary{{"Name", "Ping"}, {"Timeout", 30}}, Dictionary{{"Name", "Join"}}};
+  ASSERT_TRUE(timeline_.saveIssueToDatabase(*issue, history));
+  EXPECT_EQ(sqliteTool(path_,
+                       "SELECT reason, process, type, is_primary_process, "
+                       "is_wireless_process, time, history FROM Issues"),
+            "Baseband crashed|ModemManager|Crash|0|1|" + vl::dateString(time) +
+                "|[{\"Name\":\"Ping\",\"Timeout\":30},{\"Name\":\"Join\"}]\n");
+
+  EXPECT_FALSE(timeline_.isNewIssue(*makeIssue("Baseband crashed", "ModemManager", time)));
+  EXPECT_TRUE(timeline_.isNewIssue(
+      *makeIssue("Baseband crashed", "ModemManager", Date{time.secondsSince1970 + 1})));
+  EXPECT_TRUE(timeline_.isNewIssue(*makeIssue("Baseband crashed", "ofonod", time)));
+
+  // The aggregate stores reasons without single quotes; the lookup drops them the same way.
+  ASSERT_TRUE(
+      timeline_.saveIssueToDatabase(*makeIssue("cant attach", "bluetoothd", time), Array{}));
+  capture.clear();
+  EXPECT_FALSE(timeline_.isNewIssue(*makeIssue("can't attach", "bluetoothd", time)));
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelDebug, "Results", "Removing single quotes from can't attach"));
+  // A quote in the process name does not break the lookup.
+  ASSERT_TRUE(
+      timeline_.saveIssueToDatabase(*makeIssue("hang", "o'daemon", time), std::string("[]")));
+  EXPECT_FALSE(timeline_.isNewIssue(*makeIssue("hang", "o'daemon", time)));
+  for (const auto& line : capture.lines()) EXPECT_NE(line.level, VLLogLevelError) << line.message;
+}
+
+TEST_F(TimelineTest, AHistoryThatIsTooLongOrNotJsonIsStoredEmpty) {
+  vl::LogCapture capture;
+  Date time{1767229200.0};
+  ASSERT_TRUE(
+      timeline_.saveIssueToDatabase(*makeIssue("exact", "p", time), std::string(1000000, 'h')));
+  ASSERT_TRUE(
+      timeline_.saveIssueToDatabase(*makeIssue("long", "p", time), std::string(1000001, 'h')));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "Unable to save historyJSON because it was too long... (1000001 > "
+                               "1000000)"));
+  // Characters, not bytes: 1000000 two-byte characters fit.
+  std::string wide;
+  for (int i = 0; i < 1000000; ++i) wide += "\xC3\xA9";
+  ASSERT_TRUE(timeline_.saveIssueToDatabase(*makeIssue("wide", "p", time), wide));
+  ASSERT_TRUE(
+      timeline_.saveIssueToDatabase(*makeIssue("binary", "p", time), std::string("\xFF\xFE")));
+  EXPECT_EQ(capture.find("Unable to save json string for DB....The history is not valid UTF-8 text")
+                .size(),
+            1u);
+  // A history that JSON cannot hold.
+  ASSERT_TRUE(timeline_.saveIssueToDatabase(*makeIssue("nan", "p", time),
+                                            Array{Dictionary{{"Value", std::nan("")}}}));
+  auto cannot = capture.lines();
+  EXPECT_TRUE(std::any_of(cannot.begin(), cannot.end(), [](const vl::CapturedLine& line) {
+    return line.level == VLLogLevelError &&
+           line.message.rfind("Can not generate JSON from results array. ", 0) == 0;
+  }));
+  EXPECT_EQ(sqliteTool(path_, "SELECT reason, length(history) FROM Issues ORDER BY id"),
+            "exact|1000000\nlong|0\nwide|1000000\nbinary|0\nnan|0\n");
+}
+
+TEST_F(TimelineTest, TheConfigTableMirrorsTheLatestSummary) {
+  Dictionary summary{
+      {"Test Settings", Dictionary{{"City", "Oslo"}, {"Loops", 3}, {"Hosts", Array{"a"}}}},
+      {"City", "Oslo"},
+      {"Hardware Info", Dictionary{{"SerialNumber", "C02XYZ"}, {"Model", "Board 'A'"}}},
+      {"StressType", "WiFi"},
+      {"PlistVersion", 3.1},
+      {"MergedResults", 0},
+      {"LastUpdated", Date{1767229200.0}},
+      {"Ignored", Array{"x"}},
+  };
+  ASSERT_TRUE(timeline_.saveConfigToDatabase(summary));
+  // The value column is text, so numbers read back as their text.
+  EXPECT_EQ(sqliteTool(path_, "SELECT key, value FROM Config ORDER BY id"),
+            "City|Oslo\nLoops|3\nCity|Oslo\nSerialNumber|C02XYZ\nModel|Board 'A'\n"
+            "StressType|WiFi\nPlistVersion|3.1\nMergedResults|0\nLastUpdated|" +
+                vl::dateString(Date{1767229200.0}) + "\n");
+
+  // Each save replaces the table.
+  ASSERT_TRUE(timeline_.saveConfigToDatabase(Dictionary{{"StressType", "Cellular"}}));
+  EXPECT_EQ(sqliteTool(path_, "SELECT key, value FROM Config"), "StressType|Cellular\n");
+}
+
+TEST(TimelineOpenTest, CorruptAndForeignFilesRaiseDBInitializationFailed) {
+  vl::test::Sandbox sandbox;
+  auto expectFailure = [](const std::string& path, const std::string& reason) {
+    VLTimelineDatabase timeline(path);
+    try {
+      timeline.databaseInit();
+      ADD_FAILURE() << "no exception for " << path;
+    } catch (const VLException& e) {
+      EXPECT_EQ(e.name(), "DBInitializationFailed");
+      EXPECT_EQ(e.reason(), reason);
+    }
+    EXPECT_FALSE(timeline.isInitialized());
+    EXPECT_FALSE(timeline.verifyDBTables());
+  };
+
+  // A timeline whose header was overwritten.
+  std::string corrupt = sandbox.path("corrupt.db");
+  VLTimelineDatabase(corrupt).databaseInit();
+  {
+    std::string bytes = vl::test::readFile(corrupt);
+    ASSERT_GT(bytes.size(), 100u);
+    for (size_t i = 0; i < 100; ++i) bytes[i] = static_cast<char>(0x5A);
+    vl::test::writeFile(corrupt, bytes);
+  }
+  vl::LogCapture capture;
+  expectFailure(corrupt, "Failed to verify tables for " + corrupt);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "Failed to execute the test case initialization statement...file is "
+                               "not a database"));
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelError, "Results",
+                       "Failed to execute the issues initialization statement...file is not "
+                       "a database,"));
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelError, "Results",
+                       "Failed to execute the config initialization statement...file is not "
+                       "a database"));
+
+  // A file of another kind at the timeline's path.
+  std::string foreign = sandbox.path("foreign.db");
+  vl::test::writeFile(foreign, "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict/></plist>\n");
+  expectFailure(foreign, "Failed to verify tables for " + foreign);
+  EXPECT_EQ(vl::test::readFile(foreign),
+            "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict/></plist>\n");
+
+  // A folder that does not exist.
+  std::string nowhere = sandbox.path("missing/folder/VorlundTimeline.db");
+  VLTimelineDatabase timeline(nowhere);
+  try {
+    timeline.saveResultToDatabase(*makeResult("x", kVLTestCaseResultTypePassFail), 1);
+    ADD_FAILURE() << "no exception";
+  } catch (const VLException& e) {
+    EXPECT_EQ(e.name(), "DBInitializationFailed");
+    EXPECT_EQ(
+        e.reason(),
+        "Failed to open database after creating...unable to open database file (" + nowhere + ")");
+  }
+}
+
+TEST(TimelineOpenTest, AnotherSqliteDatabaseGainsTheTablesAndKeepsItsOwn) {
+  vl::test::Sandbox sandbox;
+  std::string path = sandbox.path("other.db");
+  sqliteTool(path, "CREATE TABLE Measurements(x); INSERT INTO Measurements VALUES (1);");
+  VLTimelineDatabase timeline(path);
+  timeline.databaseInit();
+  EXPECT_EQ(sqliteTool(path, "SELECT name FROM sqlite_master WHERE type='table' ORDER BY name"),
+            "Config\nIssues\nMeasurements\nTestCases\n");
+  EXPECT_EQ(sqliteTool(path, "SELECT x FROM Measurements"), "1\n");
+}
+
+TEST(TimelineOpenTest, TheTetherProcessNeverMakesATimeline) {
+  vl::test::Sandbox sandbox;
+  std::string path = sandbox.path("VorlundTimeline.db");
+  VLTimelineDatabase timeline(path);
+  {
+    vl::process::ScopedName tether("vorlund_tether");
+    try {
+      timeline.databaseInitWithPath(path);
+      ADD_FAILURE() << "no exception";
+    } catch (const VLException& e) {
+      EXPECT_EQ(e.name(), "VLTetherResultsException");
+      EXPECT_EQ(e.reason(), "Attempted to create a database object from the tether process");
+    }
+    EXPECT_THROW(timeline.saveResultToDatabase(*makeResult("x", kVLTestCaseResultTypePassFail), 1),
+                 VLException);
+    EXPECT_FALSE(vl::test::fileExists(path));
+  }
+  vl::process::ScopedName other("vorlund_tethered");
+  timeline.databaseInitWithPath(path);
+  EXPECT_TRUE(timeline.isInitialized());
+}
+
+TEST_F(TimelineTest, ThreadsWritingAtOnceLoseNothingAndNeverInterleaveRows) {
+  constexpr int kThreads = 8;
+  constexpr int kResultsEach = 15;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < kResultsEach; ++i) {
+        auto result = makeResult("Thread " + std::to_string(t), kVLTestCaseResultTypePassFail);
+        for (int k = 0; k < 5; ++k) result->addTag(Value(k), "tag" + std::to_string(k));
+        result->pass();
+        EXPECT_TRUE(timeline_.saveResultToDatabase(*result, t * 1000 + i));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+
+  auto written = rows(path_, "SELECT id, uuid, test_case_iteration FROM TestCases ORDER BY id");
+  ASSERT_EQ(written.size(), size_t{kThreads * kResultsEach * 5});
+  std::set<std::string> seen;
+  for (size_t i = 0; i < written.size(); i += 5) {
+    std::string uuid = written[i].get("uuid").stringOr("");
+    EXPECT_TRUE(seen.insert(uuid).second) << "rows of " << uuid << " are split";
+    for (size_t k = 1; k < 5; ++k) {
+      EXPECT_EQ(written[i + k].get("uuid").stringOr(""), uuid);
+      EXPECT_EQ(written[i + k].get("test_case_iteration"), written[i].get("test_case_iteration"));
+    }
+  }
+}
+
+}  // namespace
