@@ -1,11 +1,13 @@
 #include "vorlund/catalogue/primary_processes.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <initializer_list>
 #include <vector>
 
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/technologies_in_use.h"
+#include "vorlund/catalogue/test_bundle.h"
 #include "vorlund/foundation/process.h"
 #include "vorlund/foundation/user_defaults.h"
 #include "vorlund/logging/log.h"
@@ -45,6 +47,11 @@ vl::Array arrayOf(const Names& names) {
   vl::Array array;
   for (const std::string& name : names) array.push_back(name);
   return array;
+}
+
+bool isBundleDirectory(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::is_directory(path, ec);
 }
 
 }  // namespace
@@ -137,6 +144,20 @@ vl::Dictionary VLGetPrimaryProcessesWithSubtype(const std::string& subtype) {
     table.set("overall",
               arrayOf(combined({&cellular, &location, &motion, &wifi, &bluetooth, &ltecoexList,
                                 &wificalling, &nfc, &domicile, &accessories, &dashlink, &uwb})));
+  }
+
+  // The bundles' own primary processes go on top. Only an existing bundle directory is read, and
+  // not from within itself: the results aggregate classifies every issue with this table, and a
+  // failed listing files an issue.
+  thread_local bool mergingBundles = false;
+  if (!mergingBundles && isBundleDirectory(VLGetBundleManager()->path())) {
+    mergingBundles = true;
+    vl::Dictionary bundles = VLGetBundlePrimaryProcesses(subtype);
+    mergingBundles = false;
+    for (size_t i = 0; i < bundles.size(); ++i) {
+      auto [process, value] = bundles.entry(i);
+      table.set(process, value);
+    }
   }
   return table;
 }

@@ -17,6 +17,8 @@ struct Registries {
   std::vector<std::shared_ptr<const TestCaseProvider>> providers;
   std::mutex classesMutex;
   std::vector<std::shared_ptr<VLTestCaseClass>> classes;
+  std::mutex remoteMutex;
+  std::vector<std::shared_ptr<VLTestCaseClass>> remoteObjects;
 };
 
 Registries& registries() {
@@ -80,10 +82,48 @@ std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* 
   return nullptr;
 }
 
+namespace {
+
+// A copy of one registry's objects, taken under its lock and logged as the loaded classes.
+std::vector<std::shared_ptr<VLTestCaseClass>> snapshotLoaded(
+    std::mutex& mutex, const std::vector<std::shared_ptr<VLTestCaseClass>>& objects) {
+  std::vector<std::shared_ptr<VLTestCaseClass>> copy;
+  {
+    std::lock_guard lock(mutex);
+    copy = objects;
+  }
+  vl::Array listed;
+  for (const auto& object : copy) listed.push_back(vl::Value(object));
+  VLLog(VLLogLevelDebug, "Framework", "Currently loaded classes are %@", listed);
+  return copy;
+}
+
+}  // namespace
+
 std::vector<std::shared_ptr<VLTestCaseClass>> loadedTestCaseClasses() {
   Registries& r = registries();
-  std::lock_guard lock(r.classesMutex);
-  return r.classes;
+  return snapshotLoaded(r.classesMutex, r.classes);
+}
+
+void addRemoteExecutionObject(std::shared_ptr<VLTestCaseClass> object) {
+  if (!object) return;
+  Registries& r = registries();
+  std::lock_guard lock(r.remoteMutex);
+  if (std::find(r.remoteObjects.begin(), r.remoteObjects.end(), object) != r.remoteObjects.end()) {
+    return;
+  }
+  r.remoteObjects.push_back(std::move(object));
+}
+
+void removeRemoteExecutionObject(const VLTestCaseClass* object) {
+  Registries& r = registries();
+  std::lock_guard lock(r.remoteMutex);
+  std::erase_if(r.remoteObjects, [&](const auto& listed) { return listed.get() == object; });
+}
+
+std::vector<std::shared_ptr<VLTestCaseClass>> loadedRemoteExecutionObjects() {
+  Registries& r = registries();
+  return snapshotLoaded(r.remoteMutex, r.remoteObjects);
 }
 
 }  // namespace vl

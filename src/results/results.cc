@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "results/device_summary.h"
+#include "vorlund/catalogue/catalogue_hooks.h"
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/primary_processes.h"
 #include "vorlund/catalogue/technologies_in_use.h"
@@ -59,6 +60,9 @@ int64_t integerPreference(const vl::Dictionary& preferences, const char* key, in
 [[maybe_unused]] const bool kStatisticRecorderInstalled = [] {
   vl::logging::setStatisticIssueRecorder(
       [](const std::string& reason) { VLAddStatisticToResults(reason); });
+  // The catalogue files its "Failure" issues (an unlistable bundle directory) here.
+  vl::catalogue::setFailureIssueRecorder(
+      [](const std::string& reason) { VLAddFailureToResults(reason); });
   return true;
 }();
 

@@ -39,6 +39,8 @@ std::string VLGetCurrentConfig();
 // The subtypes "holistic", "sanity" and "overall" add an entry of their own name that combines
 // areas: "sanity" the cellular, wifi and bluetooth daemons; "holistic" every radio area (cellular,
 // location, wifi, bluetooth, nfc, uwb); "overall" every area. Names appear once per entry.
+// The bundles' primary processes for the subtype (VLGetBundlePrimaryProcesses: process name ->
+// value) are set on top, when the bundle directory exists.
 vl::Dictionary VLGetPrimaryProcessesWithSubtype(const std::string& subtype);
 // VLGetPrimaryProcessesWithSubtype(VLGetCurrentTestSubtype()).
 vl::Dictionary VLGetPrimaryProcesses();

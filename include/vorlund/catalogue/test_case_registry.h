@@ -54,8 +54,18 @@ void removeTestCaseProvider(const std::string& path);
 // registered wins. nullptr when none does.
 std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* name,
                                                              const std::string* selector);
-// The class instances created so far, in creation order.
+// The class instances created so far, in creation order. Logs them at level 2, category
+// "Framework", "Currently loaded classes are %@".
 std::vector<std::shared_ptr<VLTestCaseClass>> loadedTestCaseClasses();
+
+// The loaded remote-execution objects: test case class instances that wait for replies from the
+// host and to which incoming replies are routed. Created empty on first use, guarded by its own
+// lock. Adding an object already present does nothing.
+void addRemoteExecutionObject(std::shared_ptr<VLTestCaseClass> object);
+void removeRemoteExecutionObject(const VLTestCaseClass* object);
+// A copy of the list, in order of addition. Logs it at level 2, category "Framework", "Currently
+// loaded classes are %@".
+std::vector<std::shared_ptr<VLTestCaseClass>> loadedRemoteExecutionObjects();
 
 }  // namespace vl
 

@@ -1,0 +1,41 @@
+// Test cases run by the stress service for other processes: the "TestCaseRequest" message, the
+// client call that sends it and waits for the archived result, and the service's handler that
+// runs the test case and archives its result.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "vorlund/catalogue/test_case_object.h"
+#include "vorlund/foundation/error.h"
+#include "vorlund/ipm/service.h"
+#include "vorlund/results/test_case_result.h"
+
+namespace vl::ipm {
+
+inline constexpr const char* kTestCaseRequestType = "TestCaseRequest";
+// The request's archived VLTestCaseObject.
+inline constexpr const char* kTestCaseKey = "TestCase";
+// The reply's archived VLTestCaseResult.
+inline constexpr const char* kResultKey = "Result";
+
+// Sends object, archived, to the stress service as a "TestCaseRequest" and returns the result the
+// service ran. Waits as long as the test case runs (no time-out of its own); ends early when the
+// service leaves the bus. Returns nullptr, logged at level 16 ("Framework") and with an error,
+// when the object cannot be archived, the service is not running ("the stress service is not
+// running", at once), the exchange fails, or the reply holds no archived VLTestCaseResult.
+std::shared_ptr<VLTestCaseResult> executeTestCaseInService(
+    const std::shared_ptr<VLTestCaseObject>& object, vl::Error* error);
+
+// How the service runs one test case; returns the result, or nullptr for none.
+using TestCaseExecutor =
+    std::function<std::shared_ptr<VLTestCaseResult>(const std::shared_ptr<VLTestCaseObject>&)>;
+
+// The service's handler of "TestCaseRequest": unarchives "TestCase" with the classes of
+// VLValidExternalClassesForCoding(), runs it with execute and replies {"Result": archived result}.
+// Replies with an IPM error (so a D-Bus error) when "TestCase" is missing, not data or not an
+// archived VLTestCaseObject, when execute gives no result or throws, or when the result cannot be
+// archived.
+Service::Handler testCaseRequestHandler(TestCaseExecutor execute);
+
+}  // namespace vl::ipm

@@ -1,0 +1,132 @@
+#include "vorlund/catalogue/bundle_registration.h"
+
+#include <algorithm>
+#include <exception>
+#include <mutex>
+
+namespace vl {
+namespace {
+
+struct ClassRegistry {
+  std::mutex mutex;
+  // Each entry is replaced as a whole on change, so that readers keep a consistent copy.
+  std::vector<std::shared_ptr<const BundleClass>> classes;
+};
+
+ClassRegistry& classRegistry() {
+  static ClassRegistry* registry = new ClassRegistry();  // lives for the process
+  return *registry;
+}
+
+thread_local std::string currentOrigin;
+
+std::string_view withoutColon(std::string_view selector) {
+  if (!selector.empty() && selector.back() == ':') selector.remove_suffix(1);
+  return selector;
+}
+
+// Applies change to a copy of the class registered by the current origin under name (a new one when
+// there is none) and stores the copy.
+bool updateClass(const std::string& name, const std::function<void(BundleClass&)>& change) {
+  try {
+    ClassRegistry& r = classRegistry();
+    std::lock_guard lock(r.mutex);
+    auto it = std::find_if(r.classes.begin(), r.classes.end(), [&](const auto& c) {
+      return c->name == name && c->origin == currentOrigin;
+    });
+    BundleClass updated;
+    if (it != r.classes.end()) {
+      updated = **it;
+    } else {
+      updated.name = name;
+      updated.origin = currentOrigin;
+    }
+    change(updated);
+    auto shared = std::make_shared<const BundleClass>(std::move(updated));
+    if (it != r.classes.end()) {
+      *it = std::move(shared);
+    } else {
+      r.classes.push_back(std::move(shared));
+    }
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+bool registerBundleClass(std::string name, std::function<std::shared_ptr<VLTestCaseClass>()> create,
+                         std::function<bool(const VLTestCaseClass&)> isKindOfClass) {
+  return updateClass(name, [&](BundleClass& c) {
+    c.create = std::move(create);
+    c.isKindOfClass = std::move(isKindOfClass);
+  });
+}
+
+bool registerBundleDefaultSettings(std::string className, DefaultSettingsFunction function) {
+  return updateClass(className, [&](BundleClass& c) { c.defaultSettings = std::move(function); });
+}
+
+bool registerBundleTestMethod(std::string className, std::string selector, TestMethod method) {
+  return updateClass(className, [&](BundleClass& c) {
+    std::string key(withoutColon(selector));
+    auto it = std::find_if(c.methods.begin(), c.methods.end(),
+                           [&](const auto& entry) { return entry.first == key; });
+    if (it != c.methods.end()) {
+      it->second = std::move(method);
+    } else {
+      c.methods.emplace_back(std::move(key), std::move(method));
+    }
+  });
+}
+
+std::shared_ptr<const BundleClass> findBundleClass(const std::string& origin,
+                                                   const std::string& name) {
+  ClassRegistry& r = classRegistry();
+  std::lock_guard lock(r.mutex);
+  std::shared_ptr<const BundleClass> builtIn;
+  for (const auto& c : r.classes) {
+    if (c->name != name) continue;
+    if (c->origin == origin) return c;
+    if (c->origin.empty()) builtIn = c;
+  }
+  return builtIn;
+}
+
+TestMethod findTestMethod(const VLTestCaseClass& object, std::string_view selector) {
+  std::string_view wanted = withoutColon(selector);
+  std::vector<std::shared_ptr<const BundleClass>> classes;
+  {
+    ClassRegistry& r = classRegistry();
+    std::lock_guard lock(r.mutex);
+    classes = r.classes;
+  }
+  auto methodOf = [&](const BundleClass& c) -> TestMethod {
+    for (const auto& [name, method] : c.methods) {
+      if (name == wanted) return method;
+    }
+    return {};
+  };
+  std::string ownName = object.className();
+  // Several copies of one bundle may register the same class name; the one whose instances this
+  // object belongs to is the one that can run it.
+  for (const auto& c : classes) {
+    if (c->name == ownName && c->isKindOfClass && c->isKindOfClass(object)) {
+      if (TestMethod method = methodOf(*c)) return method;
+    }
+  }
+  for (const auto& c : classes) {
+    if (c->isKindOfClass && c->isKindOfClass(object)) {
+      if (TestMethod method = methodOf(*c)) return method;
+    }
+  }
+  return {};
+}
+
+ScopedRegistrationOrigin::ScopedRegistrationOrigin(std::string origin)
+    : previous_(std::exchange(currentOrigin, std::move(origin))) {}
+
+ScopedRegistrationOrigin::~ScopedRegistrationOrigin() { currentOrigin = std::move(previous_); }
+
+}  // namespace vl

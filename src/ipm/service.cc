@@ -1,0 +1,291 @@
+#include "vorlund/ipm/service.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+
+#include "vorlund/foundation/format.h"
+#include "vorlund/ipm/bus.h"
+#include "vorlund/ipm/message_codec.h"
+#include "vorlund/logging/log.h"
+
+namespace vl::ipm {
+namespace {
+
+constexpr const char* kCategory = "IPM";
+
+class ScopedFd {
+ public:
+  explicit ScopedFd(int fd = -1) : fd_(fd) {}
+  ~ScopedFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+uint64_t monotonicUsec() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+}
+
+int methodCallback(sd_bus_message* m, void* userdata, sd_bus_error* error);
+
+const sd_bus_vtable kVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("Message", "a{sv}", "a{sv}", methodCallback, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END,
+};
+
+}  // namespace
+
+// Everything on the bus (the connection, the calls awaiting replies) is touched by the loop thread
+// only; workers see plain IPM values and hand their replies back through `completed`.
+struct Service::State {
+  std::map<std::string, Handler> handlers;
+  ScopedBus bus;
+  ScopedSlot slot;
+  ScopedFd wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  std::thread loop;
+  std::atomic<bool> stopping{false};
+  std::atomic<size_t> answered{0};
+  std::mutex stopMutex;
+
+  // Loop thread only.
+  uint64_t nextId = 0;
+  std::map<uint64_t, ScopedMessage> pending;
+  std::map<uint64_t, std::thread> workers;
+
+  std::mutex completedMutex;
+  std::deque<std::pair<uint64_t, IpmValue>> completed;
+
+  void wakeLoop() {
+    uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = ::write(wake.get(), &one, sizeof one);
+  }
+
+  void replyError(sd_bus_message* call, const char* name, const std::string& message) {
+    int r = sd_bus_reply_method_errorf(call, name, "%s", message.c_str());
+    if (r < 0) {
+      VLLog(VLLogLevelDebug, kCategory, "Unable to send an error reply: %s", errnoText(r).c_str());
+    }
+    ++answered;
+  }
+
+  void reply(sd_bus_message* call, const IpmValue& value) {
+    if (const IpmError* failure = value.asError()) {
+      replyError(call, kErrorFailed, failure->description);
+      return;
+    }
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_message_new_method_return(call, &raw);
+    ScopedMessage message(raw);
+    Error error;
+    if (r < 0) {
+      error = ipmError(IpmErrorCode::kTransport, errnoText(r));
+    } else if (appendDictionary(message.get(), value, &error)) {
+      // A client that left before its reply is no error of the service: the bus drops the reply.
+      r = sd_bus_send(bus.get(), message.get(), nullptr);
+      if (r < 0) {
+        VLLog(VLLogLevelDebug, kCategory, "Unable to send a reply: %s", errnoText(r).c_str());
+      }
+      ++answered;
+      return;
+    }
+    VLLog(VLLogLevelError, kCategory, "Unable to reply: %s", error.localizedDescription().c_str());
+    replyError(call, kErrorInvalidMessage,
+               "The service's reply does not fit a message: " + error.localizedDescription());
+  }
+
+  int onMessage(sd_bus_message* call) {
+    if (stopping) {
+      replyError(call, kErrorFailed, "The stress service is stopping");
+      return 1;
+    }
+    Error error;
+    auto request = readDictionary(call, &error);
+    if (!request) {
+      VLLog(VLLogLevelError, kCategory, "Refusing a malformed message: %s",
+            error.localizedDescription().c_str());
+      replyError(call, kErrorInvalidMessage, error.localizedDescription());
+      return 1;
+    }
+    const IpmValue* type = request->asDictionary()->find(kMessageTypeKey);
+    if (!type || !type->asString()) {
+      VLLog(VLLogLevelError, kCategory, "Refusing a message without a \"MessageType\"");
+      replyError(call, kErrorInvalidMessage, "The message has no string \"MessageType\"");
+      return 1;
+    }
+    auto handler = handlers.find(*type->asString());
+    if (handler == handlers.end()) {
+      VLLog(VLLogLevelError, kCategory, "Refusing a message of unsupported type \"%s\"",
+            type->asString()->c_str());
+      replyError(call, kErrorUnsupportedMessage,
+                 vl::format("Unsupported message type \"%s\"", type->asString()->c_str()));
+      return 1;
+    }
+    VLLog(VLLogLevelDebug, kCategory, "Received %s", type->asString()->c_str());
+    uint64_t id = nextId++;
+    pending.emplace(id, ScopedMessage(sd_bus_message_ref(call)));
+    try {
+      workers.emplace(id, std::thread([this, id, fn = handler->second, req = std::move(*request)] {
+                        IpmValue replyValue;
+                        try {
+                          replyValue = fn(req);
+                        } catch (const std::exception& e) {
+                          replyValue =
+                              IpmValue::ofError(vl::format("The request failed: %s", e.what()));
+                        } catch (...) {
+                          replyValue = IpmValue::ofError("The request failed");
+                        }
+                        {
+                          std::lock_guard lock(completedMutex);
+                          completed.emplace_back(id, std::move(replyValue));
+                        }
+                        wakeLoop();
+                      }));
+    } catch (const std::system_error& e) {
+      pending.erase(id);
+      replyError(call, kErrorFailed, vl::format("Unable to start a worker: %s", e.what()));
+    }
+    return 1;
+  }
+
+  void drainCompleted() {
+    std::deque<std::pair<uint64_t, IpmValue>> done;
+    {
+      std::lock_guard lock(completedMutex);
+      done.swap(completed);
+    }
+    for (auto& [id, value] : done) {
+      if (auto worker = workers.find(id); worker != workers.end()) {
+        worker->second.join();
+        workers.erase(worker);
+      }
+      if (auto call = pending.find(id); call != pending.end()) {
+        reply(call->second.get(), value);
+        pending.erase(call);
+      }
+    }
+  }
+
+  void run() {
+    bool released = false;
+    for (;;) {
+      int r;
+      while ((r = sd_bus_process(bus.get(), nullptr)) > 0) {
+      }
+      if (r < 0) {
+        VLLog(VLLogLevelError, kCategory, "The bus connection failed: %s", errnoText(r).c_str());
+        if (sd_bus_is_open(bus.get()) <= 0) break;
+      }
+      drainCompleted();
+      if (stopping && !released) {
+        sd_bus_release_name(bus.get(), kServiceName);
+        released = true;
+      }
+      if (stopping && workers.empty()) break;
+
+      pollfd fds[2] = {
+          {sd_bus_get_fd(bus.get()), static_cast<short>(sd_bus_get_events(bus.get())), 0},
+          {wake.get(), POLLIN, 0}};
+      uint64_t until = UINT64_MAX;
+      int timeoutMs = -1;
+      if (sd_bus_get_timeout(bus.get(), &until) >= 0 && until != UINT64_MAX) {
+        uint64_t now = monotonicUsec();
+        timeoutMs = until <= now
+                        ? 0
+                        : static_cast<int>(std::min<uint64_t>((until - now + 999) / 1000, 60000));
+      }
+      if (poll(fds, 2, timeoutMs) < 0 && errno != EINTR) break;
+      if (fds[1].revents & POLLIN) {
+        uint64_t count;
+        [[maybe_unused]] ssize_t n = ::read(wake.get(), &count, sizeof count);
+      }
+    }
+    // The connection is gone or the service stops: wait for running handlers, whose replies can no
+    // longer be sent when the connection failed.
+    for (auto& [id, worker] : workers) worker.join();
+    workers.clear();
+    drainCompleted();
+    pending.clear();
+    sd_bus_flush(bus.get());
+  }
+};
+
+namespace {
+
+int methodCallback(sd_bus_message* m, void* userdata, sd_bus_error*) {
+  return static_cast<Service::State*>(userdata)->onMessage(m);
+}
+
+}  // namespace
+
+Service::Service(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+Service::~Service() { stop(); }
+
+std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers, Error* error) {
+  auto state = std::make_unique<State>();
+  state->handlers = std::move(handlers);
+  if (state->wake.get() < 0) {
+    setError(error, ipmError(IpmErrorCode::kTransport, "Unable to create an event descriptor"));
+    return nullptr;
+  }
+  state->bus = openBus(error);
+  if (!state->bus) return nullptr;
+  sd_bus_slot* slot = nullptr;
+  int r = sd_bus_add_object_vtable(state->bus.get(), &slot, kObjectPath, kInterfaceName, kVtable,
+                                   state.get());
+  state->slot.reset(slot);
+  if (r < 0) {
+    setError(error,
+             ipmError(IpmErrorCode::kTransport,
+                      vl::format("Unable to register %s: %s", kObjectPath, errnoText(r).c_str())));
+    return nullptr;
+  }
+  r = sd_bus_request_name(state->bus.get(), kServiceName, 0);
+  if (r == -EEXIST) {
+    setError(error, ipmError(IpmErrorCode::kNameTaken,
+                             vl::format("Another process already owns %s", kServiceName)));
+    return nullptr;
+  }
+  if (r < 0) {
+    setError(error,
+             ipmError(IpmErrorCode::kTransport,
+                      vl::format("Unable to own %s: %s", kServiceName, errnoText(r).c_str())));
+    return nullptr;
+  }
+  State* raw = state.get();
+  state->loop = std::thread([raw] { raw->run(); });
+  VLLog(VLLogLevelInfo, kCategory, "Serving %s on the %s bus", kServiceName,
+        selectedBus() == BusKind::kSession ? "session" : "system");
+  return std::unique_ptr<Service>(new Service(std::move(state)));
+}
+
+void Service::stop() {
+  std::lock_guard lock(state_->stopMutex);
+  if (!state_->loop.joinable()) return;
+  state_->stopping = true;
+  state_->wakeLoop();
+  state_->loop.join();
+  state_->slot.reset();
+  state_->bus.reset();
+  VLLog(VLLogLevelInfo, kCategory, "Stopped serving %s", kServiceName);
+}
+
+size_t Service::answeredCount() const { return state_->answered; }
+
+}  // namespace vl::ipm

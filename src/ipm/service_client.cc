@@ -1,0 +1,77 @@
+#include "vorlund/ipm/service_client.h"
+
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/ipm/bus.h"
+#include "vorlund/ipm/client.h"
+#include "vorlund/logging/log.h"
+
+namespace vl::ipm {
+namespace {
+
+std::shared_ptr<VLTestCaseResult> failed(const std::shared_ptr<VLTestCaseObject>& object,
+                                         vl::Error failure, vl::Error* error) {
+  VLLog(VLLogLevelError, "Framework", "Unable to run %s in the stress service: %s",
+        object && object->name() ? object->name()->c_str() : "a test case",
+        failure.localizedDescription().c_str());
+  setError(error, std::move(failure));
+  return nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<VLTestCaseResult> executeTestCaseInService(
+    const std::shared_ptr<VLTestCaseObject>& object, vl::Error* error) {
+  vl::Error failure;
+  auto archived = VLConvertObjectToData(vl::Value(object), &failure);
+  if (!archived) return failed(object, std::move(failure), error);
+
+  IpmDictionary request;
+  request.set(kMessageTypeKey, IpmValue::ofString(kTestCaseRequestType));
+  request.set(kTestCaseKey, IpmValue::ofData(std::move(archived->bytes)));
+  auto reply = sendMessage(IpmValue::ofDictionary(std::move(request)), kNoTimeout, &failure);
+  if (!reply) return failed(object, std::move(failure), error);
+
+  const IpmValue* result = reply->asDictionary()->find(kResultKey);
+  if (!result || !result->asData()) {
+    return failed(object,
+                  ipmError(IpmErrorCode::kInvalidMessage, "The reply holds no \"Result\" data"),
+                  error);
+  }
+  auto decoded = VLConvertDataToObject(*result->asData(), &failure).record<VLTestCaseResult>();
+  if (!decoded) {
+    return failed(object,
+                  ipmError(IpmErrorCode::kInvalidMessage,
+                           "The reply's \"Result\" is not an archived test case result"),
+                  error);
+  }
+  return decoded;
+}
+
+Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
+  return [execute = std::move(execute)](const IpmValue& request) -> IpmValue {
+    const IpmValue* archived = request.asDictionary()->find(kTestCaseKey);
+    if (!archived || !archived->asData()) {
+      return IpmValue::ofError("The request holds no \"TestCase\" data");
+    }
+    vl::Error error;
+    auto object = VLConvertDataToObject(*archived->asData(), &error).record<VLTestCaseObject>();
+    if (!object) {
+      return IpmValue::ofError("The request's \"TestCase\" is not an archived test case: " +
+                               error.localizedDescription());
+    }
+    auto result = execute(object);
+    if (!result) {
+      return IpmValue::ofError("Running " + object->name().value_or("the test case") +
+                               " gave no result");
+    }
+    auto data = VLConvertObjectToData(vl::Value(result), &error);
+    if (!data) {
+      return IpmValue::ofError("Unable to archive the result: " + error.localizedDescription());
+    }
+    IpmDictionary reply;
+    reply.set(kResultKey, IpmValue::ofData(std::move(data->bytes)));
+    return IpmValue::ofDictionary(std::move(reply));
+  };
+}
+
+}  // namespace vl::ipm

@@ -1,0 +1,436 @@
+// Lookup, execution and message routing of test cases, with a test case class compiled into this
+// binary: registered as a provider for the execution tests, and offered by a bundle folder in a
+// sandboxed bundle directory for the lookup tests.
+
+#include "vorlund/results/execution.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "results/run_sandbox.h"
+#include "support/test_support.h"
+#include "vorlund/catalogue/bundle_registration.h"
+#include "vorlund/catalogue/lookup.h"
+#include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/conversion/object_data.h"
+#include "vorlund/foundation/notification_center.h"
+#include "vorlund/foundation/paths.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/foundation/property_list.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/issue.h"
+
+class ExecutionProbe : public VLTestCaseClass {
+ public:
+  std::shared_ptr<VLTestCaseResult> runProbe(const std::shared_ptr<VLTestCaseObject>& testCase) {
+    std::lock_guard lock(mutex_);
+    calls_.push_back({this, testCase->instanceId().value_or("")});
+    return VLTestCaseResult::quickPassWithTestCaseObject(testCase);
+  }
+  std::shared_ptr<VLTestCaseResult> explode(const std::shared_ptr<VLTestCaseObject>&) {
+    throw std::runtime_error("radio on fire");
+  }
+  std::shared_ptr<VLTestCaseResult> bundledProbe(
+      const std::shared_ptr<VLTestCaseObject>& testCase) {
+    return runProbe(testCase);
+  }
+  std::shared_ptr<VLTestCaseResult> giveNothing(const std::shared_ptr<VLTestCaseObject>&) {
+    return nullptr;
+  }
+
+  struct Call {
+    const ExecutionProbe* implementer;
+    std::string instanceId;
+  };
+  static std::vector<Call> takeCalls() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(calls_, {});
+  }
+
+ private:
+  static inline std::mutex mutex_;
+  static inline std::vector<Call> calls_;
+};
+
+VORLUND_BUNDLE_CLASS(ExecutionProbe);
+VORLUND_TEST_METHOD(ExecutionProbe, runProbe);
+VORLUND_TEST_METHOD(ExecutionProbe, explode);
+VORLUND_TEST_METHOD(ExecutionProbe, giveNothing);
+VORLUND_TEST_METHOD(ExecutionProbe, bundledProbe);
+
+namespace vl {
+namespace {
+
+using test::RunSandbox;
+
+constexpr const char* kProviderPath = "/probe/ExecutionProbe.bundle";
+
+std::shared_ptr<VLTestCaseObject> testCase(const std::string& name, const std::string& selector) {
+  auto object = VLTestCaseObject::make();
+  object->setName(name);
+  object->setSelector(selector);
+  object->setType("PassFail");
+  object->setTechnology("WiFi");
+  return object;
+}
+
+bool hasIssue(const std::shared_ptr<VLResults>& results, const std::string& reason) {
+  for (const auto& issue : results->issueList()) {
+    if (issue->reason() == reason) return true;
+  }
+  return false;
+}
+
+bool hasLineStartingWith(const LogCapture& capture, VLLogLevel level, const std::string& prefix) {
+  for (const CapturedLine& line : capture.lines()) {
+    if (line.level == level && line.message.rfind(prefix, 0) == 0) return true;
+  }
+  return false;
+}
+
+class ExecutionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    registerTestCaseProvider(testCaseProviderFor<ExecutionProbe>(
+        kProviderPath, "ExecutionProbe",
+        {"Probe Pass", "Probe Other", "Probe Explode", "Probe Nothing", "Probe Unimplemented"},
+        {"runProbe", "explode:", "giveNothing", "missingMethod:"}));
+    ExecutionProbe::takeCalls();
+  }
+  void TearDown() override { removeTestCaseProvider(kProviderPath); }
+
+  test::ScopedEnv forge_{"__FORGE_BUILT_PRODUCTS_DIR_PATHS", std::nullopt};
+  RunSandbox run_;
+  process::ScopedName host_{"Vorlund"};
+};
+
+TEST_F(ExecutionTest, SelectorWithAndWithoutColonCallsTheSameMethodOnOneInstance) {
+  LogCapture capture;
+  auto plain = testCase("Probe Pass", "runProbe");
+  auto colon = testCase("Probe Other", "runProbe:");
+  plain->setInstanceId("stale");
+
+  auto first = VLExecuteTestCase(plain);
+  auto second = VLExecuteTestCase(colon);
+  auto third = VLExecuteTestCase(plain);
+
+  ASSERT_TRUE(first && second && third);
+  EXPECT_TRUE(first->didPass());
+  EXPECT_TRUE(second->didPass());
+  auto calls = ExecutionProbe::takeCalls();
+  ASSERT_EQ(calls.size(), 3u);
+  // One instance of the class serves every test case of the provider.
+  EXPECT_EQ(calls[0].implementer, calls[1].implementer);
+  EXPECT_EQ(calls[0].implementer, calls[2].implementer);
+  // Each execution gets a fresh UUID as instanceId.
+  EXPECT_TRUE(Uuid::fromString(calls[0].instanceId));
+  EXPECT_NE(calls[0].instanceId, "stale");
+  EXPECT_NE(calls[0].instanceId, calls[1].instanceId);
+  EXPECT_NE(calls[0].instanceId, calls[2].instanceId);
+  EXPECT_EQ(plain->instanceId(), calls[2].instanceId);
+  EXPECT_EQ(capture.count("Executing Probe Pass with " +
+                          format("%@", Value(VLGetClassForTestCase(plain)))),
+            2u);
+}
+
+TEST_F(ExecutionTest, TestCasesThatCannotRunGiveNoOpResultsAndIssues) {
+  LogCapture capture;
+
+  auto nil = VLExecuteTestCase(std::shared_ptr<VLTestCaseObject>());
+  ASSERT_TRUE(nil);
+  EXPECT_TRUE(nil->isNoOp());
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Default", "Unable to perform a nil test case"));
+
+  auto wrongType = VLExecuteTestCase(Value("Probe Pass"));
+  ASSERT_TRUE(wrongType);
+  EXPECT_TRUE(wrongType->isNoOp());
+  EXPECT_TRUE(
+      hasLineStartingWith(capture, VLLogLevelError,
+                          "Recevied a test case object that was of the wrong type (NSString)..."));
+
+  auto nowhere = VLExecuteTestCase(testCase("Probe Nowhere", "noSuchSelector"));
+  ASSERT_TRUE(nowhere);
+  EXPECT_TRUE(nowhere->isNoOp());
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Default",
+                               "Unable to execute Probe Nowhere, no object found"));
+  EXPECT_TRUE(
+      hasIssue(run_.results(), "Probe Nowhere requested but not implemented in any bundles"));
+
+  auto unimplemented = testCase("Probe Unimplemented", "missingMethod:");
+  auto declared = VLExecuteTestCase(unimplemented);
+  ASSERT_TRUE(declared);
+  EXPECT_TRUE(declared->isNoOp());
+  EXPECT_TRUE(hasIssue(run_.results(),
+                       "Action Required - ExecutionProbe declared but didnt implement "
+                       "missingMethod:"));
+  auto implementer = VLGetClassForTestCase(unimplemented);
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelError, "Default",
+      format("%@ declared support for %@, but it does not have an implementation!!!",
+             Value(implementer), Value(unimplemented))));
+  EXPECT_TRUE(ExecutionProbe::takeCalls().empty());
+}
+
+TEST_F(ExecutionTest, AThrowingOrSilentTestMethodGivesAFailedResult) {
+  auto thrown = VLExecuteTestCase(testCase("Probe Explode", "explode"));
+  ASSERT_TRUE(thrown);
+  EXPECT_TRUE(thrown->didFail());
+  EXPECT_EQ(thrown->getFailureReason(), "explode: threw an exception: radio on fire");
+  EXPECT_EQ(thrown->name(), "Probe Explode");
+
+  auto silent = VLExecuteTestCase(testCase("Probe Nothing", "giveNothing:"));
+  ASSERT_TRUE(silent);
+  EXPECT_TRUE(silent->didFail());
+  EXPECT_EQ(silent->getFailureReason(), "giveNothing: returned no result");
+}
+
+TEST_F(ExecutionTest, OutsideTheHostProcessesNothingRunsLocally) {
+  process::ScopedName client("vorlundctl");
+  EXPECT_FALSE(isTestHostProcess());
+  Error error;
+  // This binary carries no stress service client, so the exchange fails with an error.
+  EXPECT_EQ(VLExecuteTestCase(testCase("Probe Pass", "runProbe"), &error), nullptr);
+  EXPECT_FALSE(error.domain.empty());
+  EXPECT_TRUE(ExecutionProbe::takeCalls().empty());
+}
+
+// Routing of incoming messages.
+
+TEST_F(ExecutionTest, AReplyGoesToTheObjectWaitingForItsUUID) {
+  auto idle = VLTestCaseClass::make<ExecutionProbe>();
+  auto waiting = VLTestCaseClass::make<ExecutionProbe>();
+  const std::string uuid = Uuid::randomString();
+  waiting->setPendingMessageIDs(Array{Value(uuid)});
+  addRemoteExecutionObject(idle);
+  addRemoteExecutionObject(waiting);
+
+  std::atomic<bool> woken = false;
+  std::thread waiter([&] {
+    auto condition = waiting->lock();
+    std::unique_lock lock(*condition);
+    Date limit{Date::now().secondsSince1970 + 10};
+    while (waiting->responses().empty()) {
+      if (!condition->waitUntil(limit)) return;
+    }
+    woken = true;
+  });
+  Dictionary reply{{"UUID", uuid}, {"MessageType", "ManagerCommandResult"}, {"Answer", 42}};
+  LogCapture capture;
+  VLFindObjectForMessage(reply);
+  waiter.join();
+
+  EXPECT_TRUE(woken);
+  ASSERT_EQ(waiting->responses().size(), 1u);
+  EXPECT_EQ(waiting->responses()[0], Value(reply));
+  EXPECT_TRUE(idle->responses().empty());
+  // A reply for a waiting object is not also posted as a manager command result.
+  EXPECT_EQ(capture.count("Got manager command result! " + reply.description()), 0u);
+  removeRemoteExecutionObject(idle.get());
+  removeRemoteExecutionObject(waiting.get());
+}
+
+TEST_F(ExecutionTest, UnclaimedMessagesAreRoutedByType) {
+  LogCapture capture;
+  const std::string uuid = Uuid::randomString();
+  const std::string name = "com.brindle.vorlund.ManagerCommandResult." + uuid;
+  std::vector<Notification> posted;
+  auto& center = NotificationCenter::defaultCenter();
+  auto token = center.addObserver(name, [&](const Notification& n) { posted.push_back(n); });
+  Dictionary command{{"UUID", uuid}, {"MessageType", "ManagerCommandResult"}};
+  VLFindObjectForMessage(command);
+  center.removeObserver(token);
+  ASSERT_EQ(posted.size(), 1u);
+  EXPECT_EQ(posted[0].userInfo, command);
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "VLCore",
+                               "Got manager command result! " + command.description()));
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "VLCore",
+                               "Sending Manager Command with Notification Name! " + name));
+
+  auto result = VLTestCaseResult::quickPassWithTestCaseObject(testCase("Probe Routed", "runProbe"));
+  std::optional<Data> archived = VLConvertObjectToData(Value(result));
+  ASSERT_TRUE(archived);
+  VLFindObjectForMessage(Dictionary{
+      {"UUID", Uuid::randomString()}, {"MessageType", "TestCaseResult"}, {"Result", *archived}});
+  EXPECT_TRUE(run_.results()->statisticForName("Probe Routed"));
+
+  const std::string lost = Uuid::randomString();
+  VLFindObjectForMessage(Dictionary{{"UUID", lost}, {"MessageType", "Gossip"}});
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelError, "Framework",
+      "No object was waiting for " + lost + ", must've timed out.  Message is being dropped"));
+}
+
+// Lookup through a bundle folder in the sandbox's bundle directory. The bundle's code is this
+// binary's ExecutionProbe; its "Executable" is a shared library already in the process.
+
+std::string sharedLibraryInProcess() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&sqlite3_libversion), &info) == 0 || !info.dli_fname) {
+    return "";
+  }
+  return info.dli_fname;
+}
+
+class LookupTest : public ExecutionTest {
+ protected:
+  void SetUp() override {
+    ExecutionTest::SetUp();
+    std::string library = sharedLibraryInProcess();
+    ASSERT_NE(library.find(".so"), std::string::npos) << library;
+    bundlePath_ = paths::resolve("/BrindleInternal/Library/Bundles/Stress") + "/Lookup.bundle";
+    std::filesystem::create_directories(bundlePath_);
+    std::filesystem::create_symlink(library, bundlePath_ + "/Lookup.so");
+    Dictionary lookup{{"Name", "Probe Lookup"},
+                      {"Selector", "runProbe"},
+                      {"Technology", "WiFi"},
+                      {"Type", "PassFail"},
+                      {"Environments", Array{"Bundle Default"}},
+                      {"Options", Dictionary{{"Count", 1}, {"Mode", "a"}, {"Host", "x"}}}};
+    Dictionary bundledOnly{{"Name", "Probe Bundled Only"}, {"Selector", "bundledProbe"}};
+    Dictionary info{
+        {"Executable", "Lookup.so"},
+        {"Principal Class", "ExecutionProbe"},
+        {"Supported Test Cases",
+         Dictionary{{"first", "not a dictionary"}, {"second", lookup}, {"third", bundledOnly}}}};
+    ASSERT_TRUE(plist::writeFile(Value(info), bundlePath_ + "/Info.plist"));
+  }
+  void TearDown() override {
+    removeTestCaseProvider(bundlePath_);
+    ExecutionTest::TearDown();
+  }
+
+  std::string bundlePath_;
+};
+
+TEST_F(LookupTest, PreferencesReplaceDeclaredOptionsAndNeverAddOnes) {
+  run_.setPreference("Count", 5);
+  run_.setPreference("Unrelated", "y");
+  run_.setPreference("Host", "from preferences");
+  std::string overlay = paths::expandTilde(kVLOptionPreferencesPath);
+  std::filesystem::create_directories(std::filesystem::path(overlay).parent_path());
+  ASSERT_TRUE(plist::writeFile(Value(Dictionary{{"Count", 7}, {"Mode", "b"}}), overlay));
+
+  auto object = VLGetObjectForTestCase("Probe Lookup");
+  ASSERT_TRUE(object);
+  EXPECT_EQ(object->selector(), "runProbe");
+  EXPECT_EQ(object->options(),
+            (Dictionary{{"Count", 7}, {"Mode", "b"}, {"Host", "from preferences"}}));
+  // Without "Environments" in the preferences the bundle's own list stays.
+  EXPECT_EQ(object->environments(), Array{"Bundle Default"});
+
+  EXPECT_EQ(VLGetObjectForTestCase(""), nullptr);
+  EXPECT_EQ(VLGetObjectForTestCase("Probe Undeclared"), nullptr);
+}
+
+TEST_F(LookupTest, EnvironmentsAreRecomputedFromTheConfiguration) {
+  run_.setPreference(
+      "Environments",
+      Dictionary{
+          {"Night", Array{"Probe Lookup", "Probe Lookup"}},
+          {"Day", Dictionary{{"TestCaseArray", Array{Dictionary{{"Name", "Probe Lookup"}}}}}},
+          {"Idle", Array{"Something Else"}}});
+  auto object = VLGetObjectForTestCase("Probe Lookup");
+  ASSERT_TRUE(object && object->environments());
+  std::vector<Value> environments(object->environments()->begin(), object->environments()->end());
+  std::sort(environments.begin(), environments.end(),
+            [](const Value& a, const Value& b) { return a.stringOr("") < b.stringOr(""); });
+  EXPECT_EQ(Array(environments), (Array{"Day", "Night"}));
+
+  auto other = testCase("Probe Elsewhere", "runProbe");
+  other->setEnvironments(Array{"Kept"});
+  VLAdjustTestCaseEnvironments(other, VLGetPreferences());
+  EXPECT_EQ(other->environments(), Array());
+  other->setEnvironments(Array{"Kept"});
+  VLAdjustTestCaseEnvironments(other, Dictionary{{"StressType", "wifi"}});
+  EXPECT_EQ(other->environments(), Array{"Kept"});
+}
+
+TEST_F(LookupTest, ARequestDictionaryRefinesAPredefinedTestCase) {
+  run_.setPreference("Count", 5);
+  auto object =
+      VLGetObjectForDictionary(Dictionary{{"Name", "Probe Lookup"},
+                                          {"Type", "Average"},
+                                          {"Options", Dictionary{{"Count", 9}, {"Extra", true}}},
+                                          {"Tags", Array{"night"}}});
+  ASSERT_TRUE(object);
+  EXPECT_EQ(object->type(), "Average");
+  EXPECT_EQ(object->selector(), "runProbe");
+  EXPECT_EQ(object->options(),
+            (Dictionary{{"Count", 9}, {"Mode", "a"}, {"Host", "x"}, {"Extra", true}}));
+  EXPECT_EQ(object->tags(), Array{"night"});
+
+  auto result = VLExecuteTestCase(object);
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->didPass());
+}
+
+TEST_F(LookupTest, ATestCaseOfABundleNotYetLoadedLoadsItAndRuns) {
+  // As in the stress service, which receives test cases that other processes looked up.
+  auto object = testCase("Probe Bundled Only", "bundledProbe");
+  ASSERT_EQ(VLGetClassForTestCase(object), nullptr);
+  auto result = VLExecuteTestCase(object);
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->didPass());
+  EXPECT_EQ(ExecutionProbe::takeCalls().size(), 1u);
+}
+
+TEST_F(LookupTest, AdHocTestCasesNeedEveryMandatoryField) {
+  LogCapture capture;
+  Dictionary nameless{{"Selector", "runProbe"}};
+  EXPECT_EQ(VLGetObjectForDictionary(nameless), nullptr);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelError, "Framework",
+                       "No name defined in test case dictionary: " + nameless.description()));
+
+  // A selector that no bundle lists fails even with "Technology" and "Type".
+  EXPECT_EQ(VLGetObjectForDictionary(Dictionary{{"Name", "Ad Hoc"},
+                                                {"Selector", "unlisted"},
+                                                {"Technology", "WiFi"},
+                                                {"Type", "PassFail"}}),
+            nullptr);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Framework",
+                               "No bundle found which list selector 'unlisted' as a viable test "
+                               "case"));
+
+  for (const char* missing : {"Selector", "Technology", "Type"}) {
+    Dictionary request{
+        {"Name", "Ad Hoc"}, {"Selector", "runProbe"}, {"Technology", "WiFi"}, {"Type", "PassFail"}};
+    request.erase(missing);
+    capture.clear();
+    EXPECT_EQ(VLGetObjectForDictionary(request), nullptr) << missing;
+    EXPECT_TRUE(capture.contains(VLLogLevelError, "Framework",
+                                 format("Mandatory field (%@) missing from ad hoc test case "
+                                        "definition: %@",
+                                        missing, request)))
+        << missing;
+  }
+
+  capture.clear();
+  auto adHoc = VLGetObjectForDictionary(Dictionary{{"Name", "Ad Hoc"},
+                                                   {"Selector", "runProbe"},
+                                                   {"Technology", "WiFi"},
+                                                   {"Type", "PassFail"},
+                                                   {"Options", Dictionary{{"Count", 3}}}});
+  ASSERT_TRUE(adHoc);
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Framework",
+                               "Could not find predefined test case for 'Ad Hoc'. Ad hoc test case "
+                               "will be built from dictionary."));
+  EXPECT_EQ(adHoc->technology(), "WiFi");
+  EXPECT_EQ(adHoc->type(), "PassFail");
+  EXPECT_EQ(adHoc->options(), (Dictionary{{"Count", 3}}));
+  // An ad hoc test case runs on the class of the bundle that lists its selector.
+  auto result = VLExecuteTestCase(adHoc);
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->didPass());
+}
+
+}  // namespace
+}  // namespace vl

@@ -1,0 +1,94 @@
+// Vorlund, the stress service: owns "com.brindle.Vorlund" on the bus and runs the test cases that
+// other processes send it, adding each result to the run this process keeps (its currentResults,
+// carried on from the resume data when the last instance was suspended). SIGTERM and SIGINT
+// suspend the run and end the process.
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <exception>
+#include <memory>
+
+#include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/foundation/format.h"
+#include "vorlund/ipm/bus.h"
+#include "vorlund/ipm/service.h"
+#include "vorlund/ipm/service_client.h"
+#include "vorlund/logging/log.h"
+#include "vorlund/results/execution.h"
+#include "vorlund/results/results.h"
+
+namespace {
+
+constexpr const char* kCategory = "Vorlund";
+
+// Runs one requested test case here and records its result in this process's run.
+std::shared_ptr<VLTestCaseResult> executeAndRecord(
+    const std::shared_ptr<VLTestCaseObject>& object) {
+  std::shared_ptr<VLTestCaseResult> result = VLExecuteTestCase(object);
+  if (!result) return nullptr;
+  try {
+    VLResults::currentResults()->addTestCaseResult(result, VLGetClassForTestCase(object), true);
+  } catch (const std::exception& e) {
+    // The caller still gets its result; the run's own record of it failed.
+    VLLog(VLLogLevelError, kCategory, "Unable to add the result of %@ to the run: %s",
+          object->name().value_or(""), e.what());
+  }
+  return result;
+}
+
+// A descriptor that reads SIGTERM and SIGINT, which are blocked for every thread from here on.
+int blockTerminationSignals(sigset_t* signals) {
+  sigemptyset(signals);
+  sigaddset(signals, SIGTERM);
+  sigaddset(signals, SIGINT);
+  if (pthread_sigmask(SIG_BLOCK, signals, nullptr) != 0) return -1;
+  return signalfd(-1, signals, SFD_CLOEXEC);
+}
+
+}  // namespace
+
+int main() {
+  // Before any thread starts, so that every thread inherits the mask.
+  sigset_t signals;
+  int signalFd = blockTerminationSignals(&signals);
+  if (signalFd < 0) {
+    VLLog(VLLogLevelFatal, kCategory, "Unable to watch for termination signals: %s",
+          std::strerror(errno));
+    return 1;
+  }
+
+  // Created now, so that a suspended run is resumed before the first request arrives.
+  std::shared_ptr<VLResults> results = VLResults::currentResults();
+  VLLog(VLLogLevelInfo, kCategory, "Vorlund started (%s run)",
+        results->resumed() ? "resumed" : "new");
+
+  vl::Error error;
+  auto service = vl::ipm::Service::start(
+      {{vl::ipm::kTestCaseRequestType, vl::ipm::testCaseRequestHandler(executeAndRecord)}}, &error);
+  if (!service) {
+    VLLog(VLLogLevelFatal, kCategory, "Unable to serve %s: %@", vl::ipm::kServiceName,
+          error.localizedDescription());
+    close(signalFd);
+    return 1;
+  }
+
+  signalfd_siginfo info{};
+  ssize_t n;
+  do {
+    n = read(signalFd, &info, sizeof info);
+  } while (n < 0 && errno == EINTR);
+  close(signalFd);
+  VLLog(VLLogLevelInfo, kCategory, "Received %s, suspending the run",
+        n == static_cast<ssize_t>(sizeof info) ? strsignal(static_cast<int>(info.ssi_signo))
+                                               : "an unreadable signal");
+
+  // Running test cases end and get their replies before the run is written out.
+  service->stop();
+  bool suspended = VLResults::currentResults()->suspend();
+  VLLog(suspended ? VLLogLevelInfo : VLLogLevelError, kCategory,
+        suspended ? "Vorlund stopped; the run is suspended"
+                  : "Vorlund stopped; the run could not be suspended");
+  return suspended ? 0 : 1;
+}
