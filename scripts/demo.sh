@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# The demo: the main job the system has so far, on the built-in sample set-up. It encodes the sample
-# test case definition as a keyed archive, decodes the archive back and prints it.
+# The demo: the main job of the system on the built-in sample set-up. It encodes the sample test case
+# definition as a keyed archive and decodes it back, stages the sample bundles under a demo device
+# root, runs their test cases, records more results and an issue from the shell, and shows the run
+# with where its results file and timeline are.
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -26,8 +28,22 @@ echo "== vorlundctl decode test_case.archive"
 "$ctl" decode "$work/test_case.archive"
 
 echo
-echo "== A run recorded from the shell with vorlundctl results"
+echo "== The sample bundles, staged under a demo device root"
+export VORLUND_ROOT="$work/root"
 export VORLUND_SERIAL_NUMBER=DEMO0001
+stress="$VORLUND_ROOT/BrindleInternal/Library/Bundles/Stress"
+mkdir -p "$stress"
+cp -r "$top/$build"/bundles/*.bundle "$stress/"
+"$ctl" list
+echo
+echo "== Running sample test cases from the bundle (in this process: --local)"
+"$ctl" run "Sample Ping Gateway" --local --iterations 3
+"$ctl" run "Sample Throughput" --local --option Megabits=240
+"$ctl" run "Sample Latency Histogram" --local --iterations 2
+"$ctl" run "Sample Sleep" --local --option Seconds=1
+"$ctl" run "Sample Failure" --local --option "Reason=Radio off" || true
+echo
+echo "== More results recorded from the shell with vorlundctl results"
 "$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz
 "$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz
 "$ctl" results add --name "WiFi Ping Gateway" --type PassFail --fail "Request timeout" --tag band=5GHz

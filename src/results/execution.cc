@@ -161,10 +161,21 @@ bool isTestHostProcess() {
 
 }  // namespace vl
 
+std::shared_ptr<VLTestCaseResult> vl::executeTestCaseInProcess(
+    const std::shared_ptr<VLTestCaseObject>& testCase) {
+  try {
+    return executeInHostProcess(testCase);
+  } catch (const std::exception& e) {
+    VLLog(VLLogLevelError, "Framework", "Unable to execute %@: %@", nameOf(testCase),
+          std::string(e.what()));
+    return VLTestCaseResult::asNoOp();
+  }
+}
+
 std::shared_ptr<VLTestCaseResult> VLExecuteTestCase(
     const std::shared_ptr<VLTestCaseObject>& testCase, vl::Error* error) {
+  if (vl::isTestHostProcess()) return vl::executeTestCaseInProcess(testCase);
   try {
-    if (vl::isTestHostProcess()) return vl::executeInHostProcess(testCase);
     return vl::executeInService(testCase, error);
   } catch (const std::exception& e) {
     // Recording an issue or logging can fail (a broken results store); the caller still gets a

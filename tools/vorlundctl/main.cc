@@ -15,6 +15,8 @@ int main(int argc, char** argv) {
   vorlundctl::addDecodeCommand(app);
   vorlundctl::addEncodeCommand(app);
   vorlundctl::addResultsCommand(app);
+  vorlundctl::addListCommand(app);
+  vorlundctl::addRunCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -27,28 +27,25 @@
 namespace vorlundctl {
 
 namespace {
-
 constexpr const char* kRunLockPath = "~/Library/Caches/vorlund_results.lock";
+}  // namespace
 
-// Holds the per-user run lock for the lifetime of the object.
-class RunLock {
- public:
-  RunLock() {
-    std::string path = vl::paths::expandTilde(kRunLockPath);
-    vl::paths::createDirectories(vl::paths::deletingLastComponent(path));
-    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ < 0) throw UsageFailure("cannot open the run lock " + path + ": " + std::strerror(errno));
-    while (::flock(fd_, LOCK_EX) != 0) {
-      if (errno != EINTR) throw UsageFailure(std::string("cannot lock the run: ") + std::strerror(errno));
+RunLock::RunLock() {
+  std::string path = vl::paths::expandTilde(kRunLockPath);
+  vl::paths::createDirectories(vl::paths::deletingLastComponent(path));
+  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ < 0) throw UsageFailure("cannot open the run lock " + path + ": " + std::strerror(errno));
+  while (::flock(fd_, LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      ::close(fd_);
+      throw UsageFailure(std::string("cannot lock the run: ") + std::strerror(errno));
     }
   }
-  ~RunLock() { ::close(fd_); }  // closing releases the lock
-  RunLock(const RunLock&) = delete;
-  RunLock& operator=(const RunLock&) = delete;
+}
 
- private:
-  int fd_ = -1;
-};
+RunLock::~RunLock() { ::close(fd_); }  // closing releases the lock
+
+namespace {
 
 std::pair<std::string, std::string> splitPair(const std::string& text, const char* option) {
   size_t equals = text.find('=');

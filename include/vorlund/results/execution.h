@@ -53,6 +53,14 @@ bool isTestHostProcess();
 // given, when the exchange fails (no service, a broken reply).
 std::shared_ptr<VLTestCaseResult> VLExecuteTestCase(
     const std::shared_ptr<VLTestCaseObject>& testCase, vl::Error* error = nullptr);
+// Runs the test case in this process, as a host process does, whatever this process is called: for
+// front ends that run test code themselves (vorlundctl run --local). Same results and issues as the
+// host path of VLExecuteTestCase; never throws.
+namespace vl {
+std::shared_ptr<VLTestCaseResult> executeTestCaseInProcess(
+    const std::shared_ptr<VLTestCaseObject>& testCase);
+}  // namespace vl
+
 // The same for a test case that arrives as a value (an unarchived request). A value that is not a
 // VLTestCaseObject is logged at level 16 "Recevied a test case object that was of the wrong type
 // (%@)...%@" with its class and the call stack, and gives a no-op result in a host process.

@@ -1,0 +1,108 @@
+// vorlundctl list and run against the real sample bundle, staged in a private device root.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "support/child_process.h"
+#include "support/test_support.h"
+#include "vorlund/foundation/json.h"
+
+namespace vl {
+namespace {
+
+test::ChildResult ctl(std::vector<std::string> args) {
+  args.insert(args.begin(), VORLUNDCTL_PATH);
+  return test::runChild(args);
+}
+
+class VorlundctlRunTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string bundles = sandbox_.root() + "/BrindleInternal/Library/Bundles/Stress";
+    std::filesystem::create_directories(bundles);
+    std::filesystem::copy(std::string(VORLUND_SAMPLE_BUNDLE_DIR) + "/SampleStress.bundle",
+                          bundles + "/SampleStress.bundle", std::filesystem::copy_options::recursive);
+  }
+
+  const Dictionary* statistic(const std::string& name) {
+    auto shown = ctl({"results", "show", "--json"});
+    EXPECT_EQ(shown.exitStatus, 0) << shown.err;
+    run_ = json::parse(shown.out).value_or(Value());
+    const Array* cases = run_.asDictionary() ? run_.asDictionary()->get("TestCases").asArray() : nullptr;
+    for (size_t i = 0; cases && i < cases->size(); ++i) {
+      const Dictionary* d = (*cases)[i].asDictionary();
+      if (d && d->get("Name") == Value(name)) return d;
+    }
+    return nullptr;
+  }
+
+  test::Sandbox sandbox_;
+  Value run_;
+};
+
+TEST_F(VorlundctlRunTest, ListShowsTheBundlesTestCases) {
+  auto listed = ctl({"list"});
+  ASSERT_EQ(listed.exitStatus, 0) << listed.err;
+  EXPECT_NE(listed.out.find("SampleStress"), std::string::npos) << listed.out;
+  EXPECT_NE(listed.out.find("Sample Ping Gateway"), std::string::npos);
+  auto json = ctl({"list", "--json"});
+  ASSERT_EQ(json.exitStatus, 0) << json.err;
+  EXPECT_TRUE(json::parse(json.out).has_value()) << json.out;
+}
+
+TEST_F(VorlundctlRunTest, LocalRunsJoinTheFileBackedRun) {
+  auto pinged = ctl({"run", "Sample Ping Gateway", "--local", "--iterations", "3"});
+  ASSERT_EQ(pinged.exitStatus, 0) << pinged.err;
+  EXPECT_NE(pinged.out.find("[3/3] Sample Ping Gateway passed"), std::string::npos) << pinged.out;
+  EXPECT_NE(pinged.out.find("3 run(s), 3 passed, 0 failed"), std::string::npos);
+  EXPECT_NE(pinged.err.find("[1/3] running Sample Ping Gateway..."), std::string::npos);
+
+  auto measured = ctl({"run", "Sample Throughput", "--local", "--option", "Megabits=240"});
+  ASSERT_EQ(measured.exitStatus, 0) << measured.err;
+
+  const Dictionary* ping = statistic("Sample Ping Gateway");
+  ASSERT_NE(ping, nullptr) << run_.description();
+  EXPECT_EQ(ping->get("Instances"), Value(3));
+  const Dictionary* throughput = statistic("Sample Throughput");
+  ASSERT_NE(throughput, nullptr);
+  EXPECT_EQ(throughput->get("Metrics").asDictionary()->get("Throughput").asDictionary()->get("Mean"),
+            Value(240));
+}
+
+TEST_F(VorlundctlRunTest, AFailedResultGivesExitStatusOneWithItsReason) {
+  auto failed = ctl({"run", "Sample Failure", "--local", "--option", "Reason=Radio off"});
+  EXPECT_EQ(failed.exitStatus, 1);
+  EXPECT_NE(failed.out.find("failed: Radio off"), std::string::npos) << failed.out;
+  const Dictionary* failure = statistic("Sample Failure");
+  ASSERT_NE(failure, nullptr);
+  EXPECT_TRUE(failure->get("Failures").asDictionary()->contains("Radio off"));
+}
+
+TEST_F(VorlundctlRunTest, AdHocTestCaseFromADictionary) {
+  test::writeFile(sandbox_.path("adhoc.json"),
+                  R"({"Name": "Ad hoc ping", "Selector": "pingGateway:", "Technology": "WiFi", "Type": "PassFail"})");
+  auto adhoc = ctl({"run", "--dict", sandbox_.path("adhoc.json"), "--local"});
+  EXPECT_EQ(adhoc.exitStatus, 0) << adhoc.err;
+  EXPECT_NE(adhoc.out.find("passed"), std::string::npos) << adhoc.out;
+
+  test::writeFile(sandbox_.path("incomplete.json"), R"({"Name": "No selector"})");
+  auto incomplete = ctl({"run", "--dict", sandbox_.path("incomplete.json"), "--local"});
+  EXPECT_EQ(incomplete.exitStatus, 1);
+  EXPECT_NE(incomplete.err.find("not a test case"), std::string::npos) << incomplete.err;
+}
+
+TEST_F(VorlundctlRunTest, UnknownTestCaseOrMissingServiceIsOneClearLine) {
+  auto unknown = ctl({"run", "No Such Test", "--local"});
+  EXPECT_EQ(unknown.exitStatus, 1);
+  EXPECT_NE(unknown.err.find("offers a test case named 'No Such Test'"), std::string::npos) << unknown.err;
+
+  // Without --local the test case goes to the stress service, which no bus offers here.
+  test::ScopedEnv bus("VORLUND_BUS", "session");
+  test::ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + sandbox_.path("no-bus"));
+  auto remote = ctl({"run", "Sample Ping Gateway"});
+  EXPECT_EQ(remote.exitStatus, 1);
+  EXPECT_NE(remote.err.find("vorlundctl: "), std::string::npos) << remote.err;
+}
+
+}  // namespace
+}  // namespace vl
