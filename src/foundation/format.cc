@@ -31,7 +31,7 @@ FormatArg::FormatArg(const Record& r) : kind_(Kind::Object), text_(r.description
 
 namespace {
 
-struct Spec {
+struct Conversion {
   std::string flags;
   std::string width;
   std::string precision;  // including the leading '.', or empty
@@ -39,19 +39,19 @@ struct Spec {
   char conversion = 0;
 };
 
-std::string printfString(const std::string& spec, auto value) {
+std::string printfString(const std::string& pattern, auto value) {
   char small[128];
-  int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+  int n = std::snprintf(small, sizeof small, pattern.c_str(), value);
   if (n < 0) return {};
   if (static_cast<size_t>(n) < sizeof small) return std::string(small, static_cast<size_t>(n));
   std::string big(static_cast<size_t>(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), spec.c_str(), value);
+  std::snprintf(big.data(), big.size(), pattern.c_str(), value);
   big.resize(static_cast<size_t>(n));
   return big;
 }
 
 // The text of a string conversion with width and precision applied.
-std::string padded(const Spec& s, const std::string& text) {
+std::string padded(const Conversion& s, const std::string& text) {
   return printfString("%" + s.flags + s.width + s.precision + "s", text.c_str());
 }
 
@@ -95,7 +95,7 @@ std::string textOf(const FormatArg& a) {
   }
 }
 
-std::string convert(const Spec& s, const FormatArg& a) {
+std::string convert(const Conversion& s, const FormatArg& a) {
   switch (s.conversion) {
     case '@': return textOf(a);
     case 's': return padded(s, textOf(a));
@@ -164,7 +164,7 @@ std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args)
       ++i;
       continue;
     }
-    Spec s;
+    Conversion s;
     while (i < fmt.size() && std::string_view("-+ #0'").find(fmt[i]) != std::string_view::npos) {
       if (fmt[i] != '\'') s.flags += fmt[i];
       ++i;
