@@ -1,5 +1,7 @@
 #include "conversion/binary_plist_writer.h"
 
+#include "foundation/plist_nodes.h"
+
 #include <cstdlib>
 #include <deque>
 #include <cstring>
@@ -28,20 +30,6 @@ void putBigEndian(std::string& out, uint64_t v, size_t width) {
   for (size_t i = width; i-- > 0;) out += static_cast<char>((v >> (8 * i)) & 0xFF);
 }
 
-std::vector<plist_t> childrenOf(plist_t array) {
-  std::vector<plist_t> items;
-  plist_array_iter iter = nullptr;
-  plist_array_new_iter(array, &iter);
-  if (!iter) return items;
-  for (;;) {
-    plist_t item = nullptr;
-    plist_array_next_item(array, iter, &item);
-    if (!item) break;
-    items.push_back(item);
-  }
-  std::free(iter);
-  return items;
-}
 
 class Writer {
  public:
@@ -93,7 +81,7 @@ class Writer {
     uint64_t index = objects_.size();
     objects_.push_back(Object{node, {}, {}});
     if (type == PLIST_ARRAY) {
-      for (plist_t child : childrenOf(node)) {
+      for (plist_t child : plist_nodes::arrayItems(node)) {
         if (!flatten(child, depth + 1)) return false;
         objects_[index].refs.push_back(lastIndex_);
       }
@@ -185,7 +173,7 @@ class Writer {
       case PLIST_UINT: {
         uint64_t v = 0;
         plist_get_uint_val(o.node, &v);
-        if ((v >> 63) != 0 && isWideUnsigned(o.node)) {
+        if ((v >> 63) != 0 && plist_nodes::isMarkedUnsigned(o.node)) {
           out += '\x14';
           putBigEndian(out, 0, 8);
           putBigEndian(out, v, 8);
@@ -268,19 +256,5 @@ std::optional<std::string> writeBinaryPlist(plist_t root) {
   return Writer().run(root);
 }
 
-bool isWideUnsigned(plist_t node) {
-  struct Free {
-    void operator()(void* n) const { plist_free(static_cast<plist_t>(n)); }
-  };
-  std::unique_ptr<void, Free> copy(plist_copy(node));
-  if (!copy) return false;
-  char* xml = nullptr;
-  uint32_t length = 0;
-  plist_to_xml(copy.get(), &xml, &length);
-  if (!xml) return false;
-  bool negative = std::string_view(xml, length).find("<integer>-") != std::string_view::npos;
-  plist_to_xml_free(xml);
-  return !negative;
-}
 
 }  // namespace vl::conversion

@@ -14,8 +14,4 @@ namespace vl::conversion {
 // tree is nested deeper than 512 levels or holds a node of unknown type.
 std::optional<std::string> writeBinaryPlist(plist_t root);
 
-// Whether an integer node is one that libplist read from a 16-byte integer (an unsigned value above
-// the int64 range); see keyed_archive.cc.
-bool isWideUnsigned(plist_t node);
-
 }  // namespace vl::conversion

@@ -1,6 +1,6 @@
 #include "vorlund/conversion/json_conversion.h"
 
-#include "conversion/utf8.h"
+#include "vorlund/foundation/utf8.h"
 #include "vorlund/foundation/json.h"
 #include "vorlund/logging/log.h"
 
@@ -34,7 +34,7 @@ std::optional<std::string> VLJSONStringFromJSONData(const vl::Data* jsonData) {
 }
 
 std::optional<std::string> VLJSONStringFromJSONData(const vl::Data& jsonData) {
-  if (!vl::conversion::isValidUtf8(jsonData.view())) {
+  if (!vl::isValidUtf8(jsonData.view())) {
     VLLog(VLLogLevelError, kCategory, "NSString returned nil when init-ing with JSON data:%@",
           jsonData);
     return std::nullopt;

@@ -25,8 +25,9 @@
 #include <unordered_map>
 
 #include "conversion/binary_plist_writer.h"
-#include "conversion/utf8.h"
+#include "vorlund/foundation/utf8.h"
 #include "foundation/plist_guard.h"
+#include "foundation/plist_nodes.h"
 #include "vorlund/foundation/format.h"
 
 namespace vl {
@@ -74,23 +75,6 @@ bool readUid(plist_t node, uint64_t* out) {
   return false;
 }
 
-// The items of an array node. libplist 2.2 indexes only the arrays it builds itself; a parsed
-// array is a linked list, so items are walked once rather than looked up by position.
-std::vector<plist_t> itemsOf(plist_t array) {
-  std::vector<plist_t> items;
-  items.reserve(plist_array_get_size(array));
-  plist_array_iter iter = nullptr;
-  plist_array_new_iter(array, &iter);
-  if (!iter) return items;
-  for (;;) {
-    plist_t item = nullptr;
-    plist_array_next_item(array, iter, &item);
-    if (!item) break;
-    items.push_back(item);
-  }
-  std::free(iter);
-  return items;
-}
 
 std::optional<std::string_view> readString(plist_t node) {
   if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
@@ -134,7 +118,7 @@ std::optional<Number> readNumber(plist_t node) {
     case PLIST_UINT: {
       uint64_t v = 0;
       plist_get_uint_val(node, &v);
-      if ((v >> 63) != 0 && conversion::isWideUnsigned(node)) return Number(v);
+      if ((v >> 63) != 0 && plist_nodes::isMarkedUnsigned(node)) return Number(v);
       return Number(static_cast<int64_t>(v));
     }
     case PLIST_REAL: {
@@ -251,7 +235,7 @@ struct KeyedArchiver::Impl {
       fail("A string holds a NUL character, which a keyed archive cannot store");
       return false;
     }
-    if (!conversion::isValidUtf8(s)) {
+    if (!vl::isValidUtf8(s)) {
       fail("A string is not valid UTF-8");
       return false;
     }
@@ -460,7 +444,7 @@ struct KeyedUnarchiver::Impl {
   uint64_t byteBudget;
 
   Impl(plist_t objectList, const ClassSet& allowedClasses, size_t archiveSize)
-      : objects(itemsOf(objectList)),
+      : objects(plist_nodes::arrayItems(objectList)),
         count(static_cast<uint32_t>(objects.size())),
         allowed(allowedClasses),
         inProgress(count, false),
@@ -580,7 +564,7 @@ struct KeyedUnarchiver::Impl {
     std::vector<std::string_view> chain{*name};
     if (plist_t list = plist_dict_get_item(cls, "$classes")) {
       if (plist_get_node_type(list) != PLIST_ARRAY) return corrupt("a class chain is not an array");
-      for (plist_t item : itemsOf(list)) {
+      for (plist_t item : plist_nodes::arrayItems(list)) {
         auto super = readString(item);
         if (!super) return corrupt("a class chain holds something other than a name");
         if (*super != *name) chain.push_back(*super);
@@ -643,7 +627,7 @@ struct KeyedUnarchiver::Impl {
           return corrupt("an array holds no object list");
         }
         if (!spend(0)) return {};
-        std::vector<plist_t> refItems = itemsOf(refs);
+        std::vector<plist_t> refItems = plist_nodes::arrayItems(refs);
         std::vector<Value> items;
         items.reserve(refItems.size());
         for (plist_t item : refItems) {
@@ -663,8 +647,8 @@ struct KeyedUnarchiver::Impl {
             plist_get_node_type(refs) != PLIST_ARRAY) {
           return corrupt("a dictionary holds no key and object lists");
         }
-        std::vector<plist_t> keyItems = itemsOf(keys);
-        std::vector<plist_t> refItems = itemsOf(refs);
+        std::vector<plist_t> keyItems = plist_nodes::arrayItems(keys);
+        std::vector<plist_t> refItems = plist_nodes::arrayItems(refs);
         if (keyItems.size() != refItems.size()) {
           return corrupt("a dictionary has unequal numbers of keys and objects");
         }

@@ -7,7 +7,7 @@
 #include <optional>
 #include <thread>
 
-#include "conversion/utf8.h"
+#include "vorlund/foundation/utf8.h"
 #include "vorlund/foundation/background.h"
 #include "vorlund/foundation/serial_queue.h"
 #include "vorlund/foundation/timer.h"
@@ -51,7 +51,7 @@ std::optional<std::string> pipeText(const std::shared_ptr<vl::Pipe>& pipe) {
           error.description());
     return std::string();
   }
-  if (!vl::conversion::isValidUtf8(*bytes)) return std::nullopt;
+  if (!vl::isValidUtf8(*bytes)) return std::nullopt;
   return bytes;
 }
 

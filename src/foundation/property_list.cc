@@ -16,6 +16,9 @@
 // 32-bit second range around 2001 (1933 to 2069).
 #include "vorlund/foundation/property_list.h"
 
+#include "vorlund/foundation/utf8.h"
+#include "foundation/plist_nodes.h"
+
 #include <plist/plist.h>
 
 #include <cerrno>
@@ -126,21 +129,6 @@ bool binaryKeysHoldNoNul(std::string_view bytes) {
 
 // ---- libplist to values ----------------------------------------------------------------------
 
-// Whether libplist keeps this integer node as an unsigned value above INT64_MAX. The public API of
-// 2.2 hides the node's width, but its XML form shows it: such a node prints without a sign.
-bool isMarkedUnsigned(plist_t node) {
-  PlistPtr copy(plist_copy(node));
-  char* xml = nullptr;
-  uint32_t length = 0;
-  plist_to_xml(copy.get(), &xml, &length);
-  if (!xml) return false;
-  const std::string_view text(xml, length);
-  const size_t open = text.find("<integer>");
-  const bool unsignedForm =
-      open != std::string_view::npos && open + 9 < text.size() && text[open + 9] != '-';
-  plist_to_xml_free(xml);
-  return unsignedForm;
-}
 
 double dateSeconds(int32_t sec, int32_t usec) {
   // libplist splits a negative time into a truncated second and the magnitude of the fraction.
@@ -161,7 +149,7 @@ Value toValue(plist_t node, size_t depth) {
       uint64_t v = 0;
       plist_get_uint_val(node, &v);
       if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) &&
-          isMarkedUnsigned(node)) {
+          plist_nodes::isMarkedUnsigned(node)) {
         return Value(Number(v));
       }
       return Value(Number(static_cast<int64_t>(v)));
@@ -229,41 +217,6 @@ Value toValue(plist_t node, size_t depth) {
 
 // ---- values to libplist ----------------------------------------------------------------------
 
-bool isValidUtf8(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
-    const auto c = static_cast<uint8_t>(s[i]);
-    size_t extra = 0;
-    uint32_t cp = 0;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      extra = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + extra >= s.size()) return false;
-    for (size_t k = 1; k <= extra; ++k) {
-      const auto cc = static_cast<uint8_t>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    if ((extra == 1 && cp < 0x80) || (extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) ||
-        cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-      return false;
-    }
-    i += extra + 1;
-  }
-  return true;
-}
 
 // An unsigned integer node above INT64_MAX, which the 2.2 API cannot make directly: libplist's own
 // XML reader makes it with the unsigned width.

@@ -45,22 +45,7 @@ const std::vector<std::string> kResumeKeys{
     "StressSubtype", "Config"};
 // clang-format on
 
-std::shared_ptr<VLTestCaseResult> result(const std::string& name, bool passed,
-                                         const char* type = kVLTestCaseResultTypePassFail) {
-  auto definition = VLTestCaseObject::make();
-  definition->setName(name);
-  definition->setSelector(std::string("run:"));
-  definition->setType(std::string(type));
-  definition->setWebTags(Dictionary{});
-  auto r = VLTestCaseResult::withTestCaseObject(definition);
-  if (passed) {
-    r->pass();
-  } else {
-    r->failWithReason("timeout");
-  }
-  r->setEndTime(vl::Date::now());
-  return r;
-}
+using vl::test::result;
 
 std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
                                const char* type, const VLResults& results) {

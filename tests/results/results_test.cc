@@ -98,22 +98,7 @@ class CaptureScope {
   std::shared_ptr<CountingArchiver> archiver_;
 };
 
-std::shared_ptr<VLTestCaseResult> result(const std::string& name, bool passed,
-                                         const char* type = kVLTestCaseResultTypePassFail) {
-  auto definition = VLTestCaseObject::make();
-  definition->setName(name);
-  definition->setSelector(std::string("run:"));
-  definition->setType(std::string(type));
-  definition->setWebTags(Dictionary{});
-  auto r = VLTestCaseResult::withTestCaseObject(definition);
-  if (passed) {
-    r->pass();
-  } else {
-    r->failWithReason("timeout");
-  }
-  r->setEndTime(std::nullopt);
-  return r;
-}
+using vl::test::result;
 
 std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
                                const char* type, double secondsAfterStart,

@@ -10,7 +10,9 @@
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/foundation/value.h"
+#include "vorlund/catalogue/test_case_object.h"
 #include "vorlund/results/results.h"
+#include "vorlund/results/test_case_result.h"
 
 namespace vl::test {
 
@@ -43,5 +45,24 @@ class RunSandbox {
  private:
   Sandbox sandbox_;
 };
+
+// A finished result of a test case named name: passed, or failed with the bucket "timeout";
+// started and ended now.
+inline std::shared_ptr<VLTestCaseResult> result(const std::string& name, bool passed,
+                                                const char* type = kVLTestCaseResultTypePassFail) {
+  auto definition = VLTestCaseObject::make();
+  definition->setName(name);
+  definition->setSelector(std::string("run:"));
+  definition->setType(std::string(type));
+  definition->setWebTags(Dictionary{});
+  auto r = VLTestCaseResult::withTestCaseObject(definition);
+  if (passed) {
+    r->pass();
+  } else {
+    r->failWithReason("timeout");
+  }
+  r->setEndTime(std::nullopt);
+  return r;
+}
 
 }  // namespace vl::test

@@ -1,10 +1,11 @@
-// UTF-8 validation shared by the conversion functions.
+// UTF-8 validation: the one check used wherever bytes become text (property lists, JSON, archives,
+// command output).
 #pragma once
 
 #include <cstdint>
 #include <string_view>
 
-namespace vl::conversion {
+namespace vl {
 
 // Whether s is well-formed UTF-8: no overlong forms, surrogates or code points above U+10FFFF.
 inline bool isValidUtf8(std::string_view s) {
@@ -42,4 +43,4 @@ inline bool isValidUtf8(std::string_view s) {
   return true;
 }
 
-}  // namespace vl::conversion
+}  // namespace vl

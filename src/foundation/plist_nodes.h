@@ -1,0 +1,19 @@
+// Small readers of libplist nodes that the property-list reader and the keyed archiver share.
+#pragma once
+
+#include <plist/plist.h>
+
+#include <vector>
+
+namespace vl::plist_nodes {
+
+// The items of an array node in order. libplist keeps arrays as linked lists, so they are walked
+// once rather than looked up by position (which is quadratic).
+std::vector<plist_t> arrayItems(plist_t array);
+
+// Whether an integer node holds an unsigned value above the int64 range. libplist 2.2 stores every
+// integer as 64 unsigned bits and hides its own "unsigned" mark from the public API; its XML form
+// shows it (a negative number is printed with a sign, a marked unsigned one without).
+bool isMarkedUnsigned(plist_t node);
+
+}  // namespace vl::plist_nodes
