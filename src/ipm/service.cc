@@ -122,7 +122,7 @@ struct Service::State {
       replyError(call, kErrorInvalidMessage, error.localizedDescription());
       return 1;
     }
-    const IpmValue* type = request->asDictionary()->find(kMessageTypeKey);
+    const IpmValue* type = request->asDictionary()->find(kVLMessageKeyType);
     if (!type || !type->asString()) {
       VLLog(VLLogLevelError, kCategory, "Refusing a message without a \"MessageType\"");
       replyError(call, kErrorInvalidMessage, "The message has no string \"MessageType\"");

@@ -26,12 +26,12 @@ std::shared_ptr<VLTestCaseResult> executeTestCaseInService(
   if (!archived) return failed(object, std::move(failure), error);
 
   IpmDictionary request;
-  request.set(kMessageTypeKey, IpmValue::ofString(kTestCaseRequestType));
-  request.set(kTestCaseKey, IpmValue::ofData(std::move(archived->bytes)));
+  request.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeTestCaseRequest));
+  request.set(kVLMessageKeyTestCase, IpmValue::ofData(std::move(archived->bytes)));
   auto reply = sendMessage(IpmValue::ofDictionary(std::move(request)), kNoTimeout, &failure);
   if (!reply) return failed(object, std::move(failure), error);
 
-  const IpmValue* result = reply->asDictionary()->find(kResultKey);
+  const IpmValue* result = reply->asDictionary()->find(kVLMessageKeyResult);
   if (!result || !result->asData()) {
     return failed(object,
                   ipmError(IpmErrorCode::kInvalidMessage, "The reply holds no \"Result\" data"),
@@ -49,7 +49,7 @@ std::shared_ptr<VLTestCaseResult> executeTestCaseInService(
 
 Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
   return [execute = std::move(execute)](const IpmValue& request) -> IpmValue {
-    const IpmValue* archived = request.asDictionary()->find(kTestCaseKey);
+    const IpmValue* archived = request.asDictionary()->find(kVLMessageKeyTestCase);
     if (!archived || !archived->asData()) {
       return IpmValue::ofError("The request holds no \"TestCase\" data");
     }
@@ -69,7 +69,7 @@ Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
       return IpmValue::ofError("Unable to archive the result: " + error.localizedDescription());
     }
     IpmDictionary reply;
-    reply.set(kResultKey, IpmValue::ofData(std::move(data->bytes)));
+    reply.set(kVLMessageKeyResult, IpmValue::ofData(std::move(data->bytes)));
     return IpmValue::ofDictionary(std::move(reply));
   };
 }

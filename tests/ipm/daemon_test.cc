@@ -42,7 +42,7 @@ class Daemon {
   // Waits until the daemon answers on the bus; false after 20 seconds.
   bool waitUntilServing() {
     IpmDictionary ping;
-    ping.set(kMessageTypeKey, IpmValue::ofString("Ping"));
+    ping.set(kVLMessageKeyType, IpmValue::ofString("Ping"));
     for (int i = 0; i < 400; ++i) {
       Error error;
       sendMessage(IpmValue::ofDictionary(ping), std::chrono::seconds(5), &error);
@@ -104,7 +104,7 @@ TEST(DaemonTest, ServesTestCasesAndSuspendsItsRunOnTermination) {
 
   Error error;
   IpmDictionary ping;
-  ping.set(kMessageTypeKey, IpmValue::ofString("Ping"));
+  ping.set(kVLMessageKeyType, IpmValue::ofString("Ping"));
   EXPECT_FALSE(sendMessage(IpmValue::ofDictionary(ping), kNoTimeout, &error));
   EXPECT_EQ(error.localizedDescription(), "the stress service is not running");
 }
@@ -122,8 +122,8 @@ TEST(DaemonTest, AnswersAThousandBrokenRequestsWithoutGrowing) {
   ASSERT_TRUE(daemon.waitUntilServing());
   // Each of these goes the whole way: decoded, handed to a worker, refused by the handler.
   IpmDictionary broken;
-  broken.set(kMessageTypeKey, IpmValue::ofString(kTestCaseRequestType));
-  broken.set(kTestCaseKey, IpmValue::ofData({'b', 'p', 'l', 'i', 's', 't'}));
+  broken.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeTestCaseRequest));
+  broken.set(kVLMessageKeyTestCase, IpmValue::ofData({'b', 'p', 'l', 'i', 's', 't'}));
   auto sendBroken = [&](int count) {
     for (int i = 0; i < count; ++i) {
       Error error;

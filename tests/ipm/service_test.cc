@@ -26,7 +26,7 @@ using std::chrono::seconds;
 constexpr auto kTimeout = std::chrono::duration_cast<std::chrono::microseconds>(seconds(20));
 
 IpmValue request(std::string type, IpmDictionary extra = {}) {
-  extra.set(kMessageTypeKey, IpmValue::ofString(std::move(type)));
+  extra.set(kVLMessageKeyType, IpmValue::ofString(std::move(type)));
   return IpmValue::ofDictionary(std::move(extra));
 }
 
@@ -73,7 +73,7 @@ TEST(ServiceTest, AnswersMessagesEndToEnd) {
   ASSERT_TRUE(reply) << error.description();
   const IpmDictionary& d = *reply->asDictionary();
   EXPECT_EQ(*d.find("Echoed")->asBool(), true);
-  EXPECT_EQ(*d.find(kMessageTypeKey)->asString(), "Echo");
+  EXPECT_EQ(*d.find(kVLMessageKeyType)->asString(), "Echo");
   EXPECT_EQ(d.find("Date")->asDate()->nanosecondsSince1970, 1234567890987654321);
   EXPECT_EQ(*d.find("PipeContents")->asString(), "through the bus");
   ASSERT_NE(d.find("Pipe")->asFileHandle(), nullptr) << "a descriptor also travels back";
@@ -94,7 +94,7 @@ TEST(ServiceTest, RunsTestCaseRequestsAndReturnsTheArchivedResult) {
   std::mutex mutex;
   std::vector<std::string> ran;
   auto service =
-      startService({{kTestCaseRequestType, testCaseRequestHandler([&](const auto& object) {
+      startService({{kVLMessageTypeTestCaseRequest, testCaseRequestHandler([&](const auto& object) {
                        std::lock_guard lock(mutex);
                        ran.push_back(object->name().value_or(""));
                        auto result = VLTestCaseResult::withTestCaseObject(object);
@@ -136,7 +136,7 @@ TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
       {{"Echo", echo},
        {"Throws", [](const IpmValue&) -> IpmValue { throw std::runtime_error("boom"); }},
        {"NotADictionary", [](const IpmValue&) { return IpmValue::ofInt64(1); }},
-       {kTestCaseRequestType, testCaseRequestHandler([](const auto&) { return nullptr; })}});
+       {kVLMessageTypeTestCaseRequest, testCaseRequestHandler([](const auto&) { return nullptr; })}});
   ASSERT_TRUE(service);
 
   struct Case {
@@ -152,7 +152,7 @@ TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
       {"handler throws", request("Throws"), kErrorFailed, "The request failed: boom"},
       {"handler replies with no dictionary", request("NotADictionary"), kErrorInvalidMessage,
        "The service's reply does not fit a message: A message must be a dictionary, not int64"},
-      {"no test case", request(kTestCaseRequestType), kErrorFailed,
+      {"no test case", request(kVLMessageTypeTestCaseRequest), kErrorFailed,
        "The request holds no \"TestCase\" data"},
   };
   for (const Case& c : cases) {
@@ -164,15 +164,15 @@ TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
   }
   {
     IpmDictionary garbage;
-    garbage.set(kTestCaseKey, IpmValue::ofData({1, 2, 3}));
+    garbage.set(kVLMessageKeyTestCase, IpmValue::ofData({1, 2, 3}));
     Error error;
-    EXPECT_FALSE(sendMessage(request(kTestCaseRequestType, garbage), kTimeout, &error));
+    EXPECT_FALSE(sendMessage(request(kVLMessageTypeTestCaseRequest, garbage), kTimeout, &error));
     EXPECT_EQ(dbusErrorName(error), kErrorFailed);
     auto object = VLTestCaseObject::make();
     object->setName("Silent");
     IpmDictionary valid;
-    valid.set(kTestCaseKey, IpmValue::ofData(VLConvertObjectToData(Value(object))->bytes));
-    EXPECT_FALSE(sendMessage(request(kTestCaseRequestType, valid), kTimeout, &error));
+    valid.set(kVLMessageKeyTestCase, IpmValue::ofData(VLConvertObjectToData(Value(object))->bytes));
+    EXPECT_FALSE(sendMessage(request(kVLMessageTypeTestCaseRequest, valid), kTimeout, &error));
     EXPECT_EQ(error.localizedDescription(), "Running Silent gave no result");
   }
 

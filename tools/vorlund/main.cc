@@ -66,7 +66,7 @@ int main() {
 
   vl::Error error;
   auto service = vl::ipm::Service::start(
-      {{vl::ipm::kTestCaseRequestType, vl::ipm::testCaseRequestHandler(executeAndRecord)}}, &error);
+      {{kVLMessageTypeTestCaseRequest, vl::ipm::testCaseRequestHandler(executeAndRecord)}}, &error);
   if (!service) {
     VLLog(VLLogLevelFatal, kCategory, "Unable to serve %s: %@", vl::ipm::kServiceName,
           error.localizedDescription());

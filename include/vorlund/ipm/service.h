@@ -10,11 +10,10 @@
 
 #include "vorlund/conversion/ipm_value.h"
 #include "vorlund/foundation/error.h"
+#include "vorlund/results/execution.h"
 
 namespace vl::ipm {
 
-// The key that names a message's type.
-inline constexpr const char* kMessageTypeKey = "MessageType";
 
 class Service {
  public:

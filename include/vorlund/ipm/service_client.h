@@ -9,15 +9,13 @@
 #include "vorlund/catalogue/test_case_object.h"
 #include "vorlund/foundation/error.h"
 #include "vorlund/ipm/service.h"
+#include "vorlund/results/execution.h"
 #include "vorlund/results/test_case_result.h"
 
 namespace vl::ipm {
 
-inline constexpr const char* kTestCaseRequestType = "TestCaseRequest";
-// The request's archived VLTestCaseObject.
-inline constexpr const char* kTestCaseKey = "TestCase";
-// The reply's archived VLTestCaseResult.
-inline constexpr const char* kResultKey = "Result";
+// The request carries the archived VLTestCaseObject under kVLMessageKeyTestCase, the reply the
+// archived VLTestCaseResult under kVLMessageKeyResult (results/execution.h names the message keys).
 
 // Sends object, archived, to the stress service as a "TestCaseRequest" and returns the result the
 // service ran. Waits as long as the test case runs (no time-out of its own); ends early when the
