@@ -76,12 +76,14 @@ struct Service::State {
     [[maybe_unused]] ssize_t n = ::write(wake.get(), &one, sizeof one);
   }
 
+  // A request is counted before its reply leaves, so that a client holding its reply always finds
+  // it counted.
   void replyError(sd_bus_message* call, const char* name, const std::string& message) {
+    ++answered;
     int r = sd_bus_reply_method_errorf(call, name, "%s", message.c_str());
     if (r < 0) {
       VLLog(VLLogLevelDebug, kCategory, "Unable to send an error reply: %s", errnoText(r).c_str());
     }
-    ++answered;
   }
 
   void reply(sd_bus_message* call, const IpmValue& value) {
@@ -97,11 +99,11 @@ struct Service::State {
       error = ipmError(IpmErrorCode::kTransport, errnoText(r));
     } else if (appendDictionary(message.get(), value, &error)) {
       // A client that left before its reply is no error of the service: the bus drops the reply.
+      ++answered;
       r = sd_bus_send(bus.get(), message.get(), nullptr);
       if (r < 0) {
         VLLog(VLLogLevelDebug, kCategory, "Unable to send a reply: %s", errnoText(r).c_str());
       }
-      ++answered;
       return;
     }
     VLLog(VLLogLevelError, kCategory, "Unable to reply: %s", error.localizedDescription().c_str());

@@ -272,6 +272,11 @@ TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
   { auto unlaunched = VLCreateBashCommand("true"); }
 
   EXPECT_EQ(childProcesses(), std::vector<int>{});
+  // The background waiter of the task started without waiting lets go of it (and its pipes) a
+  // moment after the child exits; give it a bounded time to do so.
+  for (int i = 0; i < 500 && openDescriptorCount() != descriptors; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   EXPECT_EQ(openDescriptorCount(), descriptors);
 }
 
