@@ -58,4 +58,26 @@ start=$(date -d '-90 seconds' +%Y-%m-%d-%H-%M-%S)
 echo "-- a result without its pass/fail is refused, and the run stays as it was:"
 "$ctl" results add --name "WiFi Ping Gateway" --type PassFail || true
 echo
+echo "== The stress service on a private session bus: it takes the run over, runs test cases for"
+echo "   vorlundctl and keeps the results vorlundctl records, then suspends the run when stopped"
+export VORLUND_DAEMON="$top/$build/tools/Vorlund" ctl
+dbus-run-session -- bash -euo pipefail <<'SERVICE'
+"$VORLUND_DAEMON" &
+daemon=$!
+for _ in $(seq 200); do
+  if dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+      org.freedesktop.DBus.NameHasOwner string:com.brindle.Vorlund | grep -q "boolean true"; then
+    break
+  fi
+  sleep 0.05
+done
+echo "Vorlund (pid $daemon) owns com.brindle.Vorlund"
+"$ctl" run "Sample Ping Gateway" --iterations 2
+"$ctl" run "Sample Latency Histogram"
+"$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz
+kill -TERM "$daemon"
+wait "$daemon"
+echo "Vorlund stopped; its run is suspended for the next command or start"
+SERVICE
+echo
 "$ctl" results show

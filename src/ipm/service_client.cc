@@ -17,6 +17,12 @@ std::shared_ptr<VLTestCaseResult> failed(const std::shared_ptr<VLTestCaseObject>
   return nullptr;
 }
 
+// VLExecuteTestCase outside host processes comes here.
+[[maybe_unused]] const bool kServiceExecutorInstalled = [] {
+  vl::setServiceExecutor(executeTestCaseInService);
+  return true;
+}();
+
 }  // namespace
 
 std::shared_ptr<VLTestCaseResult> executeTestCaseInService(

@@ -18,13 +18,6 @@
 #include "vorlund/results/issue_reporting.h"
 #include "vorlund/results/results.h"
 
-// The stress service client of the IPM module, which sits above this one. Bound weakly, so that it
-// is null in a binary built without the transport.
-namespace vl::ipm {
-__attribute__((weak)) std::shared_ptr<VLTestCaseResult> executeTestCaseInService(
-    const std::shared_ptr<VLTestCaseObject>& object, vl::Error* error);
-}  // namespace vl::ipm
-
 namespace vl {
 namespace {
 
@@ -123,9 +116,25 @@ std::shared_ptr<VLTestCaseResult> executeInHostProcess(
   return VLTestCaseResult::asNoOp();
 }
 
+// The installed stress service client; read and written under its mutex because a call may run
+// on any thread.
+std::mutex& serviceExecutorMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+ServiceExecutor& installedServiceExecutor() {
+  static ServiceExecutor* executor = new ServiceExecutor();  // outlives static destructors
+  return *executor;
+}
+
 std::shared_ptr<VLTestCaseResult> executeInService(
     const std::shared_ptr<VLTestCaseObject>& testCase, Error* error) {
-  if (!ipm::executeTestCaseInService) {
+  ServiceExecutor executor;
+  {
+    std::lock_guard lock(serviceExecutorMutex());
+    executor = installedServiceExecutor();
+  }
+  if (!executor) {
     Error failure = Error::withDescription(
         kExecutionErrorDomain, 1, "the stress service cannot be reached from this program");
     VLLog(VLLogLevelError, "Framework", "Unable to execute %@ in the stress service: %@",
@@ -135,7 +144,7 @@ std::shared_ptr<VLTestCaseResult> executeInService(
   }
   // The client logs its own failures.
   Error failure;
-  std::shared_ptr<VLTestCaseResult> result = ipm::executeTestCaseInService(testCase, &failure);
+  std::shared_ptr<VLTestCaseResult> result = executor(testCase, &failure);
   if (!result) setError(error, std::move(failure));
   return result;
 }
@@ -152,6 +161,11 @@ void deliverToWaitingObject(const std::shared_ptr<VLTestCaseClass>& object,
 }
 
 }  // namespace
+
+void setServiceExecutor(ServiceExecutor executor) {
+  std::lock_guard lock(serviceExecutorMutex());
+  installedServiceExecutor() = std::move(executor);
+}
 
 bool isTestHostProcess() {
   const std::string name = process::name();

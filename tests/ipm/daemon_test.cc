@@ -1,70 +1,30 @@
 // The stress service program, run for real on the test's private bus.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
+#include <thread>
 
+#include "support/daemon.h"
 #include "support/test_support.h"
 #include "vorlund/foundation/time_scale.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/client.h"
+#include "vorlund/ipm/results_service.h"
 #include "vorlund/ipm/service.h"
 #include "vorlund/ipm/service_client.h"
 #include "vorlund/results/results.h"
-
-extern char** environ;
+#include "vorlund/results/run_lock.h"
 
 namespace vl::ipm {
 namespace {
 
 #ifdef VORLUND_DAEMON_PATH
 
-// The daemon as a child process; killed and reaped if the test ends before it does.
-class Daemon {
+class Daemon : public test::Daemon {
  public:
-  Daemon() {
-    char* argv[] = {const_cast<char*>(VORLUND_DAEMON_PATH), nullptr};
-    if (posix_spawn(&pid_, VORLUND_DAEMON_PATH, nullptr, nullptr, argv, environ) != 0) pid_ = -1;
-  }
-  ~Daemon() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
-
-  // Waits until the daemon answers on the bus; false after 20 seconds.
-  bool waitUntilServing() {
-    IpmDictionary ping;
-    ping.set(kVLMessageKeyType, IpmValue::ofString("Ping"));
-    for (int i = 0; i < 400; ++i) {
-      Error error;
-      sendMessage(IpmValue::ofDictionary(ping), std::chrono::seconds(5), &error);
-      if (error.code != static_cast<int64_t>(IpmErrorCode::kNotRunning)) {
-        return error.localizedDescription() == "Unsupported message type \"Ping\"";
-      }
-      vl::time::sleepFor(0.05);
-    }
-    return false;
-  }
-
-  // Sends signal and returns the exit status, or -1 when the daemon did not exit normally.
-  int stop(int signal) {
-    kill(pid_, signal);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
+  Daemon() : test::Daemon(VORLUND_DAEMON_PATH) {}
 };
 
 TEST(DaemonTest, ServesTestCasesAndSuspendsItsRunOnTermination) {
@@ -107,6 +67,109 @@ TEST(DaemonTest, ServesTestCasesAndSuspendsItsRunOnTermination) {
   ping.set(kVLMessageKeyType, IpmValue::ofString("Ping"));
   EXPECT_FALSE(sendMessage(IpmValue::ofDictionary(ping), kNoTimeout, &error));
   EXPECT_EQ(error.localizedDescription(), "the stress service is not running");
+}
+
+std::shared_ptr<VLTestCaseResult> finishedResult(const std::string& name, bool passed) {
+  auto result = VLTestCaseResult::withName(name);
+  result->setType(std::string(kVLTestCaseResultTypePassFail));
+  if (passed) {
+    result->pass();
+  } else {
+    result->failWithReason("Radio off");
+  }
+  result->setStartTime(Date::now());
+  result->setEndTime(Date::now());
+  return result;
+}
+
+const Dictionary* testCaseIn(const Dictionary& summary, const std::string& name) {
+  const Array* cases = summary.get("TestCases").asArray();
+  for (size_t i = 0; cases && i < cases->size(); ++i) {
+    const Dictionary* d = (*cases)[i].asDictionary();
+    if (d && d->get("Name") == Value(name)) return d;
+  }
+  return nullptr;
+}
+
+TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
+  test::Sandbox sandbox;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.waitUntilServing());
+
+  Error error;
+  ASSERT_TRUE(addResultToServiceRun(finishedResult("Attach", true), &error)) << error.description();
+  ASSERT_TRUE(addResultToServiceRun(finishedResult("Attach", false), &error)) << error.description();
+  auto issue = VLIssue::make();
+  issue->setProcess("wpa_supplicant");
+  issue->setReason("SIGSEGV");
+  issue->setType("Crash");
+  // (Issues carry whole seconds; one dated in the run's first second would be "in the past".)
+  issue->setTime(Date{Date::now().secondsSince1970 + 2});
+  issue->setInstances(1);
+  ASSERT_TRUE(addIssueToServiceRun(issue, &error)) << error.description();
+
+  // Refused input names the reason and leaves the run as it was.
+  auto unfinished = VLTestCaseResult::withName("Attach");  // neither passed nor failed
+  unfinished->setType(std::string(kVLTestCaseResultTypePassFail));
+  unfinished->setStartTime(Date::now());
+  unfinished->setEndTime(Date::now());
+  ASSERT_TRUE(unfinished->validationFailure());
+  EXPECT_FALSE(addResultToServiceRun(unfinished, &error));
+  EXPECT_EQ(error.code, static_cast<int64_t>(IpmErrorCode::kRemote));
+  EXPECT_EQ(error.localizedDescription(), *unfinished->validationFailure());
+  auto incomplete = VLIssue::make();
+  EXPECT_FALSE(addIssueToServiceRun(incomplete, &error));
+  EXPECT_EQ(error.code, static_cast<int64_t>(IpmErrorCode::kRemote));
+  IpmDictionary unknown;
+  unknown.set(kVLMessageKeyType, IpmValue::ofString(kResultsRequestMessageType));
+  unknown.set(kResultsKeyAction, IpmValue::ofString("Rewind"));
+  EXPECT_FALSE(sendMessage(IpmValue::ofDictionary(unknown), kNoTimeout, &error));
+  EXPECT_EQ(error.localizedDescription(), "Unknown results action \"Rewind\"");
+
+  std::optional<Dictionary> summary = serviceRunSummary(&error);
+  ASSERT_TRUE(summary) << error.description();
+  const Dictionary* attach = testCaseIn(*summary, "Attach");
+  ASSERT_NE(attach, nullptr) << summary->description();
+  EXPECT_EQ(attach->get("Instances"), Value(2));
+  EXPECT_EQ(attach->get("FailureRate"), Value(0.5));
+  ASSERT_EQ(summary->get("Issues").asArray()->size(), 1u);
+  EXPECT_EQ((*summary->get("Issues").asArray())[0].asDictionary()->get("Process"),
+            Value("wpa_supplicant"));
+
+  // A reset leaves the run in its results file and starts a new one in the service.
+  std::optional<std::string> saved = resetServiceRun(&error);
+  ASSERT_TRUE(saved) << error.description();
+  EXPECT_TRUE(test::fileExists(*saved));
+  EXPECT_NE(test::readFile(*saved).find("wpa_supplicant"), std::string::npos);
+  summary = serviceRunSummary(&error);
+  ASSERT_TRUE(summary) << error.description();
+  EXPECT_TRUE(summary->get("TestCases").asArray()->empty());
+  EXPECT_TRUE(summary->get("Issues").asArray()->empty());
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
+}
+
+TEST(DaemonTest, IsTheRunsOnlyWriterWhileItServes) {
+  test::Sandbox sandbox;
+  {
+    // A front end that is writing the run holds the service back until it is done.
+    std::unique_ptr<RunLock> frontEnd = RunLock::take(true);
+    ASSERT_TRUE(frontEnd);
+    Daemon daemon;
+    // Long enough for a daemon that did not wait to be on the bus.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    Error error;
+    EXPECT_FALSE(serviceRunSummary(&error));
+    EXPECT_EQ(error.localizedDescription(), "the stress service is not running");
+    frontEnd.reset();
+    ASSERT_TRUE(daemon.waitUntilServing());
+
+    // Then it holds the lock as long as it serves.
+    Error lockError;
+    EXPECT_FALSE(RunLock::take(false, &lockError));
+    EXPECT_TRUE(lockError.domain.empty()) << lockError.description();
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+  }
+  EXPECT_TRUE(RunLock::take(false));
 }
 
 // Resident memory of a process in kB, from /proc; -1 when unknown.

@@ -3,9 +3,13 @@
 
 #include <filesystem>
 
+#include <signal.h>
+
 #include "support/child_process.h"
+#include "support/daemon.h"
 #include "support/test_support.h"
 #include "vorlund/foundation/json.h"
+#include "vorlund/results/results.h"
 
 namespace vl {
 namespace {
@@ -96,12 +100,55 @@ TEST_F(VorlundctlRunTest, UnknownTestCaseOrMissingServiceIsOneClearLine) {
   EXPECT_EQ(unknown.exitStatus, 1);
   EXPECT_NE(unknown.err.find("offers a test case named 'No Such Test'"), std::string::npos) << unknown.err;
 
-  // Without --local the test case goes to the stress service, which no bus offers here.
+  // Without --local the test case goes to the stress service: here the bus is up, the service not.
+  auto notRunning = ctl({"run", "Sample Ping Gateway"});
+  EXPECT_EQ(notRunning.exitStatus, 1);
+  EXPECT_EQ(notRunning.err.substr(notRunning.err.find("vorlundctl: ")),
+            "vorlundctl: the stress service is not running\n");
+
+  // And here there is no bus at all.
   test::ScopedEnv bus("VORLUND_BUS", "session");
   test::ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + sandbox_.path("no-bus"));
-  auto remote = ctl({"run", "Sample Ping Gateway"});
-  EXPECT_EQ(remote.exitStatus, 1);
-  EXPECT_NE(remote.err.find("vorlundctl: "), std::string::npos) << remote.err;
+  auto noBus = ctl({"run", "Sample Ping Gateway"});
+  EXPECT_EQ(noBus.exitStatus, 1);
+  EXPECT_NE(noBus.err.find("vorlundctl: Unable to connect to the session bus: "), std::string::npos)
+      << noBus.err;
+}
+
+// The service runs the bundle's test cases and keeps the run; the results commands go to it, and
+// its suspended run is the one the files hold afterwards.
+TEST_F(VorlundctlRunTest, WhileTheServiceRunsItKeepsTheOneRun) {
+  {
+    test::Daemon daemon(VORLUND_DAEMON_PATH);
+    ASSERT_TRUE(daemon.waitUntilServing());
+
+    auto pinged = ctl({"run", "Sample Ping Gateway", "--iterations", "2"});
+    ASSERT_EQ(pinged.exitStatus, 0) << pinged.err;
+    EXPECT_NE(pinged.out.find("[2/2] Sample Ping Gateway passed"), std::string::npos) << pinged.out;
+    auto failed = ctl({"run", "Sample Failure", "--option", "Reason=Radio off"});
+    EXPECT_EQ(failed.exitStatus, 1);
+    EXPECT_NE(failed.out.find("failed: Radio off"), std::string::npos) << failed.out;
+    auto local = ctl({"run", "Sample Throughput", "--local", "--option", "Megabits=120"});
+    ASSERT_EQ(local.exitStatus, 0) << local.err;
+    auto added = ctl({"results", "add", "--name", "Manual check", "--type", "PassFail", "--pass"});
+    ASSERT_EQ(added.exitStatus, 0) << added.err;
+    auto refused = ctl({"results", "add", "--name", "Manual check", "--type", "PassFail"});
+    EXPECT_EQ(refused.exitStatus, 1);
+
+    ASSERT_NE(statistic("Sample Ping Gateway"), nullptr) << run_.description();
+    EXPECT_EQ(statistic("Sample Ping Gateway")->get("Instances"), Value(2));
+    ASSERT_NE(statistic("Sample Failure"), nullptr);
+    ASSERT_NE(statistic("Sample Throughput"), nullptr) << "--local results join the service's run";
+    ASSERT_NE(statistic("Manual check"), nullptr);
+    EXPECT_EQ(statistic("Manual check")->get("Instances"), Value(1));
+    EXPECT_FALSE(VLResults::hasResumeData()) << "a command wrote the run's files beside the service";
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+  }
+  // Without the service the commands read the run it suspended.
+  const Dictionary* ping = statistic("Sample Ping Gateway");
+  ASSERT_NE(ping, nullptr) << run_.description();
+  EXPECT_EQ(ping->get("Instances"), Value(2));
+  ASSERT_NE(statistic("Manual check"), nullptr);
 }
 
 }  // namespace

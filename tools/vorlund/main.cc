@@ -1,7 +1,8 @@
 // Vorlund, the stress service: owns "com.brindle.Vorlund" on the bus and runs the test cases that
 // other processes send it, adding each result to the run this process keeps (its currentResults,
-// carried on from the resume data when the last instance was suspended). SIGTERM and SIGINT
-// suspend the run and end the process.
+// carried on from the resume data when the last instance was suspended). While it serves, it is the
+// one writer of its user's run: it holds the run lock, and front ends add their results and issues
+// through its "ResultsRequest" messages. SIGTERM and SIGINT suspend the run and end the process.
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -13,11 +14,13 @@
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/ipm/bus.h"
+#include "vorlund/ipm/results_service.h"
 #include "vorlund/ipm/service.h"
 #include "vorlund/ipm/service_client.h"
 #include "vorlund/logging/log.h"
 #include "vorlund/results/execution.h"
 #include "vorlund/results/results.h"
+#include "vorlund/results/run_lock.h"
 
 namespace {
 
@@ -59,14 +62,25 @@ int main() {
     return 1;
   }
 
+  // Taken before the run is resumed and the name is owned: a front end that is writing the run in
+  // its files finishes first, and none starts writing once this process serves the run.
+  vl::Error error;
+  std::unique_ptr<vl::RunLock> runLock = vl::RunLock::take(true, &error);
+  if (!runLock) {
+    VLLog(VLLogLevelFatal, kCategory, "%@", error.localizedDescription());
+    close(signalFd);
+    return 1;
+  }
+
   // Created now, so that a suspended run is resumed before the first request arrives.
   std::shared_ptr<VLResults> results = VLResults::currentResults();
   VLLog(VLLogLevelInfo, kCategory, "Vorlund started (%s run)",
         results->resumed() ? "resumed" : "new");
 
-  vl::Error error;
   auto service = vl::ipm::Service::start(
-      {{kVLMessageTypeTestCaseRequest, vl::ipm::testCaseRequestHandler(executeAndRecord)}}, &error);
+      {{kVLMessageTypeTestCaseRequest, vl::ipm::testCaseRequestHandler(executeAndRecord)},
+       {vl::ipm::kResultsRequestMessageType, vl::ipm::resultsRequestHandler()}},
+      &error);
   if (!service) {
     VLLog(VLLogLevelFatal, kCategory, "Unable to serve %s: %@", vl::ipm::kServiceName,
           error.localizedDescription());

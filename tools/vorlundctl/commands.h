@@ -15,20 +15,6 @@ struct UsageFailure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Holds this user's run lock (a flock on ~/Library/Caches/vorlund_results.lock) for its lifetime.
-// Every command that reads or changes the file-backed run takes it, so concurrent commands
-// serialise and lose nothing.
-class RunLock {
- public:
-  RunLock();
-  ~RunLock();
-  RunLock(const RunLock&) = delete;
-  RunLock& operator=(const RunLock&) = delete;
-
- private:
-  int fd_ = -1;
-};
-
 void addDecodeCommand(CLI::App& app);
 void addListCommand(CLI::App& app);
 void addRunCommand(CLI::App& app);

@@ -1,49 +1,19 @@
 // vorlundctl results: records results and issues in the current run of this user and shows it.
-//
-// Without a running service the run lives in its files: each command takes the run lock, resumes
-// the run from its resume data (or starts one), makes its change, and suspends the run again, so
-// that consecutive commands build one run and concurrent ones serialise and lose nothing. Input is
-// checked before the run is touched: an invalid result or issue is refused with the system's reason
-// and the run is left as it was.
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
-#include <cerrno>
+// The run is the stress service's while it runs, else the one in this user's files (user_run.h).
+// Input is checked before the run is touched: an invalid result or issue is refused with the
+// system's reason and the run is left as it was.
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 
 #include "commands.h"
+#include "user_run.h"
 #include "vorlund/foundation/date_string.h"
-#include "vorlund/foundation/format.h"
 #include "vorlund/foundation/json.h"
-#include "vorlund/foundation/paths.h"
 #include "vorlund/results/issue.h"
-#include "vorlund/results/results.h"
 #include "vorlund/results/test_case_result.h"
 #include "vorlund/results/test_case_statistic.h"
 
 namespace vorlundctl {
-
-namespace {
-constexpr const char* kRunLockPath = "~/Library/Caches/vorlund_results.lock";
-}  // namespace
-
-RunLock::RunLock() {
-  std::string path = vl::paths::expandTilde(kRunLockPath);
-  vl::paths::createDirectories(vl::paths::deletingLastComponent(path));
-  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd_ < 0) throw UsageFailure("cannot open the run lock " + path + ": " + std::strerror(errno));
-  while (::flock(fd_, LOCK_EX) != 0) {
-    if (errno != EINTR) {
-      ::close(fd_);
-      throw UsageFailure(std::string("cannot lock the run: ") + std::strerror(errno));
-    }
-  }
-}
-
-RunLock::~RunLock() { ::close(fd_); }  // closing releases the lock
 
 namespace {
 
@@ -106,34 +76,19 @@ std::shared_ptr<VLTestCaseResult> buildResult(const AddOptions& o) {
   return result;
 }
 
-vl::Dictionary statisticSummary(const VLTestCaseStatistic& s) {
-  vl::Dictionary d{{"Name", s.name()}, {"Type", s.type() ? vl::Value(*s.type()) : vl::Value()},
-                   {"Instances", s.instances()}, {"FailureRate", s.failureRate()},
-                   {"Failures", s.failures()}};
-  if (s.type() == std::optional<std::string>(kVLTestCaseResultTypeAverage)) d.set("Metrics", s.metrics());
-  else if (s.isHistogram()) d.set("Buckets", s.metrics());
-  return d;
-}
-
-void printRun(VLResults& run, bool asJson) {
-  vl::Array statistics;
-  vl::Dictionary all = run.testCaseStatistics();
-  for (const vl::Value& value : all.values()) {
-    if (auto statistic = value.record<VLTestCaseStatistic>()) statistics.push_back(statisticSummary(*statistic));
-  }
-  vl::Array issues;
-  for (const auto& issue : run.issueList()) issues.push_back(issue->getDictionaryRepresentation());
+void printRun(const vl::Dictionary& run, bool asJson) {
   if (asJson) {
-    vl::Dictionary d{{"TestCases", statistics}, {"Issues", issues}, {"RunTime", run.runtime()},
-                     {"QI", run.QI()}, {"EstimatedQI", run.estimatedQI()},
-                     {"ResultsFile", run.getResultsFilePath()}, {"Timeline", run.timelinePath()}};
-    std::printf("%s\n", vl::json::displayString(d).c_str());
+    std::printf("%s\n", vl::json::displayString(run).c_str());
     return;
   }
+  const vl::Array* statistics = run.get("TestCases").asArray();
+  const vl::Array* issues = run.get("Issues").asArray();
   std::printf("Run started %s, run time %.0f s, QI %.2f, estimated QI %.2f\n",
-              vl::dateString(run.startTime()).c_str(), run.runtime(), run.QI(), run.estimatedQI());
-  std::printf("\nTest cases (%zu)\n", statistics.size());
-  for (const vl::Value& v : statistics) {
+              run.get("StartTime").stringOr("-").c_str(), run.get("RunTime").doubleOr(0),
+              run.get("QI").doubleOr(0), run.get("EstimatedQI").doubleOr(0));
+  std::printf("\nTest cases (%zu)\n", statistics ? statistics->size() : 0);
+  for (size_t n = 0; statistics && n < statistics->size(); ++n) {
+    const vl::Value& v = (*statistics)[n];
     const vl::Dictionary& s = *v.asDictionary();
     std::printf("  %-32s %-20s instances %-6lld failure rate %.2f\n", s.get("Name").stringOr("").c_str(),
                 s.get("Type").stringOr("-").c_str(), static_cast<long long>(s.get("Instances").int64Or(0)),
@@ -162,14 +117,17 @@ void printRun(VLResults& run, bool asJson) {
       }
     }
   }
-  std::printf("\nIssues (%zu)\n", issues.size());
-  for (const auto& issue : run.issueList()) {
-    std::printf("  %-8s %-24s %s (x%llu)\n", issue->type().value_or("-").c_str(),
-                issue->process().value_or("-").c_str(), issue->reason().value_or("").c_str(),
-                static_cast<unsigned long long>(issue->instances()));
+  std::printf("\nIssues (%zu)\n", issues ? issues->size() : 0);
+  for (size_t n = 0; issues && n < issues->size(); ++n) {
+    const vl::Dictionary* issue = (*issues)[n].asDictionary();
+    if (!issue) continue;
+    std::printf("  %-8s %-24s %s (x%lld)\n", issue->get(kVLIssueKeyType).stringOr("-").c_str(),
+                issue->get(kVLIssueKeyProcess).stringOr("-").c_str(),
+                issue->get(kVLIssueKeyReason).stringOr("").c_str(),
+                static_cast<long long>(issue->get(kVLIssueKeyInstances).int64Or(0)));
   }
-  std::printf("\nResults file: %s\nTimeline:     %s\n", run.getResultsFilePath().c_str(),
-              run.timelinePath().c_str());
+  std::printf("\nResults file: %s\nTimeline:     %s\n", run.get("ResultsFile").stringOr("").c_str(),
+              run.get("Timeline").stringOr("").c_str());
 }
 
 }  // namespace
@@ -190,10 +148,7 @@ void addResultsCommand(CLI::App& app) {
   addCommand->add_option("--end", add.end, "End time, yyyy-MM-dd-HH-mm-ss (default now)");
   setAction(addCommand, [] {
     auto result = buildResult(add);
-    RunLock lock;
-    auto run = VLResults::currentResults();
-    run->addTestCaseResult(result, true);
-    run->suspend();
+    addResultToUserRun(result);
     std::printf("%s %s\n", add.name.c_str(), result->didPass() ? "passed" : (result->didFail() ? "failed" : "recorded"));
     return 0;
   });
@@ -216,10 +171,7 @@ void addResultsCommand(CLI::App& app) {
     } catch (const VLException& e) {
       throw UsageFailure(e.reason());
     }
-    RunLock lock;
-    auto run = VLResults::currentResults();
-    run->addIssue(issue);
-    run->suspend();
+    addIssueToUserRun(issue);
     std::printf("issue recorded: %s %s\n", issueType.c_str(), issueProcess.c_str());
     return 0;
   });
@@ -228,22 +180,13 @@ void addResultsCommand(CLI::App& app) {
   auto* showCommand = results->add_subcommand("show", "Show the run's statistics, issues and quality figures");
   showCommand->add_flag("--json", showJson, "Print as JSON");
   setAction(showCommand, [] {
-    RunLock lock;
-    auto run = VLResults::currentResults();
-    run->updateRuntime();
-    printRun(*run, showJson);
-    run->suspend();
+    printRun(userRunSummary(), showJson);
     return 0;
   });
 
   auto* resetCommand = results->add_subcommand("reset", "Save the current run and start a new one");
   setAction(resetCommand, [] {
-    RunLock lock;
-    auto run = VLResults::currentResults();
-    run->saveToDisk();
-    std::string saved = run->getResultsFilePath();
-    // The resume data was consumed when the run was resumed; without it the next command starts
-    // a new run.
+    std::string saved = resetUserRun();
     std::printf("saved %s; the next result starts a new run\n", saved.c_str());
     return 0;
   });

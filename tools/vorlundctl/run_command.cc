@@ -3,18 +3,19 @@
 // `run` builds the test case from its bundle's declaration and the preferences (or from an ad hoc
 // JSON dictionary), lays the command's --option values over its options, and runs it N times:
 // through the stress service, or in this process with --local. Each result is one line; a summary
-// closes the run, and the exit status is 1 when any result failed. Results of --local runs join the
-// file-backed run of `vorlundctl results`; the service adds the results it runs to its own run.
+// closes the run, and the exit status is 1 when any result failed. Results of --local runs join this
+// user's run (user_run.h), as those of `vorlundctl results` do; the service adds the results it runs
+// to its own run.
 #include <chrono>
 #include <cstdio>
 
 #include "commands.h"
+#include "user_run.h"
 #include "vorlund/catalogue/lookup.h"
 #include "vorlund/catalogue/test_bundle.h"
 #include "vorlund/foundation/json.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/results/execution.h"
-#include "vorlund/results/results.h"
 #include "vorlund/results/test_case_result.h"
 
 namespace vorlundctl {
@@ -115,10 +116,7 @@ void addRunCommand(CLI::App& app) {
       std::shared_ptr<VLTestCaseResult> result;
       if (o.local) {
         result = vl::executeTestCaseInProcess(testCase);
-        RunLock lock;
-        auto run = VLResults::currentResults();
-        run->addTestCaseResult(result, true);
-        run->suspend();
+        addResultToUserRun(result);
       } else {
         vl::Error error;
         result = VLExecuteTestCase(testCase, &error);

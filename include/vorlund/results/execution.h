@@ -5,10 +5,11 @@
 //
 // This lives in the results module, not the catalogue, because it makes and records results
 // (VLTestCaseResult, VLResults). The call to the stress service goes up to the IPM transport
-// through one function, vl::ipm::executeTestCaseInService, bound weakly: a binary built without the
-// transport links, and its remote calls fail with an error instead.
+// through one installed function (setServiceExecutor below), which the transport installs when it
+// is linked in; without it, remote calls fail with an error.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,6 +38,14 @@ inline constexpr const char* kVLManagerCommandResultNotificationPrefix =
 namespace vl {
 // True when the current process (vl::process::name()) is one of kVLHostProcessNames.
 bool isTestHostProcess();
+
+// Runs a test case in the stress service: returns its result, or nullptr with *error set (never
+// null) when the exchange fails. The client logs its own failures.
+using ServiceExecutor = std::function<std::shared_ptr<VLTestCaseResult>(
+    const std::shared_ptr<VLTestCaseObject>& testCase, Error* error)>;
+// Installs (or, with an empty function, removes) the executor VLExecuteTestCase uses outside host
+// processes. The IPM transport installs its client when it is linked in.
+void setServiceExecutor(ServiceExecutor executor);
 }  // namespace vl
 
 // Runs the test case and returns its result.
