@@ -2,14 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
 #include "catalogue/value_printers.h"
+#include "support/child_process.h"
 #include "support/test_support.h"
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/test_case_class.h"
@@ -332,21 +331,12 @@ constexpr const char* kChildGate = "VORLUND_OVERRIDES_CHILD";
 
 void expectChildPasses(const std::string& test) {
   vl::test::ScopedEnv gate(kChildGate, "1");
-  std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-  std::string command = "'" + self +
-                        "' --gtest_also_run_disabled_tests --gtest_filter=OptionOverridesChild." +
-                        test + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string output;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-  int status = pclose(pipe);
-  ASSERT_TRUE(WIFEXITED(status)) << output;
-  EXPECT_EQ(WEXITSTATUS(status), 0) << output;
-  EXPECT_THAT(output, HasSubstr("[  PASSED  ] 1 test.")) << output;
-  EXPECT_THAT(output, ::testing::Not(HasSubstr("SKIPPED"))) << output;
+  vl::test::ChildResult child = vl::test::runChild(
+      {std::filesystem::read_symlink("/proc/self/exe").string(), "--gtest_also_run_disabled_tests",
+       "--gtest_filter=OptionOverridesChild." + test});
+  EXPECT_EQ(child.exitStatus, 0) << child.out << child.err;
+  EXPECT_THAT(child.out, HasSubstr("[  PASSED  ] 1 test.")) << child.out;
+  EXPECT_THAT(child.out, ::testing::Not(HasSubstr("SKIPPED"))) << child.out;
 }
 
 class OptionOverridesChild : public ::testing::Test {

@@ -1,21 +1,21 @@
 // Keyed archives exchanged with another implementation: samples written by
-// tests/testdata/archives/make_archives.py in a foreign archiver's layout, and our own archives read
-// back by Python's plistlib in a child process.
+// tests/testdata/archives/make_archives.py in a foreign archiver's layout, and our own archives
+// read back by Python's plistlib in a child process.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <string>
 
 #include "conversion/sample_record.h"
+#include "support/child_process.h"
 #include "support/test_support.h"
 #include "vorlund/conversion/keyed_archive.h"
 
 namespace vl {
 namespace {
 
-using test::SampleRecord;
 using test::sampleClasses;
+using test::SampleRecord;
 
 std::string sample(const std::string& name) {
   return test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/archives/" + name);
@@ -74,18 +74,6 @@ TEST(ArchiveInteropTest, RefusesForeignClassesOutsideTheAllowedSet) {
   EXPECT_EQ(error.code, kKeyedArchiveReadCorruptError);
   EXPECT_NE(error.localizedDescription().find("'WLRemoteCommand'"), std::string::npos)
       << error.description();
-}
-
-// Runs python3 on script with file as its argument; returns its output and exit status.
-std::pair<std::string, int> runPython(const std::string& script, const std::string& file) {
-  std::string command = "python3 " + script + " " + file + " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return {"popen failed", -1};
-  std::string output;
-  char buffer[512];
-  while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
-  int status = ::pclose(pipe);
-  return {output, status};
 }
 
 constexpr const char* kReader = R"PY(
@@ -152,10 +140,9 @@ TEST(ArchiveInteropTest, PythonReadsOurArchivesInTheStandardLayout) {
   ASSERT_TRUE(bytes) << error.description();
   test::TempDir dir;
   test::writeFile(dir.file("ours.archive"), *bytes);
-  test::writeFile(dir.file("reader.py"), kReader);
-  auto [output, status] = runPython(dir.file("reader.py"), dir.file("ours.archive"));
-  EXPECT_EQ(status, 0) << output;
-  EXPECT_EQ(output, "layout ok\n");
+  test::ChildResult python = test::runChild({"python3", "-c", kReader, dir.file("ours.archive")});
+  EXPECT_EQ(python.exitStatus, 0) << python.err;
+  EXPECT_EQ(python.out, "layout ok\n");
 }
 
 }  // namespace

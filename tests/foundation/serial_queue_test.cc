@@ -3,60 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "foundation/recorder.h"
 #include "vorlund/foundation/background.h"
 #include "vorlund/foundation/time_scale.h"
 
 namespace vl {
 namespace {
 
-// Records values from any thread; waits (up to a generous bound) for a number of them.
-class Recorder {
- public:
-  void add(int v) {
-    std::lock_guard lock(mutex_);
-    values_.push_back(v);
-    changed_.notify_all();
-  }
-  bool waitFor(size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20),
-                             [&] { return values_.size() >= count; });
-  }
-  std::vector<int> values() {
-    std::lock_guard lock(mutex_);
-    return values_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<int> values_;
-};
-
-// A gate that work waits at until the test opens it.
-class Gate {
- public:
-  void open() {
-    std::lock_guard lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
+using test::Gate;
+using test::Recorder;
 
 TEST(SerialQueueTest, RunsItemsOneAtATimeInSubmissionOrder) {
   SerialQueue queue("com.brindle.Vorlund.test");

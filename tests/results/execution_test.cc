@@ -89,13 +89,6 @@ bool hasIssue(const std::shared_ptr<VLResults>& results, const std::string& reas
   return false;
 }
 
-bool hasLineStartingWith(const LogCapture& capture, VLLogLevel level, const std::string& prefix) {
-  for (const CapturedLine& line : capture.lines()) {
-    if (line.level == level && line.message.rfind(prefix, 0) == 0) return true;
-  }
-  return false;
-}
-
 class ExecutionTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -152,9 +145,11 @@ TEST_F(ExecutionTest, TestCasesThatCannotRunGiveNoOpResultsAndIssues) {
   auto wrongType = VLExecuteTestCase(Value("Probe Pass"));
   ASSERT_TRUE(wrongType);
   EXPECT_TRUE(wrongType->isNoOp());
-  EXPECT_TRUE(
-      hasLineStartingWith(capture, VLLogLevelError,
-                          "Recevied a test case object that was of the wrong type (NSString)..."));
+  EXPECT_EQ(test::linesStartingWith(
+                capture, VLLogLevelError, "Default",
+                "Recevied a test case object that was of the wrong type (NSString)...")
+                .size(),
+            1u);
 
   auto nowhere = VLExecuteTestCase(testCase("Probe Nowhere", "noSuchSelector"));
   ASSERT_TRUE(nowhere);
@@ -192,14 +187,30 @@ TEST_F(ExecutionTest, AThrowingOrSilentTestMethodGivesAFailedResult) {
   EXPECT_EQ(silent->getFailureReason(), "giveNothing: returned no result");
 }
 
-TEST_F(ExecutionTest, OutsideTheHostProcessesNothingRunsLocally) {
+TEST_F(ExecutionTest, OutsideTheHostProcessesTheServiceExecutorRunsIt) {
   process::ScopedName client("vorlundctl");
   EXPECT_FALSE(isTestHostProcess());
   Error error;
   // This binary carries no stress service client, so the exchange fails with an error.
   EXPECT_EQ(VLExecuteTestCase(testCase("Probe Pass", "runProbe"), &error), nullptr);
-  EXPECT_FALSE(error.domain.empty());
-  EXPECT_TRUE(ExecutionProbe::takeCalls().empty());
+  EXPECT_EQ(error.localizedDescription(), "the stress service cannot be reached from this program");
+
+  // An installed executor gets the test case as it is and its answer, result or error, is the
+  // caller's.
+  std::vector<std::string> sent;
+  auto remote = VLTestCaseResult::withName("Probe Pass");
+  setServiceExecutor([&](const std::shared_ptr<VLTestCaseObject>& object, Error* failure) {
+    sent.push_back(object->name().value_or(""));
+    if (sent.size() == 1) return remote;
+    *failure = Error::withDescription("test", 7, "the service went away");
+    return std::shared_ptr<VLTestCaseResult>();
+  });
+  EXPECT_EQ(VLExecuteTestCase(testCase("Probe Pass", "runProbe"), &error), remote);
+  EXPECT_EQ(VLExecuteTestCase(testCase("Probe Pass", "runProbe"), &error), nullptr);
+  EXPECT_EQ(error.localizedDescription(), "the service went away");
+  setServiceExecutor({});
+  EXPECT_EQ(sent, (std::vector<std::string>{"Probe Pass", "Probe Pass"}));
+  EXPECT_TRUE(ExecutionProbe::takeCalls().empty()) << "nothing ran in this process";
 }
 
 // Routing of incoming messages.

@@ -3,7 +3,6 @@
 // bad resume data, restoring from a results file, and writes that fail or are killed midway.
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <cmath>
@@ -11,11 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
 
 #include "catalogue/value_printers.h"
 #include "results/run_sandbox.h"
-#include "support/child_process.h"
 #include "vorlund/conversion/keyed_archive.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/foundation/date_string.h"
@@ -45,17 +42,10 @@ const std::vector<std::string> kResumeKeys{
     "StressSubtype", "Config"};
 // clang-format on
 
+using vl::test::issue;
+using vl::test::linesStartingWith;
 using vl::test::result;
-
-std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
-                               const char* type, const VLResults& results) {
-  auto i = VLIssue::make();
-  i->setReason(reason);
-  i->setProcess(process);
-  i->setType(std::string(type));
-  i->setTime(vl::Date{results.startTime().secondsSince1970 + 5});
-  return i;
-}
+using vl::test::sqliteTool;
 
 // A run with results of three kinds, a wireless crash, a failure and a City in its settings.
 void fillRun(VLResults& results) {
@@ -67,43 +57,12 @@ void fillRun(VLResults& results) {
   auto average = result("Throughput", true, kVLTestCaseResultTypeAverage);
   average->addMetric(Value(42.5), std::string("Mbps"));
   results.addTestCaseResult(average, false);
-  results.addIssue(issue("uwbd crashed", "uwbd", "Crash", results));
-  results.addIssue(issue("Scan stalled", "Vorlund", "Failure", results));
+  results.addIssue(issue("uwbd crashed", "uwbd", "Crash", 5, results));
+  results.addIssue(issue("Scan stalled", "Vorlund", "Failure", 5, results));
 }
 
 std::string resultsFolder(const vl::test::RunSandbox& run) {
   return run.device().home() + "/Library/Logs/Vorlund/Results";
-}
-
-// Reads the Config table of a timeline into a dictionary of texts.
-std::map<std::string, std::string> configTable(const std::string& path) {
-  std::map<std::string, std::string> rows;
-  sqlite3* db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-  sqlite3_stmt* statement = nullptr;
-  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT key, value FROM Config", -1, &statement, nullptr),
-            SQLITE_OK);
-  while (statement && sqlite3_step(statement) == SQLITE_ROW) {
-    auto text = [&](int column) {
-      const unsigned char* t = sqlite3_column_text(statement, column);
-      return t ? std::string(reinterpret_cast<const char*>(t)) : std::string();
-    };
-    rows[text(0)] = text(1);
-  }
-  sqlite3_finalize(statement);
-  sqlite3_close(db);
-  return rows;
-}
-
-std::vector<std::string> capturedMessagesStartingWith(const vl::LogCapture& capture,
-                                                      VLLogLevel level, const std::string& category,
-                                                      const std::string& prefix) {
-  std::vector<std::string> messages;
-  for (const auto& line : capture.lines()) {
-    if (line.level == level && line.category == category && line.message.starts_with(prefix))
-      messages.push_back(line.message);
-  }
-  return messages;
 }
 
 // Dates in XML property lists keep whole seconds.
@@ -220,19 +179,21 @@ TEST(ResultsFileTest, EachSaveRewritesTheTimelineConfigTable) {
   results->setConfig("Nightly");
   ASSERT_TRUE(results->saveToDisk());
 
-  auto rows = configTable(results->timelinePath());
-  EXPECT_EQ(rows["StressType"], "wifi");
-  EXPECT_EQ(rows["WirelessTechnology"], "WiFi");
-  EXPECT_EQ(rows["Config"], "Nightly");
-  EXPECT_EQ(rows["City"], "Cupertino");
-  EXPECT_EQ(rows["CampedRAT"], "");
-  EXPECT_TRUE(rows.count("RunTime"));
-  EXPECT_FALSE(rows.count("MTBF"));
-  EXPECT_FALSE(rows.count("Issues"));
+  const std::string timeline = results->timelinePath();
+  EXPECT_EQ(
+      sqliteTool(timeline,
+                 "SELECT DISTINCT key, value FROM Config WHERE key IN ('StressType', "
+                 "'WirelessTechnology', 'Config', 'City', 'CampedRAT') ORDER BY key"),
+      "CampedRAT|\nCity|Cupertino\nConfig|Nightly\nStressType|wifi\nWirelessTechnology|WiFi\n");
+  EXPECT_EQ(
+      sqliteTool(timeline,
+                 "SELECT DISTINCT key FROM Config WHERE key IN ('RunTime', 'MTBF', 'Issues')"),
+      "RunTime\n");
 
   results->setConfig("Weekend");
   ASSERT_TRUE(results->saveToDisk());
-  EXPECT_EQ(configTable(results->timelinePath())["Config"], "Weekend");
+  EXPECT_EQ(sqliteTool(timeline, "SELECT DISTINCT value FROM Config WHERE key = 'Config'"),
+            "Weekend\n");
 }
 
 TEST(ResultsFileTest, AnUnwritablePathIsLoggedAndReturnsFalse) {
@@ -245,8 +206,8 @@ TEST(ResultsFileTest, AnUnwritablePathIsLoggedAndReturnsFalse) {
 
   EXPECT_FALSE(results->saveToFile(path));
 
-  auto lines = capturedMessagesStartingWith(capture, VLLogLevelError, "Results",
-                                            "Failed to write out plist @ " + path + "\n Data:\n {");
+  auto lines = linesStartingWith(capture, VLLogLevelError, "Results",
+                                 "Failed to write out plist @ " + path + "\n Data:\n {");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("StressType = wifi;"), std::string::npos) << lines[0];
 }
@@ -336,7 +297,7 @@ TEST(ResumeDataTest, ASuspendedRunResumesWhereItStopped) {
 TEST(ResumeDataTest, BadResumeDataGivesAFreshRunWithTheSystemsLines) {
   vl::test::RunSandbox run;
   auto original = run.results();
-  original->addIssue(issue("Scan stalled", "Vorlund", "Failure", *original));
+  original->addIssue(issue("Scan stalled", "Vorlund", "Failure", 5, *original));
   ASSERT_TRUE(original->suspend());
   const std::string resumePath = VLResults::resumeDataPath();
   const std::string good = vl::test::readFile(resumePath);
@@ -380,8 +341,7 @@ TEST(ResumeDataTest, BadResumeDataGivesAFreshRunWithTheSystemsLines) {
     EXPECT_FALSE(fresh->resumed());
     EXPECT_TRUE(fresh->issueList().empty());
     EXPECT_NE(fresh->startTime(), original->startTime());
-    auto errors =
-        capturedMessagesStartingWith(capture, VLLogLevelError, "Framework", c.errorLinePrefix);
+    auto errors = linesStartingWith(capture, VLLogLevelError, "Framework", c.errorLinePrefix);
     EXPECT_EQ(errors.size(), 1u);
     if (c.errorLinePrefix == exception || !c.bytes) {
       ASSERT_EQ(errors.size(), 1u);
@@ -522,8 +482,8 @@ TEST(ResultsFileChild, DISABLED_WriteUnderFileSizeLimit) {
     results->setTestSettings(bigSettings());
     results->setHistory(bigHistory());
     EXPECT_FALSE(results->saveToFile(target));
-    EXPECT_EQ(capturedMessagesStartingWith(capture, VLLogLevelError, "Results",
-                                           std::string("Failed to write out plist @ ") + target)
+    EXPECT_EQ(linesStartingWith(capture, VLLogLevelError, "Results",
+                                std::string("Failed to write out plist @ ") + target)
                   .size(),
               1u);
     EXPECT_FALSE(results->suspend());
@@ -541,44 +501,32 @@ TEST(ResultsFileChild, DISABLED_WriteUnderFileSizeLimit) {
   }
 }
 
-TEST(ResultsFileTest, AFailingWriteLeavesThePreviousFilesWhole) {
+TEST(ResultsFileTest, AFailingOrKilledWriteLeavesThePreviousFilesWhole) {
   vl::test::RunSandbox run;
   auto results = run.results();
-  results->addIssue(issue("Scan stalled", "Vorlund", "Failure", *results));
-  const std::string target = run.device().path("results.plist");
-  ASSERT_TRUE(results->saveToFile(target));
-  ASSERT_TRUE(results->suspend());
-  const std::string savedResults = vl::test::readFile(target);
-  const std::string savedResume = vl::test::readFile(VLResults::resumeDataPath());
-
-  vl::test::ChildResult child = runWriteChild("fail", target);
-
-  EXPECT_EQ(child.exitStatus, 0) << child.out << child.err;
-  EXPECT_NE(child.out.find("[  PASSED  ] 1 test."), std::string::npos) << child.out;
-  EXPECT_EQ(child.out.find("[  SKIPPED ]"), std::string::npos) << child.out;
-  EXPECT_EQ(vl::test::readFile(target), savedResults);
-  EXPECT_EQ(vl::test::readFile(VLResults::resumeDataPath()), savedResume);
-  EXPECT_TRUE(leftoversBeside(target).empty());
-  EXPECT_TRUE(leftoversBeside(VLResults::resumeDataPath()).empty());
-  auto resumed = VLResults::withResumeData();
-  EXPECT_TRUE(resumed->resumed());
-  ASSERT_EQ(resumed->issueList().size(), 1u);
-}
-
-TEST(ResultsFileTest, AWriterKilledMidWriteLeavesThePreviousFilesWhole) {
-  vl::test::RunSandbox run;
-  auto results = run.results();
-  results->addIssue(issue("Scan stalled", "Vorlund", "Failure", *results));
+  results->addIssue(issue("Scan stalled", "Vorlund", "Failure", 5, *results));
   const std::string target = run.device().path("results.plist");
   ASSERT_TRUE(results->saveToFile(target));
   ASSERT_TRUE(results->suspend());
   const std::string savedResults = vl::test::readFile(target);
   const std::string resumePath = VLResults::resumeDataPath();
   const std::string savedResume = vl::test::readFile(resumePath);
+  auto expectPreviousFilesWhole = [&] {
+    EXPECT_EQ(vl::test::readFile(target), savedResults);
+    EXPECT_EQ(vl::test::readFile(resumePath), savedResume);
+  };
+
+  vl::test::ChildResult failed = runWriteChild("fail", target);
+  EXPECT_EQ(failed.exitStatus, 0) << failed.out << failed.err;
+  EXPECT_NE(failed.out.find("[  PASSED  ] 1 test."), std::string::npos) << failed.out;
+  EXPECT_EQ(failed.out.find("[  SKIPPED ]"), std::string::npos) << failed.out;
+  expectPreviousFilesWhole();
+  EXPECT_TRUE(leftoversBeside(target).empty());
+  EXPECT_TRUE(leftoversBeside(resumePath).empty());
 
   vl::test::ChildResult killedSaving = runWriteChild("kill-save", target);
   EXPECT_EQ(killedSaving.exitStatus, 128 + SIGXFSZ) << killedSaving.out << killedSaving.err;
-  EXPECT_EQ(vl::test::readFile(target), savedResults);
+  expectPreviousFilesWhole();
   // The half-written temporary file shows that the kill came in the middle of the write.
   auto leftovers = leftoversBeside(target);
   ASSERT_EQ(leftovers.size(), 1u);
@@ -587,7 +535,7 @@ TEST(ResultsFileTest, AWriterKilledMidWriteLeavesThePreviousFilesWhole) {
   vl::test::ChildResult killedSuspending = runWriteChild("kill-suspend", target);
   EXPECT_EQ(killedSuspending.exitStatus, 128 + SIGXFSZ)
       << killedSuspending.out << killedSuspending.err;
-  EXPECT_EQ(vl::test::readFile(resumePath), savedResume);
+  expectPreviousFilesWhole();
   EXPECT_EQ(leftoversBeside(resumePath).size(), 1u);
   auto resumed = VLResults::withResumeData();
   EXPECT_TRUE(resumed->resumed());

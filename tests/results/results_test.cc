@@ -1,7 +1,6 @@
 #include "vorlund/results/results.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <atomic>
 #include <cmath>
@@ -23,34 +22,6 @@ namespace {
 
 using vl::Dictionary;
 using vl::Value;
-
-// Reads the run's timeline with the plain SQLite API.
-class TimelineReader {
- public:
-  explicit TimelineReader(const std::string& path) {
-    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-  }
-  ~TimelineReader() { sqlite3_close(db_); }
-  // The first column of every row, as text.
-  std::vector<std::string> column(const std::string& sql) {
-    std::vector<std::string> values;
-    sqlite3_stmt* statement = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
-    while (statement && sqlite3_step(statement) == SQLITE_ROW) {
-      const unsigned char* text = sqlite3_column_text(statement, 0);
-      values.push_back(text ? reinterpret_cast<const char*>(text) : "");
-    }
-    sqlite3_finalize(statement);
-    return values;
-  }
-  int64_t count(const std::string& sql) {
-    auto values = column(sql);
-    return values.empty() ? -1 : std::stoll(values[0]);
-  }
-
- private:
-  sqlite3* db_ = nullptr;
-};
 
 class FlakyTestClass : public VLTestCaseClass {
  public:
@@ -98,18 +69,9 @@ class CaptureScope {
   std::shared_ptr<CountingArchiver> archiver_;
 };
 
+using vl::test::issue;
 using vl::test::result;
-
-std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
-                               const char* type, double secondsAfterStart,
-                               const VLResults& results) {
-  auto i = VLIssue::make();
-  i->setReason(reason);
-  i->setProcess(process);
-  i->setType(std::string(type));
-  i->setTime(vl::Date{results.startTime().secondsSince1970 + secondsAfterStart});
-  return i;
-}
+using vl::test::sqliteTool;
 
 // Counts the result notifications posted while it lives.
 class NotificationCounter {
@@ -129,17 +91,11 @@ class NotificationCounter {
 };
 
 TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
-  vl::test::Sandbox device;
   vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
-  vl::test::writeFile(device.root() + "/etc/os-release",
+  vl::test::RunSandbox run(Dictionary{
+      {"StressType", "wifi"}, {"StressSubtype", "sanity"}, {"Config", "Lab"}, {"City", "Oslo"}});
+  vl::test::writeFile(run.device().root() + "/etc/os-release",
                       "NAME=Debian\nPRETTY_NAME=\"Debian GNU/Linux 12\"\nVERSION_ID=\"12\"\n");
-  std::string settings = VLGetTestSettingsFilePath();
-  std::filesystem::create_directories(std::filesystem::path(settings).parent_path());
-  vl::plist::writeFile(Value(Dictionary{{"StressType", "wifi"},
-                                        {"StressSubtype", "sanity"},
-                                        {"Config", "Lab"},
-                                        {"City", "Oslo"}}),
-                       settings);
   auto results = VLResults::make();
   EXPECT_EQ(results->testType(), "wifi");
   EXPECT_EQ(results->testSubtype(), "sanity");
@@ -152,7 +108,7 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
   EXPECT_FALSE(results->resumed());
 
   // Without a serial number the file names go from the stress type straight to the date.
-  std::string folder = device.home() + "/Library/Logs/Vorlund/Results";
+  std::string folder = run.device().home() + "/Library/Logs/Vorlund/Results";
   std::string date = vl::dateString(results->startTime());
   EXPECT_EQ(results->plistPath(), folder + "/VorlundResults_wifi_" + date + ".plist");
   EXPECT_EQ(results->timelinePath(), folder + "/VorlundTimeline_wifi_" + date + ".db");
@@ -160,7 +116,6 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
   EXPECT_EQ(results->getResultsFilePathForName("Name", "txt", false), folder + "/Name_wifi.txt");
 
   vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "SN42");
-  EXPECT_EQ(results->getResultsFilePath(), folder + "/VorlundResults_wifi_SN42_" + date + ".plist");
   EXPECT_EQ(VLResults::make()->hardwareInfo().get("SerialNumber"), Value("SN42"));
 }
 
@@ -196,11 +151,9 @@ TEST(ResultsTest, AddedResultsMergeIntoStatisticsAndBecomeTimelineRows) {
   EXPECT_EQ(results->statisticForName("Ping")->instances(), 3u);
   EXPECT_EQ(results->iterations(), 2);
 
-  TimelineReader timeline(results->timelinePath());
-  EXPECT_EQ(timeline.column("SELECT test_case_iteration FROM TestCases ORDER BY id"),
-            (std::vector<std::string>{"1", "1", "2"}));
-  EXPECT_EQ(timeline.column("SELECT bucket FROM TestCases ORDER BY id"),
-            (std::vector<std::string>{"None", "None", "timeout"}));
+  EXPECT_EQ(sqliteTool(results->timelinePath(),
+                       "SELECT test_case_iteration, bucket FROM TestCases ORDER BY id"),
+            "1|None\n1|None\n2|timeout\n");
 }
 
 TEST(ResultsTest, InvalidNoOpAndMissedResultsAreNotAdded) {
@@ -348,7 +301,7 @@ TEST(ResultsTest, ASlowAddFilesAFailureIssue) {
   EXPECT_EQ(issues[0]->process(), "Vorlund");
   size_t runtimeLines = 0;
   for (const auto& line : capture.lines()) {
-    runtimeLines += line.message.rfind("Runtime of adding result was 0.0", 0) == 0;
+    runtimeLines += line.message.starts_with("Runtime of adding result was 0.0");
   }
   EXPECT_EQ(runtimeLines, 1u);
 
@@ -406,11 +359,9 @@ TEST(ResultsTest, IssuesAreCleanedDeduplicatedAndMerged) {
   EXPECT_EQ(issues[1]->reason(), "merged");
 
   // Two rows (a merge writes none), each with the run's history as JSON.
-  TimelineReader timeline(results->timelinePath());
-  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM Issues"), 2);
-  std::vector<std::string> history = timeline.column("SELECT history FROM Issues ORDER BY id");
-  ASSERT_EQ(history.size(), 2u);
-  auto parsed = vl::json::parse(history[0]);
+  EXPECT_EQ(sqliteTool(results->timelinePath(), "SELECT COUNT(*) FROM Issues"), "2\n");
+  auto parsed = vl::json::parse(
+      sqliteTool(results->timelinePath(), "SELECT history FROM Issues ORDER BY id LIMIT 1"));
   ASSERT_TRUE(parsed && parsed->asArray());
   ASSERT_EQ(parsed->asArray()->size(), 1u);
   EXPECT_EQ((*parsed->asArray())[0].asDictionary()->get("Name"), Value("Before"));
@@ -565,17 +516,15 @@ TEST(ResultsTest, EightThreadsAddingAtOnceLoseNothing) {
   ASSERT_EQ(issues.size(), 1u);
   EXPECT_EQ(issues[0]->instances(), uint64_t{kThreads * kIssuesPerThread});
 
-  TimelineReader timeline(results->timelinePath());
-  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM TestCases"), kThreads * kResultsPerThread * 3);
-  EXPECT_EQ(timeline.count("SELECT COUNT(DISTINCT uuid) FROM TestCases"),
-            kThreads * kResultsPerThread);
-  EXPECT_EQ(timeline.count("SELECT COUNT(DISTINCT test_case_iteration) FROM TestCases"),
-            kThreads * kResultsPerThread);
-  // The rows of one result are consecutive.
-  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM (SELECT uuid FROM TestCases GROUP BY uuid "
-                           "HAVING MAX(id) - MIN(id) != 2)"),
-            0);
-  EXPECT_EQ(timeline.count("SELECT COUNT(*) FROM Issues"), kThreads * kIssuesPerThread);
+  // Three rows per result, consecutive; one iteration per result.
+  EXPECT_EQ(
+      sqliteTool(results->timelinePath(),
+                 "SELECT COUNT(*), COUNT(DISTINCT uuid), COUNT(DISTINCT test_case_iteration), "
+                 "(SELECT COUNT(*) FROM (SELECT uuid FROM TestCases GROUP BY uuid "
+                 "HAVING MAX(id) - MIN(id) != 2)), (SELECT COUNT(*) FROM Issues) "
+                 "FROM TestCases"),
+      vl::format("%d|%d|%d|0|%d\n", kThreads * kResultsPerThread * 3, kThreads * kResultsPerThread,
+                 kThreads * kResultsPerThread, kThreads * kIssuesPerThread));
 }
 
 }  // namespace

@@ -1,16 +1,24 @@
 // A sandboxed stress run for the results tests: a temporary device (HOME and VORLUND_ROOT), the
-// preferences written there, and a fresh shared results aggregate that is dropped afterwards.
+// preferences written there, and a fresh shared results aggregate that is dropped afterwards; and
+// the small helpers the results tests share (results, issues, an outside SQLite reader, log lines).
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
+#include "support/child_process.h"
 #include "support/test_support.h"
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/foundation/value.h"
 #include "vorlund/catalogue/test_case_object.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/results/issue.h"
 #include "vorlund/results/results.h"
 #include "vorlund/results/test_case_result.h"
 
@@ -63,6 +71,37 @@ inline std::shared_ptr<VLTestCaseResult> result(const std::string& name, bool pa
   }
   r->setEndTime(std::nullopt);
   return r;
+}
+
+// An issue of a run, dated secondsAfterStart after the run's start.
+inline std::shared_ptr<VLIssue> issue(const std::string& reason, const std::string& process,
+                                      const char* type, double secondsAfterStart,
+                                      const VLResults& run) {
+  auto i = VLIssue::make();
+  i->setReason(reason);
+  i->setProcess(process);
+  i->setType(std::string(type));
+  i->setTime(Date{run.startTime().secondsSince1970 + secondsAfterStart});
+  return i;
+}
+
+// What the sqlite3 command-line tool, an outside reader, prints for a query: "a|b\n" per row.
+inline std::string sqliteTool(const std::string& path, const std::string& sql) {
+  ChildResult child = runChild({"sqlite3", path, sql});
+  EXPECT_EQ(child.exitStatus, 0) << child.err;
+  return child.out;
+}
+
+// The messages of the captured lines of this level and category that start with prefix.
+inline std::vector<std::string> linesStartingWith(const LogCapture& capture, VLLogLevel level,
+                                                  const std::string& category,
+                                                  const std::string& prefix) {
+  std::vector<std::string> messages;
+  for (const CapturedLine& line : capture.lines()) {
+    if (line.level == level && line.category == category && line.message.starts_with(prefix))
+      messages.push_back(line.message);
+  }
+  return messages;
 }
 
 }  // namespace vl::test

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "support/child_process.h"
+#include "results/run_sandbox.h"
 #include "support/test_support.h"
 #include "vorlund/results/sqlite/database.h"
 #include "vorlund/results/sqlite/statement_cache.h"
@@ -19,13 +19,7 @@ using vl::sqlite::ResultSet;
 using vl::sqlite::StepResult;
 using vl::sqlite::Transaction;
 using vl::sqlite::TransactionMode;
-
-// What the sqlite3 command-line tool, an outside reader, prints for a query.
-std::string sqliteTool(const std::string& path, const std::string& sql) {
-  auto child = vl::test::runChild({"sqlite3", path, sql});
-  EXPECT_EQ(child.exitStatus, 0) << child.err;
-  return child.out;
-}
+using vl::test::sqliteTool;
 
 int64_t count(Database& db, const std::string& table) {
   auto rows = db.executeQuery("SELECT count(*) AS n FROM " + table);

@@ -82,74 +82,52 @@ double number(const Dictionary& dictionary, const std::string& key) {
   return dictionary.get(key).doubleOr(NAN);
 }
 
-TEST(TestCaseStatisticTest, FreshStatistic) {
-  auto statistic = VLTestCaseStatistic::make();
-  EXPECT_EQ(statistic->name(), "Unknown Name");
-  EXPECT_EQ(statistic->instances(), 0u);
-  EXPECT_EQ(statistic->failureRate(), 0.0);
-  EXPECT_EQ(statistic->consecutiveFailures(), 0u);
-  EXPECT_FALSE(statistic->type().has_value());
-  EXPECT_TRUE(statistic->metrics().empty());
-  EXPECT_TRUE(statistic->tags().empty());
-  EXPECT_TRUE(statistic->failures().empty());
-  EXPECT_FALSE(statistic->isHistogram());
-}
-
 struct MadeCase {
   const char* label;
   std::shared_ptr<VLTestCaseResult> result;
-  uint64_t instances;
-  double failureRate;
-  uint64_t consecutiveFailures;
+  bool failed;  // a failure rate of 1 and one consecutive failure
   Dictionary failures;
   Dictionary metrics;
 };
 
 TEST(TestCaseStatisticTest, MadeFromResult) {
+  auto ping = [](const char* type, Outcome outcome, const std::string& bucket = "",
+                 const Dictionary& metrics = {}) {
+    return makeResult("Ping", type, outcome, bucket, metrics);
+  };
   const Dictionary latency{{"Latency", 12.5}, {"Label", "fast"}, {"Count", int64_t{3}}};
+  const Dictionary figures{{"Max", 12.5}, {"Min", 12.5}, {"Mean", 12.5}, {"StdDeviation", 0}};
+  const Dictionary count{{"Max", 3}, {"Min", 3}, {"Mean", 3}, {"StdDeviation", 0}};
   const std::vector<MadeCase> cases = {
-      {"passing PassFail", makeResult("Ping", "PassFail", Outcome::Pass), 1, 0.0, 0, {}, {}},
+      {"passing PassFail", ping("PassFail", Outcome::Pass), false, {}, {}},
       {"failing PassFail",
-       makeResult("Ping", "PassFail", Outcome::Fail, "Timeout"),
-       1,
-       1.0,
-       1,
+       ping("PassFail", Outcome::Fail, "Timeout"),
+       true,
        {{"Timeout", 1.0}},
        {}},
       {"pass/fail unset counts as failed",
-       makeResult("Ping", "PassFail", Outcome::Unset, "Odd"),
-       1,
-       1.0,
-       1,
+       ping("PassFail", Outcome::Unset, "Odd"),
+       true,
        {{"Odd", 1.0}},
        {}},
       {"passing Average keeps number metrics only",
-       makeResult("Ping", "Average", Outcome::Pass, "", latency),
-       1,
-       0.0,
-       0,
+       ping("Average", Outcome::Pass, "", latency),
+       false,
        {},
-       {{"Latency", Dictionary{{"Max", 12.5}, {"Min", 12.5}, {"Mean", 12.5}, {"StdDeviation", 0}}},
-        {"Count", Dictionary{{"Max", 3}, {"Min", 3}, {"Mean", 3}, {"StdDeviation", 0}}}}},
+       {{"Latency", figures}, {"Count", count}}},
       {"failing Average has no metrics",
-       makeResult("Ping", "Average", Outcome::Fail, "Lost", latency),
-       1,
-       1.0,
-       1,
+       ping("Average", Outcome::Fail, "Lost", latency),
+       true,
        {{"Lost", 1.0}},
        {}},
       {"instance histogram counts its bucket",
-       makeResult("Ping", "HistogramByInstance", Outcome::Unset, "Slow"),
-       1,
-       0.0,
-       0,
+       ping("HistogramByInstance", Outcome::Unset, "Slow"),
+       false,
        {},
        {{"Slow", 1}}},
       {"failing instance histogram is still a histogram",
-       makeResult("Ping", "HistogramByInstance", Outcome::Fail, "Slow"),
-       1,
-       0.0,
-       0,
+       ping("HistogramByInstance", Outcome::Fail, "Slow"),
+       false,
        {},
        {{"Slow", 1}}},
   };
@@ -158,9 +136,9 @@ TEST(TestCaseStatisticTest, MadeFromResult) {
     auto statistic = statisticOf(c.result);
     EXPECT_EQ(statistic->name(), "Ping");
     EXPECT_EQ(statistic->type(), c.result->type());
-    EXPECT_EQ(statistic->instances(), c.instances);
-    EXPECT_EQ(statistic->failureRate(), c.failureRate);
-    EXPECT_EQ(statistic->consecutiveFailures(), c.consecutiveFailures);
+    EXPECT_EQ(statistic->instances(), 1u);
+    EXPECT_EQ(statistic->failureRate(), c.failed ? 1.0 : 0.0);
+    EXPECT_EQ(statistic->consecutiveFailures(), c.failed ? 1u : 0u);
     EXPECT_EQ(statistic->failures(), c.failures);
     EXPECT_EQ(statistic->metrics(), c.metrics);
     EXPECT_EQ(statistic->metrics().keys(), c.metrics.keys());
@@ -329,33 +307,11 @@ TEST(TestCaseStatisticTest, AveragePoolsMeanAndDeviationOverPassingInstances) {
   }
 }
 
-TEST(TestCaseStatisticTest, AverageFromResultsMatchesPopulationFigures) {
-  // Merging one result at a time gives the population mean and deviation of all values.
-  const std::vector<double> values = {12, 15, 9, 20, 14};
-  std::shared_ptr<VLTestCaseStatistic> held;
-  for (double v : values) {
-    auto next = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", {{"ms", v}}));
-    if (!held) {
-      held = next;
-    } else {
-      ASSERT_EQ(held->mergeWithStatistic(*next), 0);
-    }
-  }
-  // Mean 14; squared deviations 4 + 1 + 25 + 36 + 0 = 66; population variance 13.2.
-  EXPECT_EQ(held->instances(), 5u);
-  EXPECT_NEAR(figure(*held, "ms", "Mean"), 14.0, 1e-12);
-  EXPECT_NEAR(figure(*held, "ms", "StdDeviation"), std::sqrt(13.2), 1e-12);
-  EXPECT_EQ(figure(*held, "ms", "Min"), 9.0);
-  EXPECT_EQ(figure(*held, "ms", "Max"), 20.0);
-}
-
 TEST(TestCaseStatisticTest, FailedAverageSkipsTheMetricCheck) {
   const Dictionary latency{{"Latency", 10.0}};
   // A held passing statistic takes a failed one: its figures stay.
   auto held = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", latency));
   auto failed = statisticOf(makeResult("Rtt", "Average", Outcome::Fail, "Lost", latency));
-  EXPECT_EQ(failed->failureRate(), 1.0);
-  EXPECT_TRUE(failed->metrics().empty());
   ASSERT_EQ(held->mergeWithStatistic(*failed), kVLTestCaseStatisticMergeSucceeded);
   EXPECT_EQ(held->instances(), 2u);
   EXPECT_DOUBLE_EQ(held->failureRate(), 0.5);
@@ -444,18 +400,6 @@ TEST(TestCaseStatisticTest, TwoSigmaCheck) {
   EXPECT_THAT(held->metricsOutsideTwoSigma(*failed), IsEmpty());
 }
 
-TEST(TestCaseStatisticTest, TwoSigmaAfterMergingTheNewValue) {
-  // 60 passing values of 10 and a new 30: the merged band already holds the new value.
-  auto held = makeStatistic("Rtt", "Average", 60, 0.0, {}, {{"Latency", {10, 0, 10, 10}}});
-  auto next = statisticOf(makeResult("Rtt", "Average", Outcome::Pass, "", {{"Latency", 30.0}}));
-  ASSERT_EQ(held->mergeWithStatistic(*next), 0);
-  // Mean 630 / 61, deviation sqrt(60 * 400) / 61: 30 is above mean + 2 deviations (about 15.4).
-  EXPECT_DOUBLE_EQ(figure(*held, "Latency", "Mean"), 630.0 / 61.0);
-  EXPECT_NEAR(figure(*held, "Latency", "StdDeviation"), std::sqrt(60.0 * 400.0) / 61.0, 1e-12);
-  EXPECT_THAT(held->metricsOutsideTwoSigma(*next),
-              ElementsAre("Rtt : Latency | Metric outside 2 sigma"));
-}
-
 // The allowed classes of a file that holds statistics.
 vl::ClassSet statisticClasses() {
   vl::ClassSet classes = VLValidExternalClassesForCoding();
@@ -476,7 +420,7 @@ std::shared_ptr<VLTestCaseStatistic> mergedAverage() {
   return statistic;
 }
 
-TEST(TestCaseStatisticTest, KeyedArchiveRoundTrip) {
+TEST(TestCaseStatisticTest, KeyedArchiveRoundTripsOnlyWhereStatisticsAreAllowed) {
   auto statistic = mergedAverage();
   statistic->setConsecutiveFailures(4);
   vl::Error error;
@@ -487,14 +431,8 @@ TEST(TestCaseStatisticTest, KeyedArchiveRoundTrip) {
   auto copy = decoded->record<VLTestCaseStatistic>();
   ASSERT_NE(copy, nullptr);
   EXPECT_TRUE(copy->isEqual(*statistic));
-  EXPECT_EQ(copy->name(), "Throughput");
-  EXPECT_EQ(copy->type(), "Average");
-  EXPECT_EQ(copy->instances(), 3u);
-  EXPECT_DOUBLE_EQ(copy->failureRate(), 1.0 / 3.0);
+  EXPECT_EQ(copy->getDictionaryRepresentation(), statistic->getDictionaryRepresentation());
   EXPECT_EQ(copy->tags(), (Dictionary{{"band", "2.4GHz"}}));
-  EXPECT_EQ(copy->failures(), (Dictionary{{"Stalled", 1.0}}));
-  EXPECT_DOUBLE_EQ(figure(*copy, "Mbps", "Mean"), 90.0);
-  EXPECT_DOUBLE_EQ(figure(*copy, "Mbps", "StdDeviation"), 10.0);
   EXPECT_EQ(copy->consecutiveFailures(), 0u);
 
   // Inside a collection, as a results file keeps them.
@@ -503,12 +441,7 @@ TEST(TestCaseStatisticTest, KeyedArchiveRoundTrip) {
   decoded = vl::unarchive(*bytes, statisticClasses(), &error);
   ASSERT_TRUE(decoded) << error.description();
   EXPECT_EQ(*decoded, Value(Dictionary{{"Throughput", statistic}}));
-}
 
-TEST(TestCaseStatisticTest, SecureDecodingRefusesWhatIsNotAllowed) {
-  vl::Error error;
-  std::optional<std::string> bytes = vl::archive(Value(mergedAverage()), &error);
-  ASSERT_TRUE(bytes);
   // Not among the classes that cross a process boundary unless the reader allows it.
   EXPECT_FALSE(vl::unarchive(*bytes, VLValidExternalClassesForCoding(), &error));
   EXPECT_EQ(error.code, vl::kKeyedArchiveReadCorruptError);
@@ -556,17 +489,13 @@ TEST(TestCaseStatisticTest, DecodingChecksClassesOfEveryKey) {
     ASSERT_TRUE(bytes) << error.description();
     std::optional<Value> decoded = vl::unarchive(*bytes, statisticClasses(), &error);
     EXPECT_EQ(decoded.has_value(), c.decodes) << error.description();
-    if (decoded && c.decodes) {
-      EXPECT_NE(decoded->record<VLTestCaseStatistic>(), nullptr);
-    }
+    if (!decoded || !c.decodes) continue;
+    // Keys that are absent keep their defaults.
+    auto statistic = decoded->record<VLTestCaseStatistic>();
+    ASSERT_NE(statistic, nullptr);
+    EXPECT_EQ(statistic->instances(), 0u);
+    EXPECT_FALSE(statistic->type().has_value());
   }
-  std::optional<std::string> bytes =
-      vl::archive(Value(std::make_shared<ForgedStatistic>(Dictionary{{"Name", "Solo"}})));
-  ASSERT_TRUE(bytes);
-  auto solo = vl::unarchive(*bytes, statisticClasses())->record<VLTestCaseStatistic>();
-  ASSERT_NE(solo, nullptr);
-  EXPECT_EQ(solo->instances(), 0u);
-  EXPECT_FALSE(solo->type().has_value());
 }
 
 TEST(TestCaseStatisticTest, DictionaryForm) {

@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <map>
 #include <set>
 #include <thread>
 
-#include "support/child_process.h"
+#include "results/run_sandbox.h"
 #include "support/test_support.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/process.h"
@@ -39,11 +37,7 @@ constexpr const char* kConfigTable =
 const Date kStart{1767225600.0};  // 2026-01-01 00:00:00 UTC
 const Date kEnd{1767225690.0};
 
-std::string sqliteTool(const std::string& path, const std::string& sql) {
-  auto child = vl::test::runChild({"sqlite3", path, sql});
-  EXPECT_EQ(child.exitStatus, 0) << child.err;
-  return child.out;
-}
+using vl::test::sqliteTool;
 
 // Every row of a query, as dictionaries, read through a connection of its own.
 std::vector<Dictionary> rows(const std::string& path, const std::string& sql) {
@@ -87,19 +81,10 @@ TEST_F(TimelineTest, CreatesTheThreeTablesWithTheExactStatements) {
   EXPECT_TRUE(timeline_.isInitialized());
   EXPECT_TRUE(timeline_.verifyDBTables());
 
-  EXPECT_EQ(sqliteTool(path_, "SELECT name FROM sqlite_master WHERE type='table' ORDER BY rowid"),
-            "TestCases\nIssues\nConfig\n");
-  auto tables = rows(path_, "SELECT name, sql FROM sqlite_master WHERE type='table'");
-  std::map<std::string, std::string> sql;
-  for (const auto& table : tables)
-    sql[table.get("name").stringOr("")] = table.get("sql").stringOr("");
-  EXPECT_EQ(sql["TestCases"], kTestCasesTable);
-  EXPECT_EQ(sql["Issues"], kIssuesTable);
-  EXPECT_EQ(sql["Config"], kConfigTable);
-  EXPECT_EQ(vl::timelineCreateConfigStatement(), kConfigTable);
-  // The same as an outside reader sees it.
+  // The statements as an outside reader sees them, in the order of creation.
   EXPECT_EQ(sqliteTool(path_, "SELECT sql FROM sqlite_master WHERE type='table' ORDER BY rowid"),
             std::string(kTestCasesTable) + "\n" + kIssuesTable + "\n" + kConfigTable + "\n");
+  EXPECT_EQ(vl::timelineCreateConfigStatement(), kConfigTable);
 
   EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
                                "Database object is <VLSQLiteDatabase: " + path_ + " (closed)>"));
@@ -252,11 +237,10 @@ TEST_F(TimelineTest, AHistoryThatIsTooLongOrNotJsonIsStoredEmpty) {
   // A history that JSON cannot hold.
   ASSERT_TRUE(timeline_.saveIssueToDatabase(*makeIssue("nan", "p", time),
                                             Array{Dictionary{{"Value", std::nan("")}}}));
-  auto cannot = capture.lines();
-  EXPECT_TRUE(std::any_of(cannot.begin(), cannot.end(), [](const vl::CapturedLine& line) {
-    return line.level == VLLogLevelError &&
-           line.message.rfind("Can not generate JSON from results array. ", 0) == 0;
-  }));
+  EXPECT_EQ(vl::test::linesStartingWith(capture, VLLogLevelError, "Results",
+                                        "Can not generate JSON from results array. ")
+                .size(),
+            1u);
   EXPECT_EQ(sqliteTool(path_, "SELECT reason, length(history) FROM Issues ORDER BY id"),
             "exact|1000000\nlong|0\nwide|1000000\nbinary|0\nnan|0\n");
 }
