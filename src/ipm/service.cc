@@ -55,6 +55,7 @@ const sd_bus_vtable kVtable[] = {
 // only; workers see plain IPM values and hand their replies back through `completed`.
 struct Service::State {
   std::map<std::string, Handler> handlers;
+  DisconnectHandler onDisconnect;
   ScopedBus bus;
   ScopedSlot slot;
   ScopedFd wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
@@ -224,6 +225,7 @@ struct Service::State {
     drainCompleted();
     pending.clear();
     sd_bus_flush(bus.get());
+    if (!stopping && onDisconnect) onDisconnect();
   }
 };
 
@@ -240,8 +242,14 @@ Service::Service(std::unique_ptr<State> state) : state_(std::move(state)) {}
 Service::~Service() { stop(); }
 
 std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers, Error* error) {
+  return start(std::move(handlers), nullptr, error);
+}
+
+std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers,
+                                        DisconnectHandler onDisconnect, Error* error) {
   auto state = std::make_unique<State>();
   state->handlers = std::move(handlers);
+  state->onDisconnect = std::move(onDisconnect);
   if (state->wake.get() < 0) {
     setError(error, ipmError(IpmErrorCode::kTransport, "Unable to create an event descriptor"));
     return nullptr;

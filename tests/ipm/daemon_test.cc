@@ -172,6 +172,32 @@ TEST(DaemonTest, IsTheRunsOnlyWriterWhileItServes) {
   EXPECT_TRUE(RunLock::take(false));
 }
 
+TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
+  test::Sandbox sandbox;
+  std::filesystem::create_directories(sandbox.path("bus"));
+  {
+    test::PrivateBus bus(sandbox.path("bus"));
+    ASSERT_TRUE(bus.started());
+    Daemon daemon;
+    ASSERT_TRUE(daemon.waitUntilServing());
+    Error error;
+    ASSERT_TRUE(addResultToServiceRun(finishedResult("Roam", true), &error)) << error.description();
+
+    bus.stop();
+    EXPECT_EQ(daemon.waitForExit(), 1) << "the daemon holds the run without a bus";
+  }
+  ASSERT_TRUE(VLResults::hasResumeData());
+  const std::string suspended = test::readFile(VLResults::resumeDataPath());
+  EXPECT_NE(suspended.find("Roam"), std::string::npos);
+
+  // A daemon that cannot reach a bus at all leaves the suspended run for the next one.
+  test::ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + sandbox.path("no-bus"));
+  Daemon unreachable;
+  EXPECT_EQ(unreachable.waitForExit(), 1);
+  ASSERT_TRUE(VLResults::hasResumeData());
+  EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Roam"), std::string::npos);
+}
+
 // Resident memory of a process in kB, from /proc; -1 when unknown.
 long residentKilobytes(pid_t pid) {
   std::string status = test::readFile("/proc/" + std::to_string(pid) + "/status");

@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 
 #include <chrono>
+#include <thread>
+#include <vector>
 
 #include "vorlund/foundation/time_scale.h"
 #include "vorlund/ipm/bus.h"
@@ -15,9 +17,11 @@ extern char** environ;
 
 namespace vl::test {
 
-Daemon::Daemon(const std::string& path) {
-  char* argv[] = {const_cast<char*>(path.c_str()), nullptr};
-  if (posix_spawn(&pid_, path.c_str(), nullptr, nullptr, argv, environ) != 0) pid_ = -1;
+Daemon::Daemon(const std::vector<std::string>& argv) {
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  if (posix_spawn(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) pid_ = -1;
 }
 
 Daemon::~Daemon() {
@@ -47,6 +51,51 @@ int Daemon::stop(int signal) {
   waitpid(pid_, &status, 0);
   pid_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int Daemon::waitForExit() {
+  int status = 0;
+  for (int i = 0; i < 800; ++i) {
+    pid_t done = waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  return -1;  // the destructor kills it
+}
+
+std::vector<std::string> PrivateBus::commandFor(const std::string& dir,
+                                                const std::string& serviceDir) {
+  std::string config = R"(<!DOCTYPE busconfig PUBLIC
+ "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=)" + dir + R"(/bus-socket</listen>
+)" + (serviceDir.empty() ? "" : "  <servicedir>" + serviceDir + "</servicedir>\n") +
+                       R"(  <policy context="default">
+    <allow send_destination="*"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)";
+  writeFile(dir + "/bus.conf", config);
+  return {"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + dir + "/bus.conf"};
+}
+
+PrivateBus::PrivateBus(const std::string& dir, const std::string& serviceDir)
+    : daemon_(commandFor(dir, serviceDir)),
+      address_("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir + "/bus-socket") {
+  for (int i = 0; daemon_.started() && i < 800; ++i) {
+    if (fileExists(dir + "/bus-socket")) {
+      started_ = true;
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
 }
 
 }  // namespace vl::test

@@ -1,7 +1,9 @@
 // vorlundctl list and run against the real sample bundle, staged in a private device root.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include <signal.h>
 
@@ -9,6 +11,7 @@
 #include "support/daemon.h"
 #include "support/test_support.h"
 #include "vorlund/foundation/json.h"
+#include "vorlund/ipm/bus.h"
 #include "vorlund/results/results.h"
 
 namespace vl {
@@ -149,6 +152,39 @@ TEST_F(VorlundctlRunTest, WhileTheServiceRunsItKeepsTheOneRun) {
   ASSERT_NE(ping, nullptr) << run_.description();
   EXPECT_EQ(ping->get("Instances"), Value(2));
   ASSERT_NE(statistic("Manual check"), nullptr);
+}
+
+// The activation file the project ships starts the service on the first message: a bus of the
+// test's own reads it from the build tree, where it names the built program.
+TEST_F(VorlundctlRunTest, TheBusStartsTheServiceOnDemand) {
+  std::filesystem::create_directories(sandbox_.path("bus"));
+  std::optional<test::PrivateBus> bus;
+  bus.emplace(sandbox_.path("bus"), VORLUND_DBUS_SERVICE_DIR);
+  ASSERT_TRUE(bus->started());
+
+  auto pinged = ctl({"run", "Sample Ping Gateway"});
+  ASSERT_EQ(pinged.exitStatus, 0) << pinged.err;
+  EXPECT_NE(pinged.out.find("[1/1] Sample Ping Gateway passed"), std::string::npos) << pinged.out;
+
+  // The started service keeps the run until it is stopped, and then suspends it.
+  ipm::ScopedBus connection = ipm::openBus();
+  ASSERT_TRUE(connection);
+  sd_bus_creds* creds = nullptr;
+  ASSERT_GE(sd_bus_get_name_creds(connection.get(), ipm::kServiceName, SD_BUS_CREDS_PID, &creds), 0);
+  pid_t service = 0;
+  sd_bus_creds_get_pid(creds, &service);
+  sd_bus_creds_unref(creds);
+  ASSERT_GT(service, 0);
+  EXPECT_FALSE(VLResults::hasResumeData());
+  kill(service, SIGTERM);
+  for (int i = 0; i < 400 && !VLResults::hasResumeData(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  // (On the bus a command would start the service again; the files tell what it left.)
+  bus.reset();
+  const Dictionary* ping = statistic("Sample Ping Gateway");
+  ASSERT_NE(ping, nullptr) << run_.description();
+  EXPECT_EQ(ping->get("Instances"), Value(1));
 }
 
 }  // namespace

@@ -2,8 +2,12 @@
 // other processes send it, adding each result to the run this process keeps (its currentResults,
 // carried on from the resume data when the last instance was suspended). While it serves, it is the
 // one writer of its user's run: it holds the run lock, and front ends add their results and issues
-// through its "ResultsRequest" messages. SIGTERM and SIGINT suspend the run and end the process.
+// through its "ResultsRequest" messages. SIGTERM and SIGINT suspend the run and end the process
+// (status 0); so does the loss of the bus connection (status 1), so that a service whose bus went
+// away does not hold the run.
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -50,6 +54,35 @@ int blockTerminationSignals(sigset_t* signals) {
   return signalfd(-1, signals, SFD_CLOEXEC);
 }
 
+// Blocks until SIGTERM or SIGINT arrives (false) or the service reports that it lost the bus
+// (true), and logs which.
+bool waitForSignalOrLostBus(int signalFd, int lostBus) {
+  pollfd fds[2] = {{signalFd, POLLIN, 0}, {lostBus, POLLIN, 0}};
+  while (poll(fds, 2, -1) < 0 && errno == EINTR) {
+  }
+  if (fds[1].revents & POLLIN) {
+    VLLog(VLLogLevelError, kCategory, "Lost the connection to the bus, suspending the run");
+    return true;
+  }
+  signalfd_siginfo info{};
+  ssize_t n;
+  do {
+    n = read(signalFd, &info, sizeof info);
+  } while (n < 0 && errno == EINTR);
+  VLLog(VLLogLevelInfo, kCategory, "Received %s, suspending the run",
+        n == static_cast<ssize_t>(sizeof info) ? strsignal(static_cast<int>(info.ssi_signo))
+                                               : "an unreadable signal");
+  return false;
+}
+
+bool suspendRun() {
+  bool suspended = VLResults::currentResults()->suspend();
+  VLLog(suspended ? VLLogLevelInfo : VLLogLevelError, kCategory,
+        suspended ? "Vorlund stopped; the run is suspended"
+                  : "Vorlund stopped; the run could not be suspended");
+  return suspended;
+}
+
 }  // namespace
 
 int main() {
@@ -61,6 +94,15 @@ int main() {
           std::strerror(errno));
     return 1;
   }
+  // The service's thread reports a lost bus connection here, so that the main thread wakes up as
+  // it does for a signal.
+  int lostBus = eventfd(0, EFD_CLOEXEC);
+  if (lostBus < 0) {
+    VLLog(VLLogLevelFatal, kCategory, "Unable to create an event descriptor: %s",
+          std::strerror(errno));
+    close(signalFd);
+    return 1;
+  }
 
   // Taken before the run is resumed and the name is owned: a front end that is writing the run in
   // its files finishes first, and none starts writing once this process serves the run.
@@ -68,6 +110,7 @@ int main() {
   std::unique_ptr<vl::RunLock> runLock = vl::RunLock::take(true, &error);
   if (!runLock) {
     VLLog(VLLogLevelFatal, kCategory, "%@", error.localizedDescription());
+    close(lostBus);
     close(signalFd);
     return 1;
   }
@@ -80,29 +123,27 @@ int main() {
   auto service = vl::ipm::Service::start(
       {{kVLMessageTypeTestCaseRequest, vl::ipm::testCaseRequestHandler(executeAndRecord)},
        {vl::ipm::kResultsRequestMessageType, vl::ipm::resultsRequestHandler()}},
+      [lostBus] {
+        uint64_t one = 1;
+        [[maybe_unused]] ssize_t n = write(lostBus, &one, sizeof one);
+      },
       &error);
   if (!service) {
     VLLog(VLLogLevelFatal, kCategory, "Unable to serve %s: %@", vl::ipm::kServiceName,
           error.localizedDescription());
+    // The run was resumed (its resume data consumed): write it back for the next start.
+    suspendRun();
+    close(lostBus);
     close(signalFd);
     return 1;
   }
 
-  signalfd_siginfo info{};
-  ssize_t n;
-  do {
-    n = read(signalFd, &info, sizeof info);
-  } while (n < 0 && errno == EINTR);
+  bool busLost = waitForSignalOrLostBus(signalFd, lostBus);
   close(signalFd);
-  VLLog(VLLogLevelInfo, kCategory, "Received %s, suspending the run",
-        n == static_cast<ssize_t>(sizeof info) ? strsignal(static_cast<int>(info.ssi_signo))
-                                               : "an unreadable signal");
 
   // Running test cases end and get their replies before the run is written out.
   service->stop();
-  bool suspended = VLResults::currentResults()->suspend();
-  VLLog(suspended ? VLLogLevelInfo : VLLogLevelError, kCategory,
-        suspended ? "Vorlund stopped; the run is suspended"
-                  : "Vorlund stopped; the run could not be suspended");
-  return suspended ? 0 : 1;
+  close(lostBus);
+  bool suspended = suspendRun();
+  return suspended && !busLost ? 0 : 1;
 }

@@ -14,7 +14,6 @@
 
 namespace vl::ipm {
 
-
 class Service {
  public:
   // Takes the request dictionary and returns the reply dictionary. Returning an IPM error value
@@ -28,6 +27,14 @@ class Service {
   // another process owns the name (kNameTaken).
   static std::unique_ptr<Service> start(std::map<std::string, Handler> handlers,
                                         Error* error = nullptr);
+
+  // Called once, on the service's own thread, when the bus connection is lost (the bus went away)
+  // and serving has ended; running handlers have finished by then. Not called when stop() ends
+  // serving.
+  using DisconnectHandler = std::function<void()>;
+  // As above, and onDisconnect learns when serving ends without stop().
+  static std::unique_ptr<Service> start(std::map<std::string, Handler> handlers,
+                                        DisconnectHandler onDisconnect, Error* error = nullptr);
 
   // Stops serving (see stop()).
   ~Service();
