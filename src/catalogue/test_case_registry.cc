@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "vorlund/catalogue/test_bundle.h"
 #include "vorlund/logging/log.h"
 
 namespace vl {
@@ -133,21 +134,26 @@ std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
   if (!testCase) return nullptr;
   const std::optional<std::string>& name = testCase->name();
   const std::optional<std::string>& selector = testCase->selector();
-  auto provider =
-      vl::findTestCaseProvider(name ? &*name : nullptr, selector ? &*selector : nullptr);
+  const std::string* byName = name && !name->empty() ? &*name : nullptr;
+  const std::string* bySelector = selector && !selector->empty() ? &*selector : nullptr;
+  auto provider = vl::findTestCaseProvider(byName, bySelector);
+  if (!provider) {
+    // A bundle not loaded yet: found by the name, else by the selector; loading it registers it.
+    bool loaded = byName && VLGetBundleForTestCaseNameAtPath(*byName, std::nullopt);
+    if (!loaded && bySelector) VLGetBundleForTestCaseSelectorAtPath(*bySelector, std::nullopt);
+    provider = vl::findTestCaseProvider(byName, bySelector);
+  }
   if (!provider) return nullptr;
 
   vl::Registries& r = vl::registries();
   if (provider->isKindOfClass) {
-    std::lock_guard lock(r.classesMutex);
-    for (const auto& object : r.classes) {
+    for (const auto& object : vl::snapshotLoaded(r.classesMutex, r.classes)) {
       if (provider->isKindOfClass(*object)) {
         VLLog(VLLogLevelDebug, nullptr, "Class already loaded...%@", object);
         return object;
       }
     }
   }
-
   std::shared_ptr<VLTestCaseClass> created;
   try {
     if (provider->create) created = provider->create();

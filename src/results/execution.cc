@@ -72,28 +72,13 @@ std::shared_ptr<VLTestCaseResult> callTestMethod(const TestMethod& method,
   return failed ? failed : VLTestCaseResult::asNoOp();
 }
 
-// The implementer of the test case. A test case sent by another process may belong to a bundle
-// that this process has not loaded yet: then the bundle is found by the test case's name, else by
-// its selector, and loading it registers it as a provider.
-std::shared_ptr<VLTestCaseClass> implementerFor(const std::shared_ptr<VLTestCaseObject>& testCase) {
-  const std::optional<std::string>& name = testCase->name();
-  const std::optional<std::string>& selector = testCase->selector();
-  if (!findTestCaseProvider(name ? &*name : nullptr, selector ? &*selector : nullptr)) {
-    bool found = name && !name->empty() && VLGetBundleForTestCaseNameAtPath(*name, std::nullopt);
-    if (!found && selector && !selector->empty()) {
-      VLGetBundleForTestCaseSelectorAtPath(*selector, std::nullopt);
-    }
-  }
-  return VLGetClassForTestCase(testCase);
-}
-
 std::shared_ptr<VLTestCaseResult> executeInHostProcess(
     const std::shared_ptr<VLTestCaseObject>& testCase) {
   if (!testCase) {
     VLLog(VLLogLevelError, nullptr, "Unable to perform a nil test case");
     return VLTestCaseResult::asNoOp();
   }
-  std::shared_ptr<VLTestCaseClass> implementer = implementerFor(testCase);
+  std::shared_ptr<VLTestCaseClass> implementer = VLGetClassForTestCase(testCase);
   if (!implementer) {
     VLLog(VLLogLevelError, nullptr, "Unable to execute %@, no object found", nameOf(testCase));
     VLAddStatisticToResults(

@@ -386,7 +386,17 @@ TEST_F(LookupTest, ARequestDictionaryRefinesAPredefinedTestCase) {
 TEST_F(LookupTest, ATestCaseOfABundleNotYetLoadedLoadsItAndRuns) {
   // As in the stress service, which receives test cases that other processes looked up.
   auto object = testCase("Probe Bundled Only", "bundledProbe");
-  ASSERT_EQ(VLGetClassForTestCase(object), nullptr);
+  LogCapture capture;
+  auto implementer = VLGetClassForTestCase(object);
+  ASSERT_TRUE(implementer) << "the class lookup loads the bundle that declares the test case";
+  EXPECT_EQ(VLGetClassForTestCase(object), implementer);
+  EXPECT_EQ(test::linesStartingWith(capture, VLLogLevelDebug, "Framework",
+                                    "Found matching key/value pairing (Name/Probe Bundled Only)")
+                .size(),
+            1u);
+  EXPECT_FALSE(test::linesStartingWith(capture, VLLogLevelDebug, "Framework",
+                                       "Currently loaded classes are")
+                   .empty());
   auto result = VLExecuteTestCase(object);
   ASSERT_TRUE(result);
   EXPECT_TRUE(result->didPass());

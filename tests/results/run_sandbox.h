@@ -16,6 +16,7 @@
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/foundation/value.h"
+#include "vorlund/catalogue/test_bundle.h"
 #include "vorlund/catalogue/test_case_object.h"
 #include "vorlund/logging/log_capture.h"
 #include "vorlund/results/issue.h"
@@ -28,6 +29,9 @@ class RunSandbox {
  public:
   explicit RunSandbox(const Dictionary& preferences = {{"StressType", "wifi"},
                                                        {"StressSubtype", "Default"}}) {
+    // As on a device, the test bundle folder exists (here empty): looking up a result's test case
+    // class searches it, and an unlistable folder would file a "Failure" issue of its own.
+    std::filesystem::create_directories(VLGetBundlePath());
     writePreferences(preferences);
     VLResults::setCurrentResults(VLResults::make());
   }

@@ -70,9 +70,11 @@ std::vector<std::shared_ptr<VLTestCaseClass>> loadedRemoteExecutionObjects();
 }  // namespace vl
 
 // The instance of the class that implements the test case: the provider by the test case's name,
-// else by its selector; an already loaded instance of its principal class (logged at level 2 "Class
-// already loaded...%@"), else a new one added to the loaded classes. nullptr when no provider
-// declares the test case, or when creating the class fails (logged at level 16, category
-// "Framework", "Unable to create a class from %@ for %@").
+// else by its selector, loading the bundle that declares it (test_bundle.h) when none is registered
+// yet; an already loaded instance of its principal class (the loaded classes are logged as
+// loadedTestCaseClasses() logs them, the instance found at level 2 "Class already loaded...%@"),
+// else a new one added to the loaded classes. nullptr when no bundle declares the test case, or when
+// creating the class fails (logged at level 16, category "Framework", "Unable to create a class
+// from %@ for %@").
 std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
     const std::shared_ptr<VLTestCaseObject>& testCase);
