@@ -329,9 +329,15 @@ TEST_F(LookupTest, PreferencesReplaceDeclaredOptionsAndNeverAddOnes) {
   std::filesystem::create_directories(std::filesystem::path(overlay).parent_path());
   ASSERT_TRUE(plist::writeFile(Value(Dictionary{{"Count", 7}, {"Mode", "b"}}), overlay));
 
+  LogCapture capture;
   auto object = VLGetObjectForTestCase("Probe Lookup");
   ASSERT_TRUE(object);
   EXPECT_EQ(object->selector(), "runProbe");
+  for (const char* prefix : {"Returning the following options for Probe Lookup...",
+                             "Default Environments for Probe Lookup..."}) {
+    EXPECT_EQ(test::linesStartingWith(capture, VLLogLevelDebug, "Framework", prefix).size(), 1u)
+        << prefix;
+  }
   EXPECT_EQ(object->options(),
             (Dictionary{{"Count", 7}, {"Mode", "b"}, {"Host", "from preferences"}}));
   // Without "Environments" in the preferences the bundle's own list stays.
