@@ -5,6 +5,7 @@
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/client.h"
+#include "request_record.h"
 #include "vorlund/results/execution.h"
 #include "vorlund/results/results.h"
 #include "vorlund/results/run_summary.h"
@@ -32,25 +33,6 @@ std::optional<IpmDictionary> sendResultsRequest(const char* action, const char* 
 Error missingReplyEntry(const char* key) {
   return ipmError(IpmErrorCode::kInvalidMessage,
                   std::string("The reply holds no \"") + key + "\" of the right type");
-}
-
-// The archived record of class T under key in request; nullptr, with the reason, when missing or
-// not one.
-template <typename T>
-std::shared_ptr<T> requestRecord(const IpmDictionary& request, const char* key,
-                                 std::string* reason) {
-  const IpmValue* archived = request.find(key);
-  if (!archived || !archived->asData()) {
-    *reason = std::string("The request holds no \"") + key + "\" data";
-    return nullptr;
-  }
-  Error error;
-  auto record = VLConvertDataToObject(*archived->asData(), &error).record<T>();
-  if (!record) {
-    *reason = std::string("The request's \"") + key + "\" is not an archived " + T::kClassName;
-    if (!error.localizedDescription().empty()) *reason += ": " + error.localizedDescription();
-  }
-  return record;
 }
 
 IpmValue addResult(const IpmDictionary& request) {

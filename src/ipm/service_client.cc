@@ -4,6 +4,7 @@
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/client.h"
 #include "vorlund/logging/log.h"
+#include "request_record.h"
 
 namespace vl::ipm {
 namespace {
@@ -55,21 +56,16 @@ std::shared_ptr<VLTestCaseResult> executeTestCaseInService(
 
 Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
   return [execute = std::move(execute)](const IpmValue& request) -> IpmValue {
-    const IpmValue* archived = request.asDictionary()->find(kVLMessageKeyTestCase);
-    if (!archived || !archived->asData()) {
-      return IpmValue::ofError("The request holds no \"TestCase\" data");
-    }
-    vl::Error error;
-    auto object = VLConvertDataToObject(*archived->asData(), &error).record<VLTestCaseObject>();
-    if (!object) {
-      return IpmValue::ofError("The request's \"TestCase\" is not an archived test case: " +
-                               error.localizedDescription());
-    }
+    std::string reason;
+    auto object =
+        requestRecord<VLTestCaseObject>(*request.asDictionary(), kVLMessageKeyTestCase, &reason);
+    if (!object) return IpmValue::ofError(reason);
     auto result = execute(object);
     if (!result) {
       return IpmValue::ofError("Running " + object->name().value_or("the test case") +
                                " gave no result");
     }
+    vl::Error error;
     auto data = VLConvertObjectToData(vl::Value(result), &error);
     if (!data) {
       return IpmValue::ofError("Unable to archive the result: " + error.localizedDescription());

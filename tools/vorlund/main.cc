@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/conversion/file_handle.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/results_service.h"
@@ -88,19 +89,18 @@ bool suspendRun() {
 int main() {
   // Before any thread starts, so that every thread inherits the mask.
   sigset_t signals;
-  int signalFd = blockTerminationSignals(&signals);
-  if (signalFd < 0) {
+  auto signalFd = vl::FileHandle::adopt(blockTerminationSignals(&signals));
+  if (!signalFd) {
     VLLog(VLLogLevelFatal, kCategory, "Unable to watch for termination signals: %s",
           std::strerror(errno));
     return 1;
   }
   // The service's thread reports a lost bus connection here, so that the main thread wakes up as
   // it does for a signal.
-  int lostBus = eventfd(0, EFD_CLOEXEC);
-  if (lostBus < 0) {
+  auto lostBus = vl::FileHandle::adopt(eventfd(0, EFD_CLOEXEC));
+  if (!lostBus) {
     VLLog(VLLogLevelFatal, kCategory, "Unable to create an event descriptor: %s",
           std::strerror(errno));
-    close(signalFd);
     return 1;
   }
 
@@ -110,8 +110,6 @@ int main() {
   std::unique_ptr<vl::RunLock> runLock = vl::RunLock::take(true, &error);
   if (!runLock) {
     VLLog(VLLogLevelFatal, kCategory, "%@", error.localizedDescription());
-    close(lostBus);
-    close(signalFd);
     return 1;
   }
 
@@ -123,9 +121,9 @@ int main() {
   auto service = vl::ipm::Service::start(
       {{kVLMessageTypeTestCaseRequest, vl::ipm::testCaseRequestHandler(executeAndRecord)},
        {vl::ipm::kResultsRequestMessageType, vl::ipm::resultsRequestHandler()}},
-      [lostBus] {
+      [fd = lostBus->fileDescriptor()] {
         uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = write(lostBus, &one, sizeof one);
+        [[maybe_unused]] ssize_t n = write(fd, &one, sizeof one);
       },
       &error);
   if (!service) {
@@ -133,17 +131,12 @@ int main() {
           error.localizedDescription());
     // The run was resumed (its resume data consumed): write it back for the next start.
     suspendRun();
-    close(lostBus);
-    close(signalFd);
     return 1;
   }
 
-  bool busLost = waitForSignalOrLostBus(signalFd, lostBus);
-  close(signalFd);
-
+  bool busLost = waitForSignalOrLostBus(signalFd->fileDescriptor(), lostBus->fileDescriptor());
   // Running test cases end and get their replies before the run is written out.
   service->stop();
-  close(lostBus);
   bool suspended = suspendRun();
   return suspended && !busLost ? 0 : 1;
 }
