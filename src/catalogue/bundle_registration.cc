@@ -59,7 +59,14 @@ bool updateClass(const std::string& name, const std::function<void(BundleClass&)
 bool registerBundleClass(std::string name, std::function<std::shared_ptr<VLTestCaseClass>()> create,
                          std::function<bool(const VLTestCaseClass&)> isKindOfClass) {
   return updateClass(name, [&](BundleClass& c) {
-    c.create = std::move(create);
+    // Every object is created knowing which registration made it: its class name and origin are
+    // what later lookups compare, never the C++ type, which two bundles may share.
+    c.create = [create = std::move(create),
+                registered = VLTestCaseClass::RegisteredClass{c.name, c.origin}]() {
+      std::shared_ptr<VLTestCaseClass> object = create ? create() : nullptr;
+      if (object) object->setRegisteredClass(registered);
+      return object;
+    };
     c.isKindOfClass = std::move(isKindOfClass);
   });
 }
@@ -108,6 +115,23 @@ TestMethod findTestMethod(const VLTestCaseClass& object, std::string_view select
     }
     return {};
   };
+  // An object a registry created runs its own registration's methods, then those of the classes
+  // of the same shared object (or of the program) that it derives from; never another bundle's,
+  // even where that bundle's class has the same C++ name and so passes the kind-of test.
+  if (std::optional<VLTestCaseClass::RegisteredClass> own = object.registeredClass()) {
+    for (const auto& c : classes) {
+      if (c->name == own->name && c->origin == own->origin) {
+        if (TestMethod method = methodOf(*c)) return method;
+      }
+    }
+    for (const auto& c : classes) {
+      if (c->origin != own->origin && !c->origin.empty()) continue;
+      if (c->isKindOfClass && c->isKindOfClass(object)) {
+        if (TestMethod method = methodOf(*c)) return method;
+      }
+    }
+    return {};
+  }
   std::string ownName = object.className();
   // Several copies of one bundle may register the same class name; the one whose instances this
   // object belongs to is the one that can run it.

@@ -1,6 +1,7 @@
 #include "vorlund/catalogue/test_bundle.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,6 +49,7 @@ class SharedObject {
   SharedObject(const SharedObject&) = delete;
   SharedObject& operator=(const SharedObject&) = delete;
   explicit operator bool() const { return handle_ != nullptr; }
+  void* get() const { return handle_; }
 
  private:
   void* handle_ = nullptr;
@@ -92,6 +94,19 @@ std::string executableFolder() {
   std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
   if (ec) return {};
   return exe.parent_path().string();
+}
+
+// The name under which the dynamic loader first mapped the shared object. Opening a file that is
+// already mapped, through a symbolic link, a hard link or another spelling of its path, gives the
+// existing mapping and does not run its initialisers again, so its classes stay registered under
+// this first name.
+std::string mappedName(void* handle, const std::string& fallback) {
+  link_map* map = nullptr;
+  if (dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0 || map == nullptr || map->l_name == nullptr ||
+      *map->l_name == '\0') {
+    return fallback;
+  }
+  return map->l_name;
 }
 
 // The dictionary values of "Supported Test Cases".
@@ -164,8 +179,8 @@ bool VLTestBundle::load(vl::Error* error) const {
     vl::Error plistError;
     std::optional<vl::Value> infoValue = vl::plist::readFile(infoPath, &plistError);
     if (!infoValue) {
-      return fail(error, vl::format("The bundle's Info.plist at %@ could not be read: %@",
-                                    infoPath, plistError.localizedDescription()));
+      return fail(error, vl::format("The bundle's Info.plist at %@ could not be read: %@", infoPath,
+                                    plistError.localizedDescription()));
     }
     const vl::Dictionary* info = infoValue->asDictionary();
     if (!info) {
@@ -203,7 +218,7 @@ bool VLTestBundle::load(vl::Error* error) const {
         }
         loaded.object = SharedObject(handle);
       }
-      principal = vl::findBundleClass(objectPath, *className);
+      principal = vl::findBundleClass(mappedName(loaded.object.get(), objectPath), *className);
       if (!principal || !principal->create) {
         return fail(error, vl::format("The principal class %@ is not registered by %@", *className,
                                       objectPath));
@@ -219,13 +234,22 @@ bool VLTestBundle::load(vl::Error* error) const {
         selectors.push_back(*selector);
       }
     }
-    vl::registerTestCaseProvider(vl::TestCaseProvider{path_, principal->name, std::move(names),
-                                                      std::move(selectors), principal->create,
-                                                      principal->isKindOfClass});
+    vl::registerTestCaseProvider(
+        vl::TestCaseProvider{path_, principal->name, std::move(names), std::move(selectors),
+                             principal->create, principal->isKindOfClass,
+                             VLTestCaseClass::RegisteredClass{principal->name, principal->origin}});
     return true;
   } catch (const std::exception& e) {
     return fail(error, vl::format("The bundle at %@ could not be loaded: %s", path_, e.what()));
   }
+}
+
+std::optional<std::string> VLTestBundle::className() const {
+  std::optional<vl::Dictionary> info = infoDictionary();
+  if (!info) return std::nullopt;
+  const std::string* name = info->get(kVLBundleKeyPrincipalClass).asString();
+  if (!name || name->empty()) return std::nullopt;
+  return *name;
 }
 
 std::shared_ptr<const vl::BundleClass> VLTestBundle::principalClass() const {
@@ -428,20 +452,21 @@ std::optional<std::vector<std::string>> VLGetBundlesInPath(const std::string& pa
     error.code = ec.value();
     error.userInfo.set(vl::kErrorDescriptionKey,
                        vl::format("The folder %@ could not be listed: %s", path, ec.message()));
-    VLLog(VLLogLevelError, nullptr, "No bundles found in bundle directory: %@", error.description());
+    VLLog(VLLogLevelError, nullptr, "No bundles found in bundle directory: %@",
+          error.description());
     vl::catalogue::recordFailureIssue("No bundles could be loaded");
     return std::nullopt;
   }
-  // Directory order is the file system's; sorting makes "listing order" the same on every machine.
-  std::sort(names.begin(), names.end());
   return names;
 }
 
-std::optional<std::vector<std::string>> VLGetBundles() { return VLGetBundlesInPath(VLGetBundlePath()); }
+std::optional<std::vector<std::string>> VLGetBundles() {
+  return VLGetBundlesInPath(VLGetBundlePath());
+}
 
 std::shared_ptr<VLTestBundleManager> VLGetBundleManager() {
-  std::string path = environmentValue(kBuiltProductsVariable)
-                         .value_or(vl::paths::resolve(kStressBundleDirectory));
+  std::string path =
+      environmentValue(kBuiltProductsVariable).value_or(vl::paths::resolve(kStressBundleDirectory));
   return VLTestBundleManager::withBundlesInPath(std::move(path));
 }
 
@@ -464,8 +489,8 @@ std::shared_ptr<VLTestBundle> VLGetBundleForKeyValuePairingAtPath(
     }
     if (!matches) continue;
 
-    VLLog(VLLogLevelDebug, "Framework", "Found matching key/value pairing (%@/%@) in %@", key, value,
-          bundle->path());
+    VLLog(VLLogLevelDebug, "Framework", "Found matching key/value pairing (%@/%@) in %@", key,
+          value, bundle->path());
     if (bundle->isLoaded()) return bundle;
     VLLog(VLLogLevelInfo, "Framework", "Loading bundle at %@", bundle->path());
     vl::Error error;
@@ -474,8 +499,8 @@ std::shared_ptr<VLTestBundle> VLGetBundleForKeyValuePairingAtPath(
           error.description());
     return nullptr;
   }
-  VLLog(VLLogLevelError, "Framework", "No bundles contained matching key/value pairing (%@/%@) in %@",
-        key, value, directory);
+  VLLog(VLLogLevelError, "Framework",
+        "No bundles contained matching key/value pairing (%@/%@) in %@", key, value, directory);
   return nullptr;
 }
 

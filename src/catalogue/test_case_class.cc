@@ -113,7 +113,18 @@ std::optional<vl::Dictionary> VLTestCaseClass::getDefaultSettingsForType(std::st
   return std::nullopt;
 }
 
+std::optional<VLTestCaseClass::RegisteredClass> VLTestCaseClass::registeredClass() const {
+  std::lock_guard guard(mutex_);
+  return registeredClass_;
+}
+
+void VLTestCaseClass::setRegisteredClass(RegisteredClass registered) {
+  std::lock_guard guard(mutex_);
+  registeredClass_ = std::move(registered);
+}
+
 std::string VLTestCaseClass::className() const {
+  if (std::optional<RegisteredClass> registered = registeredClass()) return registered->name;
   const char* mangled = typeid(*this).name();
   int status = 0;
   char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);

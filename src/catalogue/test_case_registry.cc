@@ -58,9 +58,20 @@ void removeTestCaseProvider(const std::string& path) {
     removed = *it;
     r.providers.erase(it);
   }
-  if (!removed->isKindOfClass) return;
   std::lock_guard lock(r.classesMutex);
-  std::erase_if(r.classes, [&](const auto& object) { return removed->isKindOfClass(*object); });
+  std::erase_if(r.classes, [&](const auto& object) {
+    if (removed->registeredClass) return object->registeredClass() == removed->registeredClass;
+    return removed->isKindOfClass && removed->isKindOfClass(*object);
+  });
+}
+
+std::shared_ptr<const TestCaseProvider> findTestCaseProviderForPath(const std::string& path) {
+  Registries& r = registries();
+  std::lock_guard lock(r.providersMutex);
+  for (const auto& provider : r.providers) {
+    if (provider->path == path) return provider;
+  }
+  return nullptr;
 }
 
 std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* name,
@@ -136,22 +147,25 @@ std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
   const std::optional<std::string>& selector = testCase->selector();
   const std::string* byName = name && !name->empty() ? &*name : nullptr;
   const std::string* bySelector = selector && !selector->empty() ? &*selector : nullptr;
-  auto provider = vl::findTestCaseProvider(byName, bySelector);
-  if (!provider) {
-    // A bundle not loaded yet: found by the name, else by the selector; loading it registers it.
-    bool loaded = byName && VLGetBundleForTestCaseNameAtPath(*byName, std::nullopt);
-    if (!loaded && bySelector) VLGetBundleForTestCaseSelectorAtPath(*bySelector, std::nullopt);
-    provider = vl::findTestCaseProvider(byName, bySelector);
-  }
+  // The catalogue decides which bundle declares the test case; loading that bundle registers it.
+  std::shared_ptr<VLTestBundle> bundle;
+  if (byName) bundle = VLGetBundleForTestCaseNameAtPath(*byName, std::nullopt);
+  if (!bundle && bySelector)
+    bundle = VLGetBundleForTestCaseSelectorAtPath(*bySelector, std::nullopt);
+  std::shared_ptr<const vl::TestCaseProvider> provider =
+      bundle ? vl::findTestCaseProviderForPath(bundle->path())
+             : vl::findTestCaseProvider(byName, bySelector);
   if (!provider) return nullptr;
 
   vl::Registries& r = vl::registries();
-  if (provider->isKindOfClass) {
-    for (const auto& object : vl::snapshotLoaded(r.classesMutex, r.classes)) {
-      if (provider->isKindOfClass(*object)) {
-        VLLog(VLLogLevelDebug, nullptr, "Class already loaded...%@", object);
-        return object;
-      }
+  auto isInstanceOfProvider = [&](const VLTestCaseClass& object) {
+    if (provider->registeredClass) return object.registeredClass() == provider->registeredClass;
+    return provider->isKindOfClass && provider->isKindOfClass(object);
+  };
+  for (const auto& object : vl::snapshotLoaded(r.classesMutex, r.classes)) {
+    if (isInstanceOfProvider(*object)) {
+      VLLog(VLLogLevelDebug, nullptr, "Class already loaded...%@", object);
+      return object;
     }
   }
   std::shared_ptr<VLTestCaseClass> created;
@@ -167,10 +181,8 @@ std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
   }
   std::lock_guard lock(r.classesMutex);
   // Another thread may have created the same class meanwhile; one instance serves them all.
-  if (provider->isKindOfClass) {
-    for (const auto& object : r.classes) {
-      if (provider->isKindOfClass(*object)) return object;
-    }
+  for (const auto& object : r.classes) {
+    if (isInstanceOfProvider(*object)) return object;
   }
   r.classes.push_back(created);
   return created;

@@ -5,7 +5,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -55,7 +57,7 @@ const sd_bus_vtable kVtable[] = {
 // only; workers see plain IPM values and hand their replies back through `completed`.
 struct Service::State {
   std::map<std::string, Handler> handlers;
-  DisconnectHandler onDisconnect;
+  ServiceOptions options;
   ScopedBus bus;
   ScopedSlot slot;
   ScopedFd wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
@@ -63,14 +65,115 @@ struct Service::State {
   std::atomic<bool> stopping{false};
   std::atomic<size_t> answered{0};
   std::mutex stopMutex;
+  bool abandoned = false;  // a bounded stop gave up on a handler; under stopMutex
 
   // Loop thread only.
   uint64_t nextId = 0;
   std::map<uint64_t, ScopedMessage> pending;
-  std::map<uint64_t, std::thread> workers;
+
+  // The worker pool: at most options.workers threads, started as requests need them; requests
+  // beyond that wait in `queue` in arrival order.
+  struct Job {
+    uint64_t id;
+    Handler handler;
+    IpmValue request;
+  };
+  std::mutex poolMutex;
+  std::condition_variable poolWork;
+  std::deque<Job> queue;
+  std::vector<std::thread> workers;
+  size_t busy = 0;
+  bool poolClosed = false;
 
   std::mutex completedMutex;
   std::deque<std::pair<uint64_t, IpmValue>> completed;
+
+  // Signalled by the loop thread when it has ended.
+  std::mutex doneMutex;
+  std::condition_variable doneChanged;
+  bool done = false;
+
+  void work() {
+    for (;;) {
+      Job job;
+      {
+        std::unique_lock lock(poolMutex);
+        poolWork.wait(lock, [&] { return poolClosed || !queue.empty(); });
+        if (queue.empty()) return;
+        job = std::move(queue.front());
+        queue.pop_front();
+        ++busy;
+      }
+      IpmValue replyValue;
+      try {
+        replyValue = job.handler(job.request);
+      } catch (const std::exception& e) {
+        replyValue = IpmValue::ofError(vl::format("The request failed: %s", e.what()));
+      } catch (...) {
+        replyValue = IpmValue::ofError("The request failed");
+      }
+      {
+        std::lock_guard lock(completedMutex);
+        completed.emplace_back(job.id, std::move(replyValue));
+      }
+      {
+        std::lock_guard lock(poolMutex);
+        --busy;
+      }
+      wakeLoop();
+    }
+  }
+
+  // Queues a request; starts a worker when all are busy and the pool is not full.
+  void submit(Job job) {
+    std::lock_guard lock(poolMutex);
+    queue.push_back(std::move(job));
+    if (busy + queue.size() > workers.size() && workers.size() < options.workers) {
+      workers.emplace_back([this] { work(); });
+    }
+    poolWork.notify_one();
+  }
+
+  // Requests still queued when the service stops are answered with an error, not run.
+  std::deque<Job> takeQueued() {
+    std::lock_guard lock(poolMutex);
+    return std::exchange(queue, {});
+  }
+
+  bool handlersRunning() {
+    std::lock_guard lock(poolMutex);
+    return busy > 0 || !queue.empty();
+  }
+
+  void closePool() {
+    {
+      std::lock_guard lock(poolMutex);
+      poolClosed = true;
+    }
+    poolWork.notify_all();
+    for (std::thread& worker : workers) worker.join();
+    workers.clear();
+  }
+
+  // Whether the caller may use the service: always, unless a group is configured; then root and
+  // the members of that group (effective or supplementary).
+  bool callerAllowed(sd_bus_message* call) {
+    if (!options.allowedGroup) return true;
+    sd_bus_creds* raw = nullptr;
+    int r = sd_bus_query_sender_creds(call,
+                                      SD_BUS_CREDS_EUID | SD_BUS_CREDS_EGID |
+                                          SD_BUS_CREDS_SUPPLEMENTARY_GIDS | SD_BUS_CREDS_AUGMENT,
+                                      &raw);
+    std::unique_ptr<sd_bus_creds, decltype(&sd_bus_creds_unref)> creds(raw, sd_bus_creds_unref);
+    if (r < 0) return false;
+    uid_t uid = 0;
+    if (sd_bus_creds_get_euid(creds.get(), &uid) >= 0 && uid == 0) return true;
+    gid_t gid = 0;
+    if (sd_bus_creds_get_egid(creds.get(), &gid) >= 0 && gid == *options.allowedGroup) return true;
+    const gid_t* groups = nullptr;
+    int count = sd_bus_creds_get_supplementary_gids(creds.get(), &groups);
+    return count > 0 && std::find(groups, groups + count, *options.allowedGroup) != groups + count;
+  }
 
   void wakeLoop() {
     uint64_t one = 1;
@@ -117,6 +220,13 @@ struct Service::State {
       replyError(call, kErrorFailed, "The stress service is stopping");
       return 1;
     }
+    if (!callerAllowed(call)) {
+      VLLog(VLLogLevelError, kCategory,
+            "Refusing a message from a caller outside the service's group");
+      replyError(call, SD_BUS_ERROR_ACCESS_DENIED,
+                 "Only root and the members of the service's group may call the stress service");
+      return 1;
+    }
     Error error;
     auto request = readDictionary(call, &error);
     if (!request) {
@@ -126,40 +236,28 @@ struct Service::State {
       return 1;
     }
     const IpmValue* type = request->asDictionary()->find(kVLMessageKeyType);
-    if (!type || !type->asString()) {
-      VLLog(VLLogLevelError, kCategory, "Refusing a message without a \"MessageType\"");
-      replyError(call, kErrorInvalidMessage, "The message has no string \"MessageType\"");
-      return 1;
-    }
-    auto handler = handlers.find(*type->asString());
+    const std::string* typeName = type ? type->asString() : nullptr;
+    auto handler = typeName ? handlers.find(*typeName) : handlers.end();
+    if (handler == handlers.end()) handler = handlers.find(kOtherMessages);
     if (handler == handlers.end()) {
+      if (!typeName) {
+        VLLog(VLLogLevelError, kCategory, "Refusing a message without a \"MessageType\"");
+        replyError(call, kErrorInvalidMessage, "The message has no string \"MessageType\"");
+        return 1;
+      }
       VLLog(VLLogLevelError, kCategory, "Refusing a message of unsupported type \"%s\"",
-            type->asString()->c_str());
+            typeName->c_str());
       replyError(call, kErrorUnsupportedMessage,
-                 vl::format("Unsupported message type \"%s\"", type->asString()->c_str()));
+                 vl::format("Unsupported message type \"%s\"", typeName->c_str()));
       return 1;
     }
-    VLLog(VLLogLevelDebug, kCategory, "Received %s", type->asString()->c_str());
+    VLLog(VLLogLevelDebug, kCategory, "Received %s", typeName ? typeName->c_str() : "a message");
     uint64_t id = nextId++;
     pending.emplace(id, ScopedMessage(sd_bus_message_ref(call)));
     try {
-      workers.emplace(id, std::thread([this, id, fn = handler->second, req = std::move(*request)] {
-                        IpmValue replyValue;
-                        try {
-                          replyValue = fn(req);
-                        } catch (const std::exception& e) {
-                          replyValue =
-                              IpmValue::ofError(vl::format("The request failed: %s", e.what()));
-                        } catch (...) {
-                          replyValue = IpmValue::ofError("The request failed");
-                        }
-                        {
-                          std::lock_guard lock(completedMutex);
-                          completed.emplace_back(id, std::move(replyValue));
-                        }
-                        wakeLoop();
-                      }));
+      submit(Job{id, handler->second, std::move(*request)});
     } catch (const std::system_error& e) {
+      // No worker could be started and none is running to take the request.
       pending.erase(id);
       replyError(call, kErrorFailed, vl::format("Unable to start a worker: %s", e.what()));
     }
@@ -173,10 +271,6 @@ struct Service::State {
       done.swap(completed);
     }
     for (auto& [id, value] : done) {
-      if (auto worker = workers.find(id); worker != workers.end()) {
-        worker->second.join();
-        workers.erase(worker);
-      }
       if (auto call = pending.find(id); call != pending.end()) {
         reply(call->second.get(), value);
         pending.erase(call);
@@ -198,8 +292,14 @@ struct Service::State {
       if (stopping && !released) {
         sd_bus_release_name(bus.get(), kServiceName);
         released = true;
+        for (Job& job : takeQueued()) {
+          if (auto call = pending.find(job.id); call != pending.end()) {
+            replyError(call->second.get(), kErrorFailed, "The stress service is stopping");
+            pending.erase(call);
+          }
+        }
       }
-      if (stopping && workers.empty()) break;
+      if (stopping && !handlersRunning()) break;
 
       pollfd fds[2] = {
           {sd_bus_get_fd(bus.get()), static_cast<short>(sd_bus_get_events(bus.get())), 0},
@@ -220,12 +320,16 @@ struct Service::State {
     }
     // The connection is gone or the service stops: wait for running handlers, whose replies can no
     // longer be sent when the connection failed.
-    for (auto& [id, worker] : workers) worker.join();
-    workers.clear();
+    closePool();
     drainCompleted();
     pending.clear();
     sd_bus_flush(bus.get());
-    if (!stopping && onDisconnect) onDisconnect();
+    if (!stopping && options.onDisconnect) options.onDisconnect();
+    {
+      std::lock_guard lock(doneMutex);
+      done = true;
+    }
+    doneChanged.notify_all();
   }
 };
 
@@ -239,17 +343,45 @@ int methodCallback(sd_bus_message* m, void* userdata, sd_bus_error*) {
 
 Service::Service(std::unique_ptr<State> state) : state_(std::move(state)) {}
 
-Service::~Service() { stop(); }
+Service::~Service() {
+  {
+    std::lock_guard lock(state_->stopMutex);
+    if (state_->abandoned) {
+      bool ended;
+      {
+        std::lock_guard doneLock(state_->doneMutex);
+        ended = state_->done;
+      }
+      if (!ended) {
+        // A handler outlived a bounded stop and still uses the state: leave both to the ending
+        // process rather than wait for it.
+        state_->loop.detach();
+        (void)state_.release();
+        return;
+      }
+      state_->abandoned = false;  // it ended after all: finish the stop below
+    }
+  }
+  stop();
+}
 
 std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers, Error* error) {
-  return start(std::move(handlers), nullptr, error);
+  return start(std::move(handlers), ServiceOptions{}, error);
 }
 
 std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers,
                                         DisconnectHandler onDisconnect, Error* error) {
+  ServiceOptions options;
+  options.onDisconnect = std::move(onDisconnect);
+  return start(std::move(handlers), std::move(options), error);
+}
+
+std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers,
+                                        ServiceOptions options, Error* error) {
   auto state = std::make_unique<State>();
   state->handlers = std::move(handlers);
-  state->onDisconnect = std::move(onDisconnect);
+  state->options = std::move(options);
+  state->options.workers = std::max<size_t>(state->options.workers, 1);
   if (state->wake.get() < 0) {
     setError(error, ipmError(IpmErrorCode::kTransport, "Unable to create an event descriptor"));
     return nullptr;
@@ -285,15 +417,31 @@ std::unique_ptr<Service> Service::start(std::map<std::string, Handler> handlers,
   return std::unique_ptr<Service>(new Service(std::move(state)));
 }
 
-void Service::stop() {
+void Service::stop() { stop(std::chrono::milliseconds::max()); }
+
+bool Service::stop(std::chrono::milliseconds bound) {
   std::lock_guard lock(state_->stopMutex);
-  if (!state_->loop.joinable()) return;
+  if (state_->abandoned) return false;
+  if (!state_->loop.joinable()) return true;
   state_->stopping = true;
   state_->wakeLoop();
+  {
+    std::unique_lock doneLock(state_->doneMutex);
+    auto isDone = [&] { return state_->done; };
+    if (bound == std::chrono::milliseconds::max()) {
+      state_->doneChanged.wait(doneLock, isDone);
+    } else if (!state_->doneChanged.wait_for(doneLock, bound, isDone)) {
+      state_->abandoned = true;
+      VLLog(VLLogLevelError, kCategory, "Stopped waiting for the running requests of %s",
+            kServiceName);
+      return false;
+    }
+  }
   state_->loop.join();
   state_->slot.reset();
   state_->bus.reset();
   VLLog(VLLogLevelInfo, kCategory, "Stopped serving %s", kServiceName);
+  return true;
 }
 
 size_t Service::answeredCount() const { return state_->answered; }

@@ -1,10 +1,11 @@
 #include "vorlund/ipm/service_client.h"
 
+#include "request_record.h"
+#include "vorlund/conversion/ipm_conversion.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/client.h"
 #include "vorlund/logging/log.h"
-#include "request_record.h"
 
 namespace vl::ipm {
 namespace {
@@ -73,6 +74,15 @@ Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
     IpmDictionary reply;
     reply.set(kVLMessageKeyResult, IpmValue::ofData(std::move(data->bytes)));
     return IpmValue::ofDictionary(std::move(reply));
+  };
+}
+
+Service::Handler messageRouterHandler() {
+  return [](const IpmValue& request) -> IpmValue {
+    std::optional<vl::Dictionary> message = VLIPMDictionaryToNSDictionary(request);
+    if (!message) return IpmValue::ofError("The message does not convert to a dictionary");
+    VLFindObjectForMessage(*message);
+    return IpmValue::ofDictionary(IpmDictionary());
   };
 }
 

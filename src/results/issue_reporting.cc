@@ -1,11 +1,23 @@
 #include "vorlund/results/issue_reporting.h"
 
+#include <mutex>
+
 #include "vorlund/results/issue.h"
 #include "vorlund/results/results.h"
 
 namespace {
 
 constexpr const char* kFrameworkProcess = "Vorlund";
+
+struct Recorder {
+  std::mutex mutex;
+  vl::IssueRecorder record;
+};
+
+Recorder& recorder() {
+  static Recorder* instance = new Recorder();  // lives for the process
+  return *instance;
+}
 
 void addIssue(const std::string& process, const std::string& type, bool primaryProcess,
               const std::string& reason) {
@@ -15,7 +27,16 @@ void addIssue(const std::string& process, const std::string& type, bool primaryP
   issue->setType(type);
   issue->setTime(vl::Date::now());
   issue->setPrimaryProcess(primaryProcess);
-  VLResults::currentResults()->addIssue(issue);
+  vl::IssueRecorder record;
+  {
+    std::lock_guard lock(recorder().mutex);
+    record = recorder().record;
+  }
+  if (record) {
+    record(issue);
+  } else {
+    VLResults::currentResults()->addIssue(issue);
+  }
 }
 
 }  // namespace
@@ -30,4 +51,9 @@ void VLAddFailureToResults(const std::string& reason) {
 
 void VLAddStatisticToResults(const std::string& reason) {
   addIssue(kFrameworkProcess, "Statistic", false, reason);
+}
+
+void vl::setIssueRecorder(IssueRecorder record) {
+  std::lock_guard lock(recorder().mutex);
+  recorder().record = std::move(record);
 }

@@ -19,6 +19,32 @@ using vl::Dictionary;
 namespace {
 
 const std::string kSampleBundle = std::string(VORLUND_SAMPLE_BUNDLE_DIR) + "/SampleStress.bundle";
+const std::string kTestBundles = VORLUND_TEST_BUNDLE_DIR;
+
+// The folder's names in the order the file system lists them.
+std::vector<std::string> listingOrder(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
+  return names;
+}
+
+// Runs a test case of the echo bundles the way execution does and answers whose code ran.
+std::string echoVoice(const std::shared_ptr<VLTestCaseObject>& testCase) {
+  auto object = VLGetClassForTestCase(testCase);
+  if (!object) return "no class";
+  vl::TestMethod method = vl::findTestMethod(*object, testCase->selector().value_or("echo:"));
+  if (!method) return "no method";
+  method(*object, testCase);
+  return testCase->options().value_or(Dictionary()).get("Voice").stringOr("silent");
+}
+
+std::shared_ptr<VLTestCaseObject> echoCase(std::optional<std::string> name,
+                                           std::optional<std::string> selector) {
+  auto testCase = VLTestCaseObject::make();
+  testCase->setName(std::move(name));
+  testCase->setSelector(std::move(selector));
+  return testCase;
+}
 
 // A copy of the sample bundle in dir under name, which tests may damage.
 std::string copySample(const std::string& dir, const std::string& name) {
@@ -29,12 +55,14 @@ std::string copySample(const std::string& dir, const std::string& name) {
 
 TEST(Bundles, ListingKeepsBundleNamesInOrderAndReportsUnlistableFolders) {
   vl::test::TempDir dir;
-  fs::create_directory(dir.file("b.bundle"));
-  fs::create_directory(dir.file("a.bundle"));
-  vl::test::writeFile(dir.file("notes.txt"), "x");
+  for (const char* name : {"b.bundle", "a.bundle", "c.bundle", "notes.txt"}) {
+    fs::create_directory(dir.file(name));
+  }
+  std::vector<std::string> listed = listingOrder(dir.path());
+  std::erase(listed, "notes.txt");
   auto names = VLGetBundlesInPath(dir.path());
   ASSERT_TRUE(names);
-  EXPECT_EQ(*names, (std::vector<std::string>{"a.bundle", "b.bundle"}));
+  EXPECT_EQ(*names, listed);
 
   vl::test::TempDir empty;
   ASSERT_TRUE(VLGetBundlesInPath(empty.path()));
@@ -102,6 +130,53 @@ TEST(Bundles, LoadedBundleRunsItsTestMethodsByName) {
   EXPECT_FALSE(vl::findTestMethod(*object, "noSuchMethod"));
 }
 
+TEST(Bundles, EachBundleRunsItsOwnCodeWhenClassAndMethodNamesAreShared) {
+  vl::test::Sandbox sandbox;
+  std::string dir = VLGetBundlePath();
+  fs::create_directories(dir);
+  for (const char* name : {"EchoA.bundle", "EchoB.bundle"}) {
+    fs::copy(kTestBundles + "/" + name, dir + "/" + name, fs::copy_options::recursive);
+  }
+  std::vector<std::string> listed = listingOrder(dir);
+  const std::string first = listed.at(0) == "EchoA.bundle" ? "A" : "B";
+  const std::string later = first == "A" ? "B" : "A";
+
+  // The later-listed bundle is loaded first, so that its object exists when the other one runs.
+  EXPECT_EQ(echoVoice(echoCase("Echo " + later, "echo:")), later);
+  EXPECT_EQ(echoVoice(echoCase("Echo " + first, "echo:")), first);
+  EXPECT_EQ(echoVoice(echoCase("Echo " + later, std::nullopt)), later);
+  // Known only by its selector, a test case belongs to the first bundle listed.
+  EXPECT_EQ(echoVoice(echoCase("Unlisted", "echo:")), first);
+
+  auto a = VLGetClassForTestCase(echoCase("Echo A", std::nullopt));
+  auto b = VLGetClassForTestCase(echoCase("Echo B", std::nullopt));
+  ASSERT_TRUE(a && b);
+  EXPECT_NE(a, b);
+  EXPECT_EQ(a, VLGetClassForTestCase(echoCase("Echo A", "echo:")));
+  // The registered name, not the C++ name of the aliased class.
+  EXPECT_EQ(a->className(), "EchoStress");
+  EXPECT_EQ(VLTestBundle::withBundlePath(dir + "/EchoB.bundle")->className(), "EchoStress");
+}
+
+TEST(Bundles, ASharedObjectAlreadyLoadedThroughAnotherPathLoads) {
+  vl::test::TempDir dir;
+  fs::copy(kTestBundles + "/EchoA.bundle", dir.file("EchoA.bundle"), fs::copy_options::recursive);
+  vl::Error error;
+  ASSERT_TRUE(VLTestBundle::withBundlePath(dir.file("EchoA.bundle"))->load(&error))
+      << error.description();
+
+  fs::create_directory_symlink(dir.file("EchoA.bundle"), dir.file("Linked.bundle"));
+  fs::create_directory(dir.file("HardLinked.bundle"));
+  fs::copy(dir.file("EchoA.bundle/Info.plist"), dir.file("HardLinked.bundle/Info.plist"));
+  fs::create_hard_link(dir.file("EchoA.bundle/EchoA.so"), dir.file("HardLinked.bundle/EchoA.so"));
+  for (const char* name : {"Linked.bundle", "HardLinked.bundle"}) {
+    auto bundle = VLTestBundle::withBundlePath(dir.file(name));
+    EXPECT_TRUE(bundle->load(&error)) << name << ": " << error.description();
+    ASSERT_TRUE(bundle->principalClass()) << name;
+    EXPECT_EQ(bundle->principalClass()->name, "EchoStress");
+  }
+}
+
 TEST(Bundles, BrokenBundlesGiveAnErrorNotACrash) {
   vl::test::TempDir dir;
   std::string noObject = copySample(dir.path(), "NoObject.bundle");
@@ -129,41 +204,53 @@ TEST(Bundles, BrokenBundlesGiveAnErrorNotACrash) {
   auto failed = capture.lines();
   ASSERT_FALSE(failed.empty());
   EXPECT_EQ(failed.back().level, VLLogLevelError);
-  EXPECT_EQ(failed.back().message.rfind("Failed to load bundle " + dir.path() + "/NoClass.bundle", 0),
-            0u) << failed.back().message;
+  // The search stops at the first matching bundle in listing order that fails to load.
+  std::string stopper;
+  for (const std::string& name : listingOrder(dir.path())) {
+    if (name == "NoClass.bundle" || name == "NoObject.bundle") {
+      stopper = name;
+      break;
+    }
+  }
+  EXPECT_EQ(failed.back().message.rfind("Failed to load bundle " + dir.file(stopper), 0), 0u)
+      << failed.back().message;
 }
 
 TEST(Bundles, SearchesPreferTheFirstBundleAndTheManagerTheLast) {
   vl::test::TempDir dir;
   copySample(dir.path(), "A.bundle");
   copySample(dir.path(), "B.bundle");
+  std::vector<std::string> listed = listingOrder(dir.path());
+  const std::string first = listed.at(0) == "A.bundle" ? "A" : "B";
+  const std::string later = first == "A" ? "B" : "A";
   vl::LogCapture capture;
   auto found = VLGetBundleForTestCaseSelectorAtPath("failWithOption:", dir.path());
   ASSERT_TRUE(found);
-  EXPECT_EQ(found->path(), dir.path() + "/A.bundle");
-  EXPECT_TRUE(capture.contains(VLLogLevelDebug, "Framework",
-                               "Found matching key/value pairing (Selector/failWithOption:) in " +
-                                   dir.path() + "/A.bundle"));
-  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Framework",
-                               "Loading bundle at " + dir.path() + "/A.bundle"));
+  EXPECT_EQ(found->path(), dir.path() + "/" + first + ".bundle");
+  EXPECT_TRUE(capture.contains(
+      VLLogLevelDebug, "Framework",
+      "Found matching key/value pairing (Selector/failWithOption:) in " + found->path()));
+  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Framework", "Loading bundle at " + found->path()));
   EXPECT_FALSE(VLGetBundleForTestCaseNameAtPath("Nothing", dir.path()));
   EXPECT_TRUE(capture.contains(
       VLLogLevelError, "Framework",
       "No bundles contained matching key/value pairing (Name/Nothing) in " + dir.path()));
 
   auto manager = VLTestBundleManager::withBundlesInPath(dir.path());
-  EXPECT_EQ(manager->getTestBundleForTest("Sample Failure")->name(), "B");
-  EXPECT_EQ(manager->bundles(), (std::vector<std::string>{"A", "B"}));
+  EXPECT_EQ(manager->getTestBundleForTest("Sample Failure")->name(), later);
+  EXPECT_EQ(manager->bundles(), (std::vector<std::string>{first, later}));
   EXPECT_EQ(manager->primaryProcesses("stress").get("wpa_supplicant"), vl::Value("wifi-stress"));
   EXPECT_EQ(manager->getDefaultSettingsForType("wifi", "quick")->get("Iterations"), vl::Value(10));
 
   std::string meta = manager->getMeta();
-  EXPECT_EQ(meta.rfind("Tracking the following bundle path: " + dir.path() + "\n\n[+] A\n\t+ ", 0),
-            0u);
+  EXPECT_EQ(
+      meta.rfind(
+          "Tracking the following bundle path: " + dir.path() + "\n\n[+] " + first + "\n\t+ ", 0),
+      0u);
   auto json = vl::json::parse(manager->getMetaAsJSON());
   ASSERT_TRUE(json && json->asArray());
   EXPECT_EQ(json->asArray()->size(), 2u);
-  EXPECT_EQ(json->asArray()->at(1).asDictionary()->get("name"), vl::Value("B"));
+  EXPECT_EQ(json->asArray()->at(1).asDictionary()->get("name"), vl::Value(later));
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
 // The stress service program, run for real on the test's private bus.
+#include "support/daemon.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -6,8 +8,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "support/daemon.h"
 #include "support/test_support.h"
+#include "vorlund/conversion/object_data.h"
 #include "vorlund/foundation/time_scale.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/client.h"
@@ -98,7 +100,8 @@ TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
 
   Error error;
   ASSERT_TRUE(addResultToServiceRun(finishedResult("Attach", true), &error)) << error.description();
-  ASSERT_TRUE(addResultToServiceRun(finishedResult("Attach", false), &error)) << error.description();
+  ASSERT_TRUE(addResultToServiceRun(finishedResult("Attach", false), &error))
+      << error.description();
   auto issue = VLIssue::make();
   issue->setProcess("wpa_supplicant");
   issue->setReason("SIGSEGV");
@@ -196,6 +199,60 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
   EXPECT_EQ(unreachable.waitForExit(), 1);
   ASSERT_TRUE(VLResults::hasResumeData());
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Roam"), std::string::npos);
+}
+
+// Messages other than test case requests go to the router: a posted result joins the run, and
+// manager results and bare replies are taken (and dropped when nobody waits), never refused.
+TEST(DaemonTest, RoutesEveryOtherMessageIntoItsRun) {
+  test::Sandbox sandbox;
+  Daemon daemon;
+  ASSERT_TRUE(daemon.waitUntilServing());
+  Error error;
+  auto archived = VLConvertObjectToData(Value(finishedResult("Posted", true)), &error);
+  ASSERT_TRUE(archived) << error.description();
+  IpmDictionary posted;
+  posted.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeTestCaseResult));
+  posted.set(kVLMessageKeyResult, IpmValue::ofData(archived->bytes));
+  IpmDictionary managerResult;
+  managerResult.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeManagerCommandResult));
+  managerResult.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000001"));
+  IpmDictionary bareReply;
+  bareReply.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000002"));
+  for (const IpmDictionary& message : {posted, managerResult, bareReply}) {
+    auto reply = sendMessage(IpmValue::ofDictionary(message), kNoTimeout, &error);
+    ASSERT_TRUE(reply) << error.description();
+    EXPECT_TRUE(reply->asDictionary()->empty());
+  }
+  std::optional<Dictionary> summary = serviceRunSummary(&error);
+  ASSERT_TRUE(summary) << error.description();
+  EXPECT_NE(testCaseIn(*summary, "Posted"), nullptr) << summary->description();
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
+}
+
+// Under a name that is not a host process the service still runs test cases itself instead of
+// sending them to the stress service, which is itself.
+TEST(DaemonTest, RunsTestCasesItselfWhateverItIsCalled) {
+  test::Sandbox sandbox;
+  test::ScopedEnv name("VORLUND_PROCESS_NAME", "stress-runner");
+  Daemon daemon;
+  ASSERT_TRUE(daemon.waitUntilServing());
+  auto object = VLTestCaseObject::make();
+  object->setName("ImplementedNowhere");
+  object->setSelector("runNowhere");
+  Error error;
+  auto archived = VLConvertObjectToData(Value(object), &error);
+  ASSERT_TRUE(archived);
+  IpmDictionary request;
+  request.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeTestCaseRequest));
+  request.set(kVLMessageKeyTestCase, IpmValue::ofData(archived->bytes));
+  auto reply = sendMessage(IpmValue::ofDictionary(request), std::chrono::seconds(10), &error);
+  ASSERT_TRUE(reply) << error.description();
+  const IpmValue* result = reply->asDictionary()->find(kVLMessageKeyResult);
+  ASSERT_TRUE(result && result->asData());
+  auto decoded = VLConvertDataToObject(*result->asData(), &error).record<VLTestCaseResult>();
+  ASSERT_TRUE(decoded);
+  EXPECT_TRUE(decoded->isNoOp());
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
 
 // Resident memory of a process in kB, from /proc; -1 when unknown.

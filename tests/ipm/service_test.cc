@@ -1,13 +1,18 @@
 #include "vorlund/ipm/service.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
+#include <vector>
 
+#include "support/child_process.h"
+#include "support/daemon.h"
 #include "support/test_support.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/foundation/time_scale.h"
@@ -136,7 +141,8 @@ TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
       {{"Echo", echo},
        {"Throws", [](const IpmValue&) -> IpmValue { throw std::runtime_error("boom"); }},
        {"NotADictionary", [](const IpmValue&) { return IpmValue::ofInt64(1); }},
-       {kVLMessageTypeTestCaseRequest, testCaseRequestHandler([](const auto&) { return nullptr; })}});
+       {kVLMessageTypeTestCaseRequest,
+        testCaseRequestHandler([](const auto&) { return nullptr; })}});
   ASSERT_TRUE(service);
 
   struct Case {
@@ -288,6 +294,96 @@ TEST(ServiceTest, ClientTimeOutEndsTheWait) {
   EXPECT_EQ(error.code, static_cast<int64_t>(IpmErrorCode::kTimedOut));
   EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(5));
   gate.release();
+}
+
+TEST(ServiceTest, RunsAtMostItsWorkersAtOnceAndQueuesTheRest) {
+  Gate gate;
+  std::atomic<int> running{0};
+  std::atomic<int> most{0};
+  ServiceOptions options;
+  options.workers = 3;
+  Error error;
+  auto service = Service::start({{"Slow",
+                                  [&](const IpmValue& req) {
+                                    int now = ++running;
+                                    for (int seen = most;
+                                         now > seen && !most.compare_exchange_weak(seen, now);) {
+                                    }
+                                    IpmValue reply = gate.pass(req);
+                                    --running;
+                                    return reply;
+                                  }}},
+                                options, &error);
+  ASSERT_TRUE(service) << error.description();
+  constexpr int kClients = 12;
+  std::atomic<int> answered{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < kClients; ++i) {
+    clients.emplace_back([&] {
+      Error failure;
+      if (sendMessage(request("Slow"), kTimeout, &failure)) ++answered;
+    });
+  }
+  gate.waitEntered();
+  // Time for every request to reach the service, and for a service without a bound to start them.
+  vl::time::sleepFor(0.5);
+  EXPECT_EQ(running.load(), 3);
+  gate.release();
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(answered.load(), kClients);
+  EXPECT_EQ(most.load(), 3);
+}
+
+TEST(ServiceTest, ABoundedStopGivesUpOnAHandlerThatOutlastsIt) {
+  Gate gate;
+  auto service = startService({{"Slow", [&](const IpmValue& req) { return gate.pass(req); }}});
+  ASSERT_TRUE(service);
+  std::thread client([] {
+    Error error;
+    sendMessage(request("Slow"), kTimeout, &error);
+  });
+  gate.waitEntered();
+  auto started = std::chrono::steady_clock::now();
+  EXPECT_FALSE(service->stop(milliseconds(200)));
+  EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(5));
+  Error error;
+  EXPECT_FALSE(sendMessage(request("Slow"), kTimeout, &error))
+      << "a stopping service takes no more";
+  gate.release();
+  client.join();
+  service.reset();  // the handler has ended: the service finishes its stop
+}
+
+// Callers as other users, through the bus's own command-line client.
+TEST(ServiceTest, WithAGroupItServesOnlyRootAndTheGroupsMembers) {
+  if (geteuid() != 0) GTEST_SKIP() << "calling as other users needs root";
+  test::TempDir dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  test::PrivateBus bus(dir.path());
+  ASSERT_TRUE(bus.started());
+  ServiceOptions options;
+  options.allowedGroup = 4242;
+  Error error;
+  auto service = Service::start({{"Echo", echo}}, options, &error);
+  ASSERT_TRUE(service) << error.description();
+  auto callAs = [&](std::vector<std::string> identity) {
+    std::vector<std::string> argv = {"setpriv"};
+    argv.insert(argv.end(), identity.begin(), identity.end());
+    argv.insert(argv.end(), {"busctl", "--address=unix:path=" + dir.path() + "/bus-socket", "call",
+                             kServiceName, kObjectPath, kInterfaceName, kMethodName, "a{sv}", "1",
+                             "MessageType", "s", "Echo"});
+    return test::runChild(argv);
+  };
+  vl::LogCapture capture;
+  auto outsider = callAs({"--reuid=65534", "--regid=65534", "--clear-groups"});
+  EXPECT_NE(outsider.exitStatus, 0);
+  EXPECT_NE(outsider.err.find("Access denied"), std::string::npos) << outsider.err;
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "IPM",
+                               "Refusing a message from a caller outside the service's group"));
+  auto member = callAs({"--reuid=65534", "--regid=65534", "--groups=4242"});
+  EXPECT_EQ(member.exitStatus, 0) << member.err;
+  auto root = callAs({"--reuid=0", "--regid=0", "--clear-groups"});
+  EXPECT_EQ(root.exitStatus, 0) << root.err;
 }
 
 TEST(ServiceTest, AnswersAThousandRequestsInARow) {

@@ -36,10 +36,9 @@ bool Daemon::waitUntilServing() {
   ping.set(kVLMessageKeyType, IpmValue::ofString("Ping"));
   for (int i = 0; i < 400; ++i) {
     Error error;
-    ipm::sendMessage(IpmValue::ofDictionary(ping), std::chrono::seconds(5), &error);
-    if (error.code != static_cast<int64_t>(ipm::IpmErrorCode::kNotRunning)) {
-      return error.localizedDescription() == "Unsupported message type \"Ping\"";
-    }
+    auto reply = ipm::sendMessage(IpmValue::ofDictionary(ping), std::chrono::seconds(5), &error);
+    if (error.code != static_cast<int64_t>(ipm::IpmErrorCode::kNotRunning))
+      return reply.has_value();
     vl::time::sleepFor(0.05);
   }
   return false;
@@ -73,9 +72,11 @@ std::vector<std::string> PrivateBus::commandFor(const std::string& dir,
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>session</type>
-  <listen>unix:path=)" + dir + R"(/bus-socket</listen>
+  <listen>unix:path=)" +
+                       dir + R"(/bus-socket</listen>
 )" + (serviceDir.empty() ? "" : "  <servicedir>" + serviceDir + "</servicedir>\n") +
                        R"(  <policy context="default">
+    <allow user="*"/>
     <allow send_destination="*"/>
     <allow eavesdrop="true"/>
     <allow own="*"/>

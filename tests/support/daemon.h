@@ -25,8 +25,9 @@ class Daemon {
   bool started() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
 
-  // For the stress service: waits until it answers on the bus (it refuses an unknown message type);
-  // false after 20 seconds or when it answers otherwise.
+  // For the stress service: waits until it answers on the bus (it routes a message of a type it
+  // has no handler for and replies with an empty dictionary); false after 20 seconds or when it
+  // answers with an error.
   bool waitUntilServing();
 
   // Sends signal and returns the exit status, or -1 when the daemon did not exit normally.

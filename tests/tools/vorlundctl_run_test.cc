@@ -1,11 +1,10 @@
 // vorlundctl list and run against the real sample bundle, staged in a private device root.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <chrono>
 #include <filesystem>
 #include <thread>
-
-#include <signal.h>
 
 #include "support/child_process.h"
 #include "support/daemon.h"
@@ -28,14 +27,16 @@ class VorlundctlRunTest : public ::testing::Test {
     std::string bundles = sandbox_.root() + "/BrindleInternal/Library/Bundles/Stress";
     std::filesystem::create_directories(bundles);
     std::filesystem::copy(std::string(VORLUND_SAMPLE_BUNDLE_DIR) + "/SampleStress.bundle",
-                          bundles + "/SampleStress.bundle", std::filesystem::copy_options::recursive);
+                          bundles + "/SampleStress.bundle",
+                          std::filesystem::copy_options::recursive);
   }
 
   const Dictionary* statistic(const std::string& name) {
     auto shown = ctl({"results", "show", "--json"});
     EXPECT_EQ(shown.exitStatus, 0) << shown.err;
     run_ = json::parse(shown.out).value_or(Value());
-    const Array* cases = run_.asDictionary() ? run_.asDictionary()->get("TestCases").asArray() : nullptr;
+    const Array* cases =
+        run_.asDictionary() ? run_.asDictionary()->get("TestCases").asArray() : nullptr;
     for (size_t i = 0; cases && i < cases->size(); ++i) {
       const Dictionary* d = (*cases)[i].asDictionary();
       if (d && d->get("Name") == Value(name)) return d;
@@ -72,8 +73,29 @@ TEST_F(VorlundctlRunTest, LocalRunsJoinTheFileBackedRun) {
   EXPECT_EQ(ping->get("Instances"), Value(3));
   const Dictionary* throughput = statistic("Sample Throughput");
   ASSERT_NE(throughput, nullptr);
-  EXPECT_EQ(throughput->get("Metrics").asDictionary()->get("Throughput").asDictionary()->get("Mean"),
-            Value(240));
+  EXPECT_EQ(
+      throughput->get("Metrics").asDictionary()->get("Throughput").asDictionary()->get("Mean"),
+      Value(240));
+}
+
+// The library's own issues join the user's run: no run of the command's own, no stray timeline.
+TEST_F(VorlundctlRunTest, AMissingBundleFolderIsAnIssueOfTheUsersRun) {
+  ASSERT_EQ(ctl({"results", "add", "--name", "Setup", "--type", "PassFail", "--pass"}).exitStatus,
+            0);
+  // Issues dated in the run's first second count as older than the run.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  std::filesystem::remove_all(sandbox_.root() + "/BrindleInternal");
+  ASSERT_EQ(ctl({"list"}).exitStatus, 0);
+
+  auto shown = ctl({"results", "show", "--json"});
+  ASSERT_EQ(shown.exitStatus, 0) << shown.err;
+  EXPECT_NE(shown.out.find("No bundles could be loaded"), std::string::npos) << shown.out;
+  size_t timelines = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(sandbox_.home() + "/Library/Logs/Vorlund/Results")) {
+    timelines += entry.path().extension() == ".db";
+  }
+  EXPECT_EQ(timelines, 1u) << "a command started a run of its own";
 }
 
 TEST_F(VorlundctlRunTest, AFailedResultGivesExitStatusOneWithItsReason) {
@@ -86,8 +108,9 @@ TEST_F(VorlundctlRunTest, AFailedResultGivesExitStatusOneWithItsReason) {
 }
 
 TEST_F(VorlundctlRunTest, AdHocTestCaseFromADictionary) {
-  test::writeFile(sandbox_.path("adhoc.json"),
-                  R"({"Name": "Ad hoc ping", "Selector": "pingGateway:", "Technology": "WiFi", "Type": "PassFail"})");
+  test::writeFile(
+      sandbox_.path("adhoc.json"),
+      R"({"Name": "Ad hoc ping", "Selector": "pingGateway:", "Technology": "WiFi", "Type": "PassFail"})");
   auto adhoc = ctl({"run", "--dict", sandbox_.path("adhoc.json"), "--local"});
   EXPECT_EQ(adhoc.exitStatus, 0) << adhoc.err;
   EXPECT_NE(adhoc.out.find("passed"), std::string::npos) << adhoc.out;
@@ -101,7 +124,8 @@ TEST_F(VorlundctlRunTest, AdHocTestCaseFromADictionary) {
 TEST_F(VorlundctlRunTest, UnknownTestCaseOrMissingServiceIsOneClearLine) {
   auto unknown = ctl({"run", "No Such Test", "--local"});
   EXPECT_EQ(unknown.exitStatus, 1);
-  EXPECT_NE(unknown.err.find("offers a test case named 'No Such Test'"), std::string::npos) << unknown.err;
+  EXPECT_NE(unknown.err.find("offers a test case named 'No Such Test'"), std::string::npos)
+      << unknown.err;
 
   // Without --local the test case goes to the stress service: here the bus is up, the service not.
   auto notRunning = ctl({"run", "Sample Ping Gateway"});
@@ -144,7 +168,8 @@ TEST_F(VorlundctlRunTest, WhileTheServiceRunsItKeepsTheOneRun) {
     ASSERT_NE(statistic("Sample Throughput"), nullptr) << "--local results join the service's run";
     ASSERT_NE(statistic("Manual check"), nullptr);
     EXPECT_EQ(statistic("Manual check")->get("Instances"), Value(1));
-    EXPECT_FALSE(VLResults::hasResumeData()) << "a command wrote the run's files beside the service";
+    EXPECT_FALSE(VLResults::hasResumeData())
+        << "a command wrote the run's files beside the service";
     EXPECT_EQ(daemon.stop(SIGTERM), 0);
   }
   // Without the service the commands read the run it suspended.
@@ -152,6 +177,23 @@ TEST_F(VorlundctlRunTest, WhileTheServiceRunsItKeepsTheOneRun) {
   ASSERT_NE(ping, nullptr) << run_.description();
   EXPECT_EQ(ping->get("Instances"), Value(2));
   ASSERT_NE(statistic("Manual check"), nullptr);
+}
+
+// A stop signal suspends the run at once and ends the service within its bound even while a test
+// case still runs.
+TEST_F(VorlundctlRunTest, TerminationSuspendsTheRunWithoutWaitingForALongTestCase) {
+  test::ScopedEnv fast("VORLUND_TIME_SCALE", "0.05");  // the 20 s stop bound becomes 1 s
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
+  ASSERT_TRUE(daemon.waitUntilServing());
+  ASSERT_EQ(ctl({"run", "Sample Ping Gateway"}).exitStatus, 0);
+  test::Daemon sleeper({VORLUNDCTL_PATH, "run", "Sample Sleep", "--option", "Seconds=36000"});
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the request reaches the service
+
+  kill(daemon.pid(), SIGTERM);
+  EXPECT_EQ(daemon.waitForExit(), 0) << "the service waited for the test case";
+  ASSERT_TRUE(VLResults::hasResumeData());
+  EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Sample Ping Gateway"),
+            std::string::npos);
 }
 
 // The activation file the project ships starts the service on the first message: a bus of the
@@ -170,7 +212,8 @@ TEST_F(VorlundctlRunTest, TheBusStartsTheServiceOnDemand) {
   ipm::ScopedBus connection = ipm::openBus();
   ASSERT_TRUE(connection);
   sd_bus_creds* creds = nullptr;
-  ASSERT_GE(sd_bus_get_name_creds(connection.get(), ipm::kServiceName, SD_BUS_CREDS_PID, &creds), 0);
+  ASSERT_GE(sd_bus_get_name_creds(connection.get(), ipm::kServiceName, SD_BUS_CREDS_PID, &creds),
+            0);
   pid_t service = 0;
   sd_bus_creds_get_pid(creds, &service);
   sd_bus_creds_unref(creds);

@@ -2,22 +2,32 @@
 // other processes send it, adding each result to the run this process keeps (its currentResults,
 // carried on from the resume data when the last instance was suspended). While it serves, it is the
 // one writer of its user's run: it holds the run lock, and front ends add their results and issues
-// through its "ResultsRequest" messages. SIGTERM and SIGINT suspend the run and end the process
-// (status 0); so does the loss of the bus connection (status 1), so that a service whose bus went
-// away does not hold the run.
+// through its "ResultsRequest" messages; every other message goes to the message router
+// (VLFindObjectForMessage). SIGTERM and SIGINT suspend the run and end the process (status 0); so
+// does the loss of the bus connection (status 1), so that a service whose bus went away does not
+// hold the run. The run is suspended first, then running test cases get a bounded time to finish
+// (their results are then written too), so the service ends well inside systemd's stop time-out.
+//
+// Requests run on a bounded pool of workers. On the system bus only root and the members of the
+// group named by the preference "ServiceGroup" (default "vorlund") are served.
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
 
+#include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/conversion/file_handle.h"
 #include "vorlund/foundation/format.h"
+#include "vorlund/foundation/process.h"
+#include "vorlund/foundation/time_scale.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/results_service.h"
 #include "vorlund/ipm/service.h"
@@ -30,11 +40,18 @@
 namespace {
 
 constexpr const char* kCategory = "Vorlund";
+// How long running test cases may go on after a stop signal, once the run is suspended; systemd's
+// TimeoutStopSec in the unit leaves room beyond it.
+constexpr double kStopWaitSeconds = 20.0;
+constexpr const char* kServiceGroupPreference = "ServiceGroup";
+constexpr const char* kDefaultServiceGroup = "vorlund";
 
-// Runs one requested test case here and records its result in this process's run.
+// Runs one requested test case here and records its result in this process's run. The service
+// runs test code itself whatever its process is called: sending the request on to the stress
+// service would be sending it to itself.
 std::shared_ptr<VLTestCaseResult> executeAndRecord(
     const std::shared_ptr<VLTestCaseObject>& object) {
-  std::shared_ptr<VLTestCaseResult> result = VLExecuteTestCase(object);
+  std::shared_ptr<VLTestCaseResult> result = vl::executeTestCaseInProcess(object);
   if (!result) return nullptr;
   try {
     VLResults::currentResults()->addTestCaseResult(result, VLGetClassForTestCase(object), true);
@@ -74,6 +91,21 @@ bool waitForSignalOrLostBus(int signalFd, int lostBus) {
         n == static_cast<ssize_t>(sizeof info) ? strsignal(static_cast<int>(info.ssi_signo))
                                                : "an unreadable signal");
   return false;
+}
+
+// The group whose members may call the service on the system bus: "ServiceGroup" as a group name
+// or number. None on the session bus, which is the user's own. A group that does not exist leaves
+// root alone able to call.
+std::optional<gid_t> allowedGroup() {
+  if (vl::ipm::selectedBus() != vl::ipm::BusKind::kSystem) return std::nullopt;
+  const vl::Value preference = VLGetPreferences().get(kServiceGroupPreference);
+  if (const vl::Number* number = preference.asNumber())
+    return static_cast<gid_t>(number->int64Value());
+  std::string name = preference.stringOr(kDefaultServiceGroup);
+  if (const group* found = getgrnam(name.c_str())) return found->gr_gid;
+  VLLog(VLLogLevelError, kCategory, "The group %@ does not exist; only root may call the service",
+        name);
+  return static_cast<gid_t>(0);
 }
 
 bool suspendRun() {
@@ -118,14 +150,22 @@ int main() {
   VLLog(VLLogLevelInfo, kCategory, "Vorlund started (%s run)",
         results->resumed() ? "resumed" : "new");
 
+  if (!vl::isTestHostProcess()) {
+    VLLog(VLLogLevelError, kCategory,
+          "Vorlund runs as %@, which is not a host process; it runs test cases itself all the same",
+          vl::process::name());
+  }
+  vl::ipm::ServiceOptions options;
+  options.allowedGroup = allowedGroup();
+  options.onDisconnect = [fd = lostBus->fileDescriptor()] {
+    uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(fd, &one, sizeof one);
+  };
   auto service = vl::ipm::Service::start(
       {{kVLMessageTypeTestCaseRequest, vl::ipm::testCaseRequestHandler(executeAndRecord)},
-       {vl::ipm::kResultsRequestMessageType, vl::ipm::resultsRequestHandler()}},
-      [fd = lostBus->fileDescriptor()] {
-        uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = write(fd, &one, sizeof one);
-      },
-      &error);
+       {vl::ipm::kResultsRequestMessageType, vl::ipm::resultsRequestHandler()},
+       {vl::ipm::kOtherMessages, vl::ipm::messageRouterHandler()}},
+      std::move(options), &error);
   if (!service) {
     VLLog(VLLogLevelFatal, kCategory, "Unable to serve %s: %@", vl::ipm::kServiceName,
           error.localizedDescription());
@@ -135,8 +175,18 @@ int main() {
   }
 
   bool busLost = waitForSignalOrLostBus(signalFd->fileDescriptor(), lostBus->fileDescriptor());
-  // Running test cases end and get their replies before the run is written out.
-  service->stop();
+  // The run is on disk before anything can hold the stop up; test cases that finish within the
+  // bound add their results, and the run is written again.
   bool suspended = suspendRun();
+  auto bound =
+      std::chrono::duration_cast<std::chrono::milliseconds>(vl::time::scaled(kStopWaitSeconds));
+  if (!service->stop(bound)) {
+    VLLog(VLLogLevelError, kCategory,
+          "Test cases still running after %.1f seconds; leaving them with the run suspended",
+          static_cast<double>(bound.count()) / 1000.0);
+    // Running handlers still use the process's objects: end without running static destructors.
+    std::_Exit(suspended && !busLost ? 0 : 1);
+  }
+  suspended = suspendRun();
   return suspended && !busLost ? 0 : 1;
 }

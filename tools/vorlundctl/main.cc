@@ -1,11 +1,11 @@
 // vorlundctl: the command-line front end of Vorlund. Each command lives in a file of its own and
 // registers itself with the app here.
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <exception>
 
 #include "commands.h"
+#include "user_run.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"vorlundctl: the front end of Vorlund, the wireless stress-test system"};
@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
     return app.exit(e);
   }
   try {
+    vorlundctl::recordLibraryIssuesInUserRun();
     return vorlundctl::runSelectedCommand();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "vorlundctl: %s\n", e.what());

@@ -1,5 +1,6 @@
 #include "user_run.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -9,6 +10,7 @@
 #include "vorlund/foundation/time_scale.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/results_service.h"
+#include "vorlund/results/issue_reporting.h"
 #include "vorlund/results/results.h"
 #include "vorlund/results/run_lock.h"
 #include "vorlund/results/run_summary.h"
@@ -29,6 +31,9 @@ bool serviceAbsent(const vl::Error& error) {
 // run resumed from its files. A lock held elsewhere is either another command (done in a moment)
 // or a service that is starting (on the bus in a moment), so both are asked again until one
 // answers.
+// Set while this process holds the run resumed from its files (under the run lock).
+std::atomic<bool> holdingRunFiles{false};
+
 template <typename T>
 T withUserRun(const std::function<std::optional<T>(vl::Error*)>& inService,
               const std::function<T(VLResults&)>& inFiles) {
@@ -41,6 +46,10 @@ T withUserRun(const std::function<std::optional<T>(vl::Error*)>& inService,
 
     vl::Error lockError;
     if (std::unique_ptr<vl::RunLock> lock = vl::RunLock::take(false, &lockError)) {
+      holdingRunFiles = true;
+      struct Release {
+        ~Release() { holdingRunFiles = false; }
+      } release;
       T answer = inFiles(*VLResults::currentResults());
       // The run is in its files again; the next change resumes it from there, with whatever other
       // commands added in between.
@@ -103,6 +112,21 @@ std::string resetUserRun() {
     // Resuming consumed the resume data: without a suspend the next command starts a new run.
     run.saveToDisk();
     return run.getResultsFilePath();
+  });
+}
+
+void recordLibraryIssuesInUserRun() {
+  vl::setIssueRecorder([](const std::shared_ptr<VLIssue>& issue) {
+    if (holdingRunFiles) {
+      VLResults::currentResults()->addIssue(issue);
+      return;
+    }
+    try {
+      addIssueToUserRun(issue);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "vorlundctl: could not record the issue \"%s\": %s\n",
+                   issue->reason().value_or("").c_str(), e.what());
+    }
   });
 }
 

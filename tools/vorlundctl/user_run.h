@@ -22,4 +22,10 @@ vl::Dictionary userRunSummary();
 // Saves the run to its results file and lets the next change start a new run; returns the file.
 std::string resetUserRun();
 
+// Sends the issues the library records about itself (an unlistable bundle folder, a test case no
+// bundle implements) to the user's run, instead of starting a run in this process. While this
+// process holds the run in its files they go to that run directly. A failure to record one is
+// printed on standard error and is not fatal.
+void recordLibraryIssuesInUserRun();
+
 }  // namespace vorlundctl

@@ -40,6 +40,7 @@ struct BundleClass {
   // Where the class came from: the path of the shared object being opened when it registered, or
   // "" for classes compiled into the program itself.
   std::string origin;
+  // Creates an instance and marks it with this class's name and origin.
   std::function<std::shared_ptr<VLTestCaseClass>()> create;
   std::function<bool(const VLTestCaseClass&)> isKindOfClass;
   DefaultSettingsFunction defaultSettings;  // empty when none was registered
@@ -57,9 +58,11 @@ bool registerBundleTestMethod(std::string className, std::string selector, TestM
 // program (origin ""). nullptr when there is none.
 std::shared_ptr<const BundleClass> findBundleClass(const std::string& origin,
                                                    const std::string& name);
-// The test method of that selector (with or without its final ":") that applies to the object: a
-// method of the object's own class first, then one of any registered class that the object is a
-// kind of. An empty function when none does.
+// The test method of that selector (with or without its final ":") that applies to the object. An
+// object created by a registered class (VLTestCaseClass::registeredClass) runs a method of that
+// class, else of a class of the same shared object or of the program that it is a kind of. Any
+// other object: a method of its own class first, then one of any registered class that the object
+// is a kind of. An empty function when none does.
 TestMethod findTestMethod(const VLTestCaseClass& object, std::string_view selector);
 
 // Registrations made while an object of this type lives on a thread belong to origin (the bundle
@@ -83,14 +86,16 @@ class ScopedRegistrationOrigin {
 
 // Registers Class (a subclass of VLTestCaseClass, default-constructible) under its name, which is
 // the "Principal Class" of the bundle's Info.plist. Instances are made with VLTestCaseClass::make.
-#define VORLUND_BUNDLE_CLASS(Class)                                                          \
-  static_assert(std::is_base_of_v<VLTestCaseClass, Class>,                                   \
-                #Class " must derive from VLTestCaseClass");                                 \
-  [[maybe_unused]] static const bool VORLUND_CONCAT_(vorlundBundleClass_, __COUNTER__) =     \
-      ::vl::registerBundleClass(                                                             \
-          #Class,                                                                            \
+#define VORLUND_BUNDLE_CLASS(Class)                                                            \
+  static_assert(std::is_base_of_v<VLTestCaseClass, Class>,                                     \
+                #Class " must derive from VLTestCaseClass");                                   \
+  [[maybe_unused]] static const bool VORLUND_CONCAT_(vorlundBundleClass_, __COUNTER__) =       \
+      ::vl::registerBundleClass(                                                               \
+          #Class,                                                                              \
           []() -> std::shared_ptr<VLTestCaseClass> { return VLTestCaseClass::make<Class>(); }, \
-          [](const VLTestCaseClass& object) { return dynamic_cast<const Class*>(&object) != nullptr; })
+          [](const VLTestCaseClass& object) {                                                  \
+            return dynamic_cast<const Class*>(&object) != nullptr;                             \
+          })
 
 // Registers the default-settings function of Class: any callable taking (std::string_view type,
 // std::string_view subtype) and returning std::optional<vl::Dictionary>.
@@ -100,13 +105,13 @@ class ScopedRegistrationOrigin {
 
 // Registers the member function Class::method as the test method of selector "method". Its
 // signature: std::shared_ptr<VLTestCaseResult> method(std::shared_ptr<VLTestCaseObject>).
-#define VORLUND_TEST_METHOD(Class, method)                                                  \
-  [[maybe_unused]] static const bool VORLUND_CONCAT_(vorlundTestMethod_, __COUNTER__) =     \
-      ::vl::registerBundleTestMethod(                                                       \
-          #Class, #method,                                                                  \
-          [](VLTestCaseClass& object, const std::shared_ptr<VLTestCaseObject>& testCase)    \
-              -> std::shared_ptr<VLTestCaseResult> {                                        \
-            auto* self = dynamic_cast<Class*>(&object);                                     \
-            if (self == nullptr) return nullptr;                                            \
-            return self->method(testCase);                                                  \
+#define VORLUND_TEST_METHOD(Class, method)                                               \
+  [[maybe_unused]] static const bool VORLUND_CONCAT_(vorlundTestMethod_, __COUNTER__) =  \
+      ::vl::registerBundleTestMethod(                                                    \
+          #Class, #method,                                                               \
+          [](VLTestCaseClass& object, const std::shared_ptr<VLTestCaseObject>& testCase) \
+              -> std::shared_ptr<VLTestCaseResult> {                                     \
+            auto* self = dynamic_cast<Class*>(&object);                                  \
+            if (self == nullptr) return nullptr;                                         \
+            return self->method(testCase);                                               \
           })

@@ -64,6 +64,9 @@ class VLTestBundle {
   // error (domain kVLBundleErrorDomain, the reason as its description) when the folder, Info.plist,
   // the shared object or the class is missing or broken. Never throws.
   bool load(vl::Error* error = nullptr) const;
+  // The "Principal Class" its Info.plist names, without loading the code. None when the bundle
+  // cannot be opened or names none.
+  std::optional<std::string> className() const;
   // The registered principal class; loads the code first. nullptr when loading fails.
   std::shared_ptr<const vl::BundleClass> principalClass() const;
 
@@ -120,8 +123,9 @@ class VLTestBundleManager {
 // executable, in "forgetest" $__FORGE_BUILT_PRODUCTS_DIR_PATHS; otherwise, or when those give
 // nothing, "/BrindleInternal/Library/Bundles/Stress" under $VORLUND_ROOT.
 std::string VLGetBundlePath();
-// The names (not paths) ending in ".bundle" in path, sorted. None when the directory cannot be
-// listed: then logs at level 16 "No bundles found in bundle directory: <error>" and records the
+// The names (not paths) ending in ".bundle" in path, in the directory's listing order (the file
+// system's, not sorted: "first" and "later" bundle mean this order). None when the directory cannot
+// be listed: then logs at level 16 "No bundles found in bundle directory: <error>" and records the
 // "Failure" issue "No bundles could be loaded". An empty directory gives an empty list.
 std::optional<std::vector<std::string>> VLGetBundlesInPath(const std::string& path);
 // VLGetBundlesInPath(VLGetBundlePath()).

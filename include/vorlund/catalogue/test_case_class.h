@@ -53,7 +53,7 @@ class VLTestCaseClass : public vl::CodableRecord {
   void updateResponses(const std::function<void(vl::Array&)>& change);
   void updatePendingMessageIDs(const std::function<void(vl::Array&)>& change);
 
-  // The name of the object's class: the C++ name of its dynamic type, e.g. "VLTestCaseClass".
+  // The name of the object's class: className().
   std::string friendlyName() const;
 
   // Hooks for subclasses; the base does nothing and returns false.
@@ -65,10 +65,24 @@ class VLTestCaseClass : public vl::CodableRecord {
   static std::optional<vl::Dictionary> getDefaultSettingsForType(std::string_view type,
                                                                  std::string_view subtype);
 
-  // The C++ name of the dynamic type (so "VLTestCaseClass" for the base). A subclass that is to be
-  // archived registers its class under this name with {"VLTestCaseClass", "NSObject"} as its
-  // superclasses, so that a process that does not know it decodes it as a VLTestCaseClass.
+  // The registered name of the class when a bundle's registry created the object (its "Principal
+  // Class", whatever C++ spelling or alias the class has), else the C++ name of the dynamic type
+  // (so "VLTestCaseClass" for the base). A subclass that is to be archived registers its class
+  // under this name with {"VLTestCaseClass", "NSObject"} as its superclasses, so that a process
+  // that does not know it decodes it as a VLTestCaseClass.
   std::string className() const override;
+
+  // The registered class an object was created as: its name and the shared object that registered
+  // it ("" for classes compiled into the program). Two bundles may hold classes of the same C++
+  // name, so this, not the C++ type, tells whose code the object runs.
+  struct RegisteredClass {
+    std::string name;
+    std::string origin;
+    bool operator==(const RegisteredClass&) const = default;
+  };
+  std::optional<RegisteredClass> registeredClass() const;
+  // Set once by the registry that creates the object (bundle_registration.h).
+  void setRegisteredClass(RegisteredClass registered);
 
   // Archives "instanceId" (string) and "technology" (number); the other properties describe the
   // waiting state of one process and are not archived.
@@ -90,4 +104,5 @@ class VLTestCaseClass : public vl::CodableRecord {
   vl::Array pendingMessageIDs_;
   std::shared_ptr<vl::Condition> lock_;
   int64_t technology_ = 0;
+  std::optional<RegisteredClass> registeredClass_;
 };

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -28,6 +29,10 @@ struct TestCaseProvider {
   std::function<std::shared_ptr<VLTestCaseClass>()> create;
   // Whether an object is a kind of the principal class (the class itself or a subclass).
   std::function<bool(const VLTestCaseClass&)> isKindOfClass;
+  // For a bundle's provider, the registration of its principal class: the loaded instance of the
+  // provider is the one created as exactly that class (VLTestCaseClass::registeredClass), because
+  // another bundle's class of the same C++ name also passes isKindOfClass.
+  std::optional<VLTestCaseClass::RegisteredClass> registeredClass = std::nullopt;
 };
 
 // A provider whose principal class is T, created with VLTestCaseClass::make<T>().
@@ -50,6 +55,8 @@ void registerTestCaseProvider(TestCaseProvider provider);
 // Removes the provider of that path and the loaded class instances that are a kind of its
 // principal class. Unknown paths are ignored.
 void removeTestCaseProvider(const std::string& path);
+// The provider registered for a bundle path, or nullptr.
+std::shared_ptr<const TestCaseProvider> findTestCaseProviderForPath(const std::string& path);
 // The provider that declares the test case name, else the one that lists the selector; the first
 // registered wins. nullptr when none does.
 std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* name,
@@ -69,12 +76,14 @@ std::vector<std::shared_ptr<VLTestCaseClass>> loadedRemoteExecutionObjects();
 
 }  // namespace vl
 
-// The instance of the class that implements the test case: the provider by the test case's name,
-// else by its selector, loading the bundle that declares it (test_bundle.h) when none is registered
-// yet; an already loaded instance of its principal class (the loaded classes are logged as
+// The instance of the class that implements the test case. Its provider is the bundle of the bundle
+// directory that declares the test case's name, else the one that lists its selector, the first in
+// listing order (VLGetBundleForTestCaseName, which loads it); a provider registered without a
+// bundle folder (a program's own classes) answers only when no bundle does. The instance is the
+// loaded one created as that provider's principal class (the loaded classes are logged as
 // loadedTestCaseClasses() logs them, the instance found at level 2 "Class already loaded...%@"),
-// else a new one added to the loaded classes. nullptr when no bundle declares the test case, or when
-// creating the class fails (logged at level 16, category "Framework", "Unable to create a class
-// from %@ for %@").
+// else a new one added to the loaded classes: never another bundle's object that happens to answer
+// the selector. nullptr when nothing declares the test case, or when creating the class fails
+// (logged at level 16, category "Framework", "Unable to create a class from %@ for %@").
 std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
     const std::shared_ptr<VLTestCaseObject>& testCase);

@@ -36,4 +36,11 @@ using TestCaseExecutor =
 // archived.
 Service::Handler testCaseRequestHandler(TestCaseExecutor execute);
 
+// The service's handler of every other message ("ManagerCommandResult", "TestCaseResult", a reply
+// carrying the "UUID" an object waits for): converts it to a dictionary, hands it to
+// VLFindObjectForMessage (which wakes the waiting object, posts the manager-result notification or
+// adds the result to this process's run) and replies with an empty dictionary. A message that does
+// not convert gets an IPM error.
+Service::Handler messageRouterHandler();
+
 }  // namespace vl::ipm
