@@ -2,8 +2,9 @@
 // one or more TestCases rows, every accepted issue one Issues row, and the Config table mirrors the
 // run's summary. The results aggregate owns one and calls it; other tools read the file.
 //
-// One connection is kept open from the first use and its statements are compiled once; every result
-// is written in one transaction that is committed (on disk) before the call returns.
+// The file is opened and closed around each use, so that other tools may copy or read it between
+// writes and always find it whole. It is in write-ahead-log mode with synchronous=FULL: every
+// result is written in one transaction that is on disk before the call returns.
 #pragma once
 
 #include <cstdint>
@@ -72,9 +73,10 @@ class VLTimelineDatabase {
 
   // Writes the rows of one result (one per tag; a default row when there are none, unless the
   // result is an "Average" with metrics; one per metric of an "Average"), all with one new UUID,
-  // in one transaction committed before it returns. Initialises the database first when needed,
-  // and so may raise the exceptions of databaseInit(). Returns whether the rows were committed;
-  // a failure is logged and nothing of the result stays.
+  // in one transaction committed before it returns. A metric that is NaN or infinite is a number
+  // row whose value_number is NULL (logged at error level with the metric and its value).
+  // Initialises the database first when needed, and so may raise the exceptions of databaseInit().
+  // Returns whether the rows were committed; a failure is logged and nothing of the result stays.
   bool saveResultToDatabase(const VLTestCaseResult& result, int64_t iteration);
 
   // True when no Issues row has the issue's reason (without single quotes), time and process.
@@ -104,14 +106,17 @@ class VLTimelineDatabase {
 
   // Replaces the Config table with the summary: strings and numbers under their keys, dates as
   // date strings, and the string, number and date entries of a nested dictionary under their own
-  // keys (so "SerialNumber" of "Hardware Info" is a row); arrays are left out. One transaction:
-  // a reader sees the old table or the new one. Returns whether it was committed.
+  // keys (so "SerialNumber" of "Hardware Info" is a row); arrays are left out. Every key is one
+  // row: a top-level entry wins over a nested one of the same key, else the first nested one. One
+  // transaction: a reader sees the old table or the new one. Returns whether it was committed.
   bool saveConfigToDatabase(const vl::Dictionary& summary);
 
  private:
   void initializeLocked(const std::string& path);
   bool verifyTablesLocked();
-  bool ensureOpenLocked();
+  // Opens the connection for one use (initialising first when needed); false, logged, when it
+  // cannot be opened.
+  bool openLocked();
   bool insertIssueLocked(const VLIssue& issue, const std::string& history);
 
   std::string path_;
