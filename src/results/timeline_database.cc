@@ -187,6 +187,10 @@ void VLTimelineDatabase::initializeLocked(const std::string& path) {
   db_ = std::make_unique<sqlite::Database>(path_);
   db_->setBusyTimeout(std::chrono::duration_cast<std::chrono::milliseconds>(
       vl::time::scaled(kTimelineBusyTimeoutSeconds)));
+  // A commit is then one synced write that overwrites the log in place: no journal to create and
+  // delete, no change of file size, and no checkpoint of its own (see saveConfigToDatabase).
+  db_->setPersistentWal(true);
+  db_->setCheckpointOnClose(false);
   VLLog(VLLogLevelInfo, kCategory, "Database object is %@", db_->description());
 
   if (!verifyTablesLocked()) {
@@ -221,9 +225,8 @@ void VLTimelineDatabase::initializeLocked(const std::string& path) {
 
   if (!verifyTablesLocked())
     raiseInitializationFailed(format("Failed to verify tables for %@", path_));
-  // Write-ahead logging makes a commit one synced append instead of a synced journal, a synced
-  // database and a deleted journal; the mode stays with the file. Closing checkpoints the log back
-  // into the file, so a copy of the file alone is always whole.
+  // Write-ahead logging makes a commit one synced write instead of a synced journal, a synced
+  // database and a deleted journal; the mode stays with the file.
   Error error;
   if (!db_->open() || !db_->executeStatements("PRAGMA journal_mode=WAL", &error)) {
     VLLog(VLLogLevelError, kCategory, "Failed to switch the timeline %@ to WAL...%@", path_, error);
@@ -261,10 +264,13 @@ bool VLTimelineDatabase::verifyTablesLocked() {
 bool VLTimelineDatabase::openLocked() {
   if (!initialized_) initializeLocked(path_);
   Error error;
-  // synchronous is a setting of the connection, so every open sets it: a commit is on disk before
-  // the call that wrote it returns.
+  // Both are settings of the connection, so every open makes them: a commit is on disk before the
+  // call that wrote it returns, and a log grown past kTimelineCheckpointPages is folded back into
+  // the file by the commit that grew it.
   if (db_->open(sqlite::kOpenReadWrite | sqlite::kOpenCreate, &error) &&
-      db_->executeStatements("PRAGMA synchronous=FULL", &error))
+      db_->executeStatements(format("PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=%d",
+                                    vl::kTimelineCheckpointPages),
+                             &error))
     return true;
   VLLog(VLLogLevelError, kCategory, "Failed to open the timeline at %@: %@", path_, error);
   db_->close();
@@ -494,6 +500,12 @@ bool VLTimelineDatabase::saveConfigToDatabase(const Dictionary& summary) {
   if (!transaction.commit(&error)) {
     VLLog(VLLogLevelError, kCategory, "Failed to rewrite the timeline's Config table...%@", error);
     return false;
+  }
+  // Each save of the results file also makes the database file whole on its own, for tools that
+  // copy it without its log.
+  if (!db_->executeStatements("PRAGMA wal_checkpoint(PASSIVE)", &error)) {
+    VLLog(VLLogLevelError, kCategory, "Failed to fold the timeline's log into %@...%@", path_,
+          error);
   }
   return true;
 }
