@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "results/device_summary.h"
+#include "results/results_impl.h"
 #include "vorlund/catalogue/catalogue_hooks.h"
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/primary_processes.h"
@@ -78,46 +79,6 @@ std::shared_ptr<VLResults>& sharedResults() {
 
 }  // namespace
 
-struct VLResults::Impl {
-  mutable std::mutex statisticsMutex;
-  vl::Dictionary statistics;
-
-  mutable std::mutex failuresMutex;
-  vl::Dictionary failureCounts;
-
-  mutable std::mutex issuesMutex;
-  std::vector<std::shared_ptr<VLIssue>> issues;
-
-  mutable std::mutex historyMutex;
-  vl::Array history;
-
-  mutable std::mutex stateMutex;
-  vl::Dictionary wirelessCrashes;
-  vl::Dictionary hardwareInfo;
-  vl::Dictionary softwareInfo;
-  vl::Dictionary loggingInfo;
-  vl::Dictionary testSettings;
-  vl::Date startTime = vl::Date::now();
-  std::optional<vl::Date> resetStartDate;
-  vl::Date lastUpdated = vl::Date::now();
-  double runtime = 0;
-  std::string config;
-  std::string testType;
-  std::string testSubtype;
-  double version = kVLResultsVersion;
-  bool resumed = false;
-  std::string plistPath;
-  std::string timelinePath;
-  uint32_t primarySnapdumps = 0;
-  uint32_t stressSnapdumps = 0;
-  int64_t mergedResults = 0;
-
-  std::atomic<int64_t> iterations{0};
-
-  std::mutex timelineMutex;
-  std::shared_ptr<VLTimelineDatabase> timeline;
-};
-
 std::shared_ptr<VLResults> VLResults::currentResults() {
   std::lock_guard lock(sharedMutex());
   std::shared_ptr<VLResults>& shared = sharedResults();
@@ -134,6 +95,14 @@ VLResults::VLResults() : impl_(std::make_unique<Impl>()) {}
 VLResults::~VLResults() = default;
 
 std::shared_ptr<VLResults> VLResults::make() {
+  auto results = makeUnnamed();
+  results->reserveFileNames();
+  results->impl_->plistPath = results->getResultsFilePath();
+  results->impl_->timelinePath = results->getTimelineFilePath();
+  return results;
+}
+
+std::shared_ptr<VLResults> VLResults::makeUnnamed() {
   auto results = std::make_shared<VLResults>();
   results->impl_->testType = VLGetCurrentTestMode();
   results->impl_->testSubtype = VLGetCurrentTestSubtype();
@@ -142,8 +111,6 @@ std::shared_ptr<VLResults> VLResults::make() {
   results->impl_->softwareInfo = vl::results::softwareSummary();
   results->impl_->loggingInfo = vl::results::loggingSummary();
   results->impl_->testSettings = VLGetPreferences();
-  results->impl_->plistPath = results->getResultsFilePath();
-  results->impl_->timelinePath = results->getTimelineFilePath();
   return results;
 }
 
@@ -199,43 +166,39 @@ void VLResults::addTestCaseResult(const std::shared_ptr<VLTestCaseResult>& resul
     VLLog(VLLogLevelInfo, kCategory, "Adding test case result but not to DB %@", result);
   }
 
+  // Everything that may call out (the class lookup loads bundles, the preferences are a file, the
+  // notification runs observers that may call back into this run) happens outside the lock.
+  std::shared_ptr<VLTestCaseClass> callbackClass = testCaseClass;
+  if (!callbackClass) callbackClass = VLGetClassForTestCase(result->getUnderlyingTestCaseObject());
+  const vl::Dictionary preferences = callbackClass ? VLGetPreferences() : vl::Dictionary();
+  const int64_t callbackMax = integerPreference(preferences, "FailureCallbackMax", 0);
+  bool notify = false;
+  std::vector<std::string> failedBuckets;
+  auto noteCallbacks = [&](const VLTestCaseStatistic* merged, const VLTestCaseStatistic& added) {
+    if (callbackMax == -1) {
+      notify = true;
+    } else if (result->didFail() && callbackMax >= 1) {
+      failedBuckets.push_back(result->bucket().value_or(""));
+    } else if (merged) {
+      failedBuckets = merged->metricsOutsideTwoSigma(added);
+    }
+  };
+
   {
     auto statistic = VLTestCaseStatistic::withTestCaseResult(*result);
     std::lock_guard lock(impl_->statisticsMutex);
-    std::shared_ptr<VLTestCaseClass> callbackClass = testCaseClass;
-    if (!callbackClass)
-      callbackClass = VLGetClassForTestCase(result->getUnderlyingTestCaseObject());
     auto existing = impl_->statistics.get(name).record<VLTestCaseStatistic>();
     if (!existing) {
       impl_->statistics.set(name, vl::Value(statistic));
-      if (callbackClass) {
-        int64_t callbackMax = integerPreference(VLGetPreferences(), "FailureCallbackMax", 0);
-        if (callbackMax == -1) {
-          vl::NotificationCenter::defaultCenter().post(kVLResultNotification,
-                                                       vl::Dictionary{{"result", result}});
-        } else if (result->didFail() && callbackMax >= 1) {
-          markFailure(result->bucket().value_or(""), result, callbackClass);
-        }
-      }
+      if (callbackClass) noteCallbacks(nullptr, *statistic);
     } else {
       int code = existing->mergeWithStatistic(*statistic);
       if (code == kVLTestCaseStatisticMergeSucceeded) {
         VLLog(VLLogLevelDebug, kCategory, "Merge succeeded");
         if (callbackClass) {
-          vl::Dictionary preferences = VLGetPreferences();
           VLLog(VLLogLevelDebug, kCategory, "FailureCallbackMax is set to '%@'",
                 preferences.get("FailureCallbackMax"));
-          int64_t callbackMax = integerPreference(preferences, "FailureCallbackMax", 0);
-          if (callbackMax == -1) {
-            vl::NotificationCenter::defaultCenter().post(kVLResultNotification,
-                                                         vl::Dictionary{{"result", result}});
-          } else if (result->didFail() && callbackMax >= 1) {
-            markFailure(result->bucket().value_or(""), result, callbackClass);
-          } else {
-            for (const std::string& bucket : existing->metricsOutsideTwoSigma(*statistic)) {
-              markFailure(bucket, result, callbackClass);
-            }
-          }
+          noteCallbacks(existing.get(), *statistic);
         }
       } else {
         VLLog(VLLogLevelError, kCategory, "Merge failed with error %d", code);
@@ -250,6 +213,11 @@ void VLResults::addTestCaseResult(const std::shared_ptr<VLTestCaseResult>& resul
         }
       }
     }
+  }
+  for (const std::string& bucket : failedBuckets) markFailure(bucket, result, callbackClass);
+  if (notify) {
+    vl::NotificationCenter::defaultCenter().post(kVLResultNotification,
+                                                 vl::Dictionary{{"result", result}});
   }
 
   if (updateDB) {
@@ -301,9 +269,11 @@ void VLResults::addIssue(const std::shared_ptr<VLIssue>& issue) { addIssue(issue
 
 void VLResults::addIssueFromMerge(const std::shared_ptr<VLIssue>& issue) { addIssue(issue, true); }
 
-void VLResults::addIssue(const std::shared_ptr<VLIssue>& issue, bool isFromMerge) {
-  if (!issue) return;
-  issue->isValid();
+void VLResults::addIssue(const std::shared_ptr<VLIssue>& given, bool isFromMerge) {
+  if (!given) return;
+  given->isValid();
+  // The run keeps its own record: the caller's may change, or belong to another run (a merge).
+  auto issue = std::make_shared<VLIssue>(*given);
 
   const std::string& reason = *issue->reason();
   if (reason.find('\'') != std::string::npos) {
@@ -311,45 +281,57 @@ void VLResults::addIssue(const std::shared_ptr<VLIssue>& issue, bool isFromMerge
     issue->setReason(withoutSingleQuotes(reason));
   }
 
-  if (!isFromMerge) {
-    bool isNew = true;
-    try {
-      isNew = timeline()->isNewIssue(*issue);
-    } catch (const std::exception& exception) {
-      VLLog(VLLogLevelError, kCategory, "Threw exception writing to DB. %@", exception.what());
-    }
-    if (!isNew) {
-      VLLog(VLLogLevelDebug, kCategory, "Issue seen before");
-      return;
-    }
-    vl::Date since = resetStartDate().value_or(startTime());
-    if (*issue->time() <= since) {
-      VLLog(VLLogLevelInfo, kCategory, "Issue is in the past, not adding...%@", issue);
-      return;
-    }
-  }
-
-  if (issue->type() == std::optional<std::string>("Crash"))
-    checkForWirelessCrash(*issue, isFromMerge);
-
-  VLLog(VLLogLevelInfo, kCategory, "Adding issue %@", issue);
+  std::vector<VLSnapdumpRequest> captures;
   {
-    std::lock_guard lock(impl_->issuesMutex);
-    auto same = std::find_if(impl_->issues.begin(), impl_->issues.end(),
-                             [&](const auto& held) { return held->reason() == issue->reason(); });
-    if (same != impl_->issues.end()) {
-      (*same)->setInstances((*same)->instances() + issue->instances());
-    } else {
-      impl_->issues.push_back(issue);
+    std::lock_guard admission(impl_->admissionMutex);
+    if (!isFromMerge) {
+      bool isNew = true;
+      try {
+        isNew = timeline()->isNewIssue(*issue);
+      } catch (const std::exception& exception) {
+        VLLog(VLLogLevelError, kCategory, "Threw exception writing to DB. %@", exception.what());
+      }
+      if (!isNew) {
+        VLLog(VLLogLevelDebug, kCategory, "Issue seen before");
+        return;
+      }
+      vl::Date since = resetStartDate().value_or(startTime());
+      if (*issue->time() <= since) {
+        VLLog(VLLogLevelInfo, kCategory, "Issue is in the past, not adding...%@", issue);
+        return;
+      }
     }
-  }
-  if (isFromMerge) return;
 
-  if (*issue->reason() == kNfcNonCrashReason) {
+    if (issue->type() == std::optional<std::string>("Crash"))
+      captures = checkForWirelessCrash(*issue, isFromMerge);
+
+    VLLog(VLLogLevelInfo, kCategory, "Adding issue %@", issue);
+    {
+      std::lock_guard lock(impl_->issuesMutex);
+      auto same = std::find_if(impl_->issues.begin(), impl_->issues.end(),
+                               [&](const auto& held) { return held->reason() == issue->reason(); });
+      if (same != impl_->issues.end()) {
+        (*same)->setInstances((*same)->instances() + issue->instances());
+      } else {
+        impl_->issues.push_back(issue);
+      }
+    }
+    if (!isFromMerge) saveIssueRow(*issue);
+  }
+
+  for (const VLSnapdumpRequest& capture : captures) {
+    VLLog(VLLogLevelInfo, kCategory,
+          "Triggering snapdump for %@primary process. Total snapdumps captured: %u",
+          capture.primary ? "" : "non-", capture.capturedBefore);
+    if (!VLTriggerSnapdump()) impl_->releaseSnapdump(capture.primary);
+  }
+  if (!isFromMerge && *issue->reason() == kNfcNonCrashReason) {
     VLLog(VLLogLevelInfo, kCategory, "Triggering snapdump for %@", *issue->reason());
     VLTriggerSnapdump();
   }
+}
 
+void VLResults::saveIssueRow(const VLIssue& issue) {
   vl::Array historyDictionaries;
   for (const vl::Value& entry : getHistory()) {
     if (auto definition = entry.record<VLTestCaseObject>()) {
@@ -366,13 +348,13 @@ void VLResults::addIssue(const std::shared_ptr<VLIssue>& issue, bool isFromMerge
     VLLog(VLLogLevelError, kCategory, "Can not generate JSON from results array. %@", error);
   }
   try {
-    timeline()->saveIssueToDatabase(*issue, std::move(historyJSON));
+    timeline()->saveIssueToDatabase(issue, std::move(historyJSON));
   } catch (const std::exception& exception) {
     VLLog(VLLogLevelError, kCategory, "Threw exception writing to DB. %@", exception.what());
   }
 }
 
-void VLResults::checkForWirelessCrash(VLIssue& issue, bool isFromMerge) {
+std::vector<VLSnapdumpRequest> VLResults::checkForWirelessCrash(VLIssue& issue, bool isFromMerge) {
   const std::string process = issue.process().value_or("");
   vl::Dictionary table = VLGetPrimaryProcesses();
   bool capture = false;
@@ -381,6 +363,7 @@ void VLResults::checkForWirelessCrash(VLIssue& issue, bool isFromMerge) {
     capture = preferences.get("CaptureProcessCrashSnapdumps").boolOr(false);
   }
   std::string stressType = testType();
+  std::vector<VLSnapdumpRequest> captures;
   for (size_t i = 0; i < table.size(); ++i) {
     auto [area, processes] = table.entry(i);
     const vl::Array* names = processes.asArray();
@@ -389,46 +372,46 @@ void VLResults::checkForWirelessCrash(VLIssue& issue, bool isFromMerge) {
     if (capture) {
       bool primary = area == stressType;
       if (primary) issue.setPrimaryProcess(true);
-      bool allowed = false;
-      uint32_t total = 0;
-      {
-        std::lock_guard lock(impl_->stateMutex);
-        uint32_t counter = primary ? impl_->primarySnapdumps : impl_->stressSnapdumps;
-        // "at most 50" lets a 51st capture through; kept as it stands.
-        allowed = counter <= kVLResultsMaxSnapdumps;
-        total = impl_->primarySnapdumps + impl_->stressSnapdumps;
-      }
-      if (allowed) {
-        VLLog(VLLogLevelInfo, kCategory,
-              "Triggering snapdump for %@primary process. Total snapdumps captured: %u",
-              primary ? "" : "non-", total);
-        if (VLTriggerSnapdump()) {
-          std::lock_guard lock(impl_->stateMutex);
-          (primary ? impl_->primarySnapdumps : impl_->stressSnapdumps) += 1;
-        }
-      }
+      if (auto request = impl_->reserveSnapdump(primary)) captures.push_back(*request);
     }
-    if (area != kOverallArea) countCrash(area, process, issue.instances());
+    if (area != kOverallArea) impl_->countCrash(area, process, issue.instances());
   }
-  if (issue.wirelessProcess()) countCrash(kOverallArea, process, issue.instances());
+  if (issue.wirelessProcess()) impl_->countCrash(kOverallArea, process, issue.instances());
+  return captures;
 }
 
-void VLResults::countCrash(const std::string& area, const std::string& process,
-                           uint64_t instances) {
-  std::lock_guard lock(impl_->stateMutex);
+std::optional<VLSnapdumpRequest> VLResults::Impl::reserveSnapdump(bool primary) {
+  std::lock_guard lock(stateMutex);
+  uint32_t& counter = primary ? primarySnapdumps : stressSnapdumps;
+  // "at most 50" lets a 51st capture through; kept as it stands.
+  if (counter > kVLResultsMaxSnapdumps) return std::nullopt;
+  VLSnapdumpRequest request{primary, primarySnapdumps + stressSnapdumps};
+  ++counter;
+  return request;
+}
+
+void VLResults::Impl::releaseSnapdump(bool primary) {
+  std::lock_guard lock(stateMutex);
+  uint32_t& counter = primary ? primarySnapdumps : stressSnapdumps;
+  if (counter > 0) --counter;
+}
+
+void VLResults::Impl::countCrash(const std::string& area, const std::string& process,
+                                 uint64_t instances) {
+  std::lock_guard lock(stateMutex);
   const int64_t added = static_cast<int64_t>(instances);
-  if (impl_->version <= 3.0) {
-    int64_t count = impl_->wirelessCrashes.get(area).int64Or(0);
-    impl_->wirelessCrashes.set(area, vl::Value(count + added));
+  if (version <= 3.0) {
+    int64_t count = wirelessCrashes.get(area).int64Or(0);
+    wirelessCrashes.set(area, vl::Value(count + added));
     return;
   }
   vl::Dictionary counts;
-  if (const vl::Dictionary* existing = impl_->wirelessCrashes.get(area).asDictionary()) {
+  if (const vl::Dictionary* existing = wirelessCrashes.get(area).asDictionary()) {
     counts = *existing;
   }
   counts.set(process, vl::Value(counts.get(process).int64Or(0) + added));
   counts.set(kTotalKey, vl::Value(counts.get(kTotalKey).int64Or(0) + added));
-  impl_->wirelessCrashes.set(area, counts);
+  wirelessCrashes.set(area, counts);
 }
 
 void VLResults::updateRuntime() {

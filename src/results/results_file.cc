@@ -12,7 +12,6 @@
 #include "vorlund/conversion/keyed_archive.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/conversion/technology.h"
-#include "vorlund/devicetools/shell.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/logging/log.h"
@@ -26,9 +25,6 @@ constexpr const char* kResultsCategory = "Results";
 constexpr const char* kFrameworkCategory = "Framework";
 constexpr const char* kResumeDataPath = "~/Library/Caches/vorlund_results_resume_data.plist";
 constexpr const char* kTotalKey = "Total";
-// The shell removal of the resume file is a second attempt after the file system's; it never
-// needs long.
-constexpr double kResumeFileRemovalTimeoutSeconds = 30.0;
 
 // Results file keys.
 constexpr const char* kKeyTestSettings = "Test Settings";
@@ -60,6 +56,7 @@ constexpr const char* kKeyPrimarySnapdumps = "Primary Snapdumps";
 constexpr const char* kKeyStressSnapdumps = "Stress Snapdumps";
 constexpr const char* kKeyStatistics = "Statistics";
 constexpr const char* kKeyResetStartTime = "ResetStartTime";
+constexpr const char* kKeyFileNameSuffix = "FileNameSuffix";
 
 // The technology a stress type names. Stress types are spelt like the areas of the primary-process
 // table ("wifi", "cellular", "nfc"), so the names are compared without case; "None" otherwise.
@@ -167,8 +164,11 @@ vl::Dictionary resumeDictionaryOf(const VLResults& results) {
   resume.set(kKeyWirelessTechnology, wirelessTechnologyForStressType(stressType));
   resume.set(kKeyStressSubtype, results.testSubtype());
   resume.set(kKeyConfig, results.config());
-  // Carried so that a resumed run keeps how many results were merged into it.
+  // Carried so that a resumed run keeps how many results were merged into it, and the names of
+  // its files when it was not the first run of its start second.
   resume.set(kKeyMergedResults, results.mergedResults());
+  if (std::string suffix = results.fileNameSuffix(); !suffix.empty())
+    resume.set(kKeyFileNameSuffix, suffix);
   return resume;
 }
 
@@ -271,14 +271,16 @@ void restoreFromResumeDictionary(VLResults& results, const vl::Dictionary& resum
   if (const std::string* config = resumeString(resume, kKeyConfig)) results.setConfig(*config);
   if (const vl::Number* merged = resumeNumber(resume, kKeyMergedResults))
     results.setMergedResults(merged->int64Value());
+  if (const std::string* suffix = resumeString(resume, kKeyFileNameSuffix))
+    results.setFileNameSuffix(*suffix);
 }
 
 void removeResumeFile(const std::string& path) {
   std::error_code error;
-  std::filesystem::remove(path, error);
-  // A second removal through the shell, as the service has always done, for a file the first
-  // could not remove.
-  VLExecuteShellCommand("rm " + path, {}, true, kResumeFileRemovalTimeoutSeconds);
+  if (!std::filesystem::remove(path, error) && error) {
+    VLLog(VLLogLevelError, kResultsCategory, "Failed to remove the resume data %@: %@", path,
+          error.message());
+  }
 }
 
 std::shared_ptr<VLResults> freshRunAfterFailedResume() {
@@ -381,7 +383,8 @@ std::shared_ptr<VLResults> VLResults::withResumeData() {
       throw std::runtime_error(
           vl::format("Resume data holds %@ where a dictionary belongs", root->className()));
     }
-    results = make();
+    // Not make(): that would claim file names for a new run's start second.
+    results = makeUnnamed();
     restoreFromResumeDictionary(*results, *resume);
   } catch (const std::exception& exception) {
     VLLog(VLLogLevelError, kFrameworkCategory, "Hit exception trying to unarchive resume plist: %@",
@@ -397,6 +400,9 @@ std::shared_ptr<VLResults> VLResults::withResumeData() {
   // every save (campedRadioTechnology); there is nothing cached to refresh here.
   results->updateRuntime();
   removeResumeFile(path);
+  // The restored state is on disk again at once; the resume data follows with the service's
+  // periodic save (startPeriodicSave), whose first save is immediate.
+  results->saveToDisk();
   return results;
 }
 

@@ -21,6 +21,13 @@ vl::Value valueOf(const std::optional<std::string>& text) {
   return text ? vl::Value(*text) : vl::Value();
 }
 
+// Dictionaries and property lists have no null: a text that is not set leaves its key out, as
+// the dictionary forms are read back (an absent key gives none).
+void setIfPresent(vl::Dictionary& dictionary, const char* key,
+                  const std::optional<std::string>& text) {
+  if (text) dictionary.set(key, *text);
+}
+
 // A missing date converts as the current time.
 std::string dateText(const std::optional<vl::Date>& date) {
   return vl::dateString(date ? *date : vl::Date::now());
@@ -309,7 +316,7 @@ void VLTestCaseResult::setBucket(std::optional<std::string> bucket) {
 
 vl::Dictionary VLTestCaseResult::codingDictionary() const {
   vl::Dictionary dictionary;
-  dictionary.set(kVLTestCaseResultKeyName, valueOf(name()));
+  setIfPresent(dictionary, kVLTestCaseResultKeyName, name());
   dictionary.set(kVLTestCaseResultKeyResult, vl::Value(result_));
   dictionary.set(kVLTestCaseResultKeyTechInvolved,
                  vl::Value(vl::Number::withLong(technologiesInvolved_)));
@@ -317,9 +324,9 @@ vl::Dictionary VLTestCaseResult::codingDictionary() const {
   dictionary.set(kVLTestCaseResultKeyEndTime, dateText(end_));
   if (!metrics_.empty()) dictionary.set(kVLTestCaseResultKeyMetrics, metrics_);
   if (!tags_.empty()) dictionary.set(kVLTestCaseResultKeyTags, tags_);
-  dictionary.set(kVLTestCaseResultKeyType, valueOf(type()));
+  setIfPresent(dictionary, kVLTestCaseResultKeyType, type());
   dictionary.set(kVLTestCaseResultKeyCode, vl::Value(resultCode_));
-  dictionary.set(kVLTestCaseResultKeyBucket, valueOf(bucket()));
+  setIfPresent(dictionary, kVLTestCaseResultKeyBucket, bucket());
   dictionary.set(kVLTestCaseResultKeyIsMissedTestCase, vl::Value(addToMissedTestCases_));
   dictionary.set(kVLTestCaseResultKeyIsNoOp, vl::Value(isNoOp_));
   dictionary.set(kVLTestCaseResultKeyIsEnvironmentFailure, vl::Value(isEnvironmentFailure_));
@@ -359,13 +366,13 @@ vl::Dictionary VLTestCaseResult::getDictionaryRepresentation() const {
         valueOf(resultName), result_, dateText(start_), dateText(end_), metrics_,
         valueOf(resultType), valueOf(resultBucket));
   vl::Dictionary dictionary;
-  dictionary.set(kVLTestCaseResultKeyName, valueOf(resultName));
+  setIfPresent(dictionary, kVLTestCaseResultKeyName, resultName);
   dictionary.set(kVLTestCaseResultKeyResult, vl::Value(result_));
   dictionary.set(kVLTestCaseResultKeyTimeStamp, dateText(start_));
   dictionary.set(kVLTestCaseResultKeyEndTime, dateText(end_));
   if (!metrics_.empty()) dictionary.set(kVLTestCaseResultKeyMetrics, metrics_);
-  dictionary.set(kVLTestCaseResultKeyType, valueOf(resultType));
-  dictionary.set(kVLTestCaseResultKeyBucket, valueOf(resultBucket));
+  setIfPresent(dictionary, kVLTestCaseResultKeyType, resultType);
+  setIfPresent(dictionary, kVLTestCaseResultKeyBucket, resultBucket);
   dictionary.set(kVLTestCaseResultKeyClass, className());
   dictionary.set(kVLTestCaseResultKeyTags, tags_);
   return dictionary;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <set>
 
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/error.h"
@@ -66,6 +67,18 @@ enum RowColumn : int {
   kColumnValueNumber,
   kColumnValueString,
   kColumnUuid,
+};
+
+// Each use opens the file, and this closes it again on every way out.
+class CloseOnExit {
+ public:
+  explicit CloseOnExit(sqlite::Database& db) : db_(db) {}
+  ~CloseOnExit() { db_.close(); }
+  CloseOnExit(const CloseOnExit&) = delete;
+  CloseOnExit& operator=(const CloseOnExit&) = delete;
+
+ private:
+  sqlite::Database& db_;
 };
 
 [[noreturn]] void raiseInitializationFailed(const std::string& reason) {
@@ -174,6 +187,10 @@ void VLTimelineDatabase::initializeLocked(const std::string& path) {
   db_ = std::make_unique<sqlite::Database>(path_);
   db_->setBusyTimeout(std::chrono::duration_cast<std::chrono::milliseconds>(
       vl::time::scaled(kTimelineBusyTimeoutSeconds)));
+  // A commit is then one synced write that overwrites the log in place: no journal to create and
+  // delete, no change of file size, and no checkpoint of its own (see saveConfigToDatabase).
+  db_->setPersistentWal(true);
+  db_->setCheckpointOnClose(false);
   VLLog(VLLogLevelInfo, kCategory, "Database object is %@", db_->description());
 
   if (!verifyTablesLocked()) {
@@ -208,6 +225,13 @@ void VLTimelineDatabase::initializeLocked(const std::string& path) {
 
   if (!verifyTablesLocked())
     raiseInitializationFailed(format("Failed to verify tables for %@", path_));
+  // Write-ahead logging makes a commit one synced write instead of a synced journal, a synced
+  // database and a deleted journal; the mode stays with the file.
+  Error error;
+  if (!db_->open() || !db_->executeStatements("PRAGMA journal_mode=WAL", &error)) {
+    VLLog(VLLogLevelError, kCategory, "Failed to switch the timeline %@ to WAL...%@", path_, error);
+  }
+  db_->close();
   initialized_ = true;
 }
 
@@ -237,19 +261,27 @@ bool VLTimelineDatabase::verifyTablesLocked() {
   return hasConfig && hasIssues && hasTestCases;
 }
 
-bool VLTimelineDatabase::ensureOpenLocked() {
+bool VLTimelineDatabase::openLocked() {
   if (!initialized_) initializeLocked(path_);
-  if (db_->isOpen()) return true;
-  if (db_->open()) return true;
-  VLLog(VLLogLevelError, kCategory, "Failed to open the timeline at %@: %@", path_,
-        db_->lastErrorMessage());
+  Error error;
+  // Both are settings of the connection, so every open makes them: a commit is on disk before the
+  // call that wrote it returns, and a log grown past kTimelineCheckpointPages is folded back into
+  // the file by the commit that grew it.
+  if (db_->open(sqlite::kOpenReadWrite | sqlite::kOpenCreate, &error) &&
+      db_->executeStatements(format("PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=%d",
+                                    vl::kTimelineCheckpointPages),
+                             &error))
+    return true;
+  VLLog(VLLogLevelError, kCategory, "Failed to open the timeline at %@: %@", path_, error);
+  db_->close();
   return false;
 }
 
 bool VLTimelineDatabase::saveResultToDatabase(const VLTestCaseResult& result, int64_t iteration) {
   VLLog(VLLogLevelDebug, kCategory, "Waiting for db lock");
   std::lock_guard lock(mutex_);
-  if (!ensureOpenLocked()) return false;
+  if (!openLocked()) return false;
+  CloseOnExit closer(*db_);
 
   const Dictionary tags = result.getTags();
   const std::optional<std::string> type = result.type();
@@ -289,7 +321,17 @@ bool VLTimelineDatabase::saveResultToDatabase(const VLTestCaseResult& result, in
     metricName ? row.bindText(kColumnMetricName, *metricName) : row.bindNull(kColumnMetricName);
     if (asNumber) {
       row.bindInt64(kColumnIsNumber, 1);
-      row.bindDouble(kColumnValueNumber, value->asNumber()->doubleValue());
+      double number = value->asNumber()->doubleValue();
+      if (std::isfinite(number)) {
+        row.bindDouble(kColumnValueNumber, number);
+      } else {
+        // SQLite turns NaN into NULL and infinities into 9e999 text on the way out; NULL keeps
+        // the row a number row that averages and sums over the column skip.
+        VLLog(VLLogLevelError, kCategory,
+              "Metric %@ of %@ is %@, which is not a finite number: stored as NULL", *metricName,
+              name, value->description());
+        row.bindNull(kColumnValueNumber);
+      }
       row.bindText(kColumnValueString, "None");
     } else {
       row.bindInt64(kColumnIsNumber, 0);
@@ -316,9 +358,7 @@ bool VLTimelineDatabase::saveResultToDatabase(const VLTestCaseResult& result, in
   }
   for (size_t i = 0; i < metrics.size(); ++i) {
     auto [key, value] = metrics.entry(i);
-    // A number that is not finite cannot be stored as one; it keeps its text.
-    bool isNumber = value.isNumber() && std::isfinite(value.asNumber()->doubleValue());
-    writeRow(&key, &value, isNumber);
+    writeRow(&key, &value, value.isNumber());
   }
   row.clearBindings();
 
@@ -341,7 +381,8 @@ bool VLTimelineDatabase::isNewIssue(const VLIssue& issue) {
       format(kSelectIssue, reason, dateText(issue.time()), quoted(issue.process().value_or("")));
 
   std::lock_guard lock(mutex_);
-  if (!ensureOpenLocked()) return true;
+  if (!openLocked()) return true;
+  CloseOnExit closer(*db_);
   Error error;
   // A one-off text: compiled outside the statement cache.
   auto statement = sqlite::Statement::prepare(db_->handle(), sql, &error);
@@ -380,7 +421,8 @@ bool VLTimelineDatabase::saveIssueToDatabase(const VLIssue& issue, std::string h
     historyJSON.clear();
   }
   std::lock_guard lock(mutex_);
-  if (!ensureOpenLocked()) return false;
+  if (!openLocked()) return false;
+  CloseOnExit closer(*db_);
   return insertIssueLocked(issue, historyJSON);
 }
 
@@ -404,7 +446,8 @@ bool VLTimelineDatabase::insertIssueLocked(const VLIssue& issue, const std::stri
 
 bool VLTimelineDatabase::saveConfigToDatabase(const Dictionary& summary) {
   std::lock_guard lock(mutex_);
-  if (!ensureOpenLocked()) return false;
+  if (!openLocked()) return false;
+  CloseOnExit closer(*db_);
   Error error;
   sqlite::Transaction transaction(*db_, sqlite::TransactionMode::kImmediate, &error);
   if (!transaction.isActive() || !db_->executeStatements(kDeleteConfig, &error)) {
@@ -412,6 +455,13 @@ bool VLTimelineDatabase::saveConfigToDatabase(const Dictionary& summary) {
     return false;
   }
 
+  // Each key is one row. A top-level entry wins over a nested one of the same name ("City" is also
+  // in "Test Settings"); among nested entries the first wins.
+  std::set<std::string> written;
+  for (size_t i = 0; i < summary.size(); ++i) {
+    auto [key, value] = summary.entry(i);
+    if (!value.isDictionary() && !value.isArray()) written.insert(key);
+  }
   auto insert = [&](const std::string& key, const Value& value) {
     std::string sql;
     if (const std::string* text = value.asString()) {
@@ -442,13 +492,20 @@ bool VLTimelineDatabase::saveConfigToDatabase(const Dictionary& summary) {
     if (const Dictionary* nested = value.asDictionary()) {
       for (size_t j = 0; j < nested->size(); ++j) {
         auto [nestedKey, nestedValue] = nested->entry(j);
-        insert(nestedKey, nestedValue);
+        if (written.contains(nestedKey)) continue;
+        if (insert(nestedKey, nestedValue)) written.insert(nestedKey);
       }
     }
   }
   if (!transaction.commit(&error)) {
     VLLog(VLLogLevelError, kCategory, "Failed to rewrite the timeline's Config table...%@", error);
     return false;
+  }
+  // Each save of the results file also makes the database file whole on its own, for tools that
+  // copy it without its log.
+  if (!db_->executeStatements("PRAGMA wal_checkpoint(PASSIVE)", &error)) {
+    VLLog(VLLogLevelError, kCategory, "Failed to fold the timeline's log into %@...%@", path_,
+          error);
   }
   return true;
 }

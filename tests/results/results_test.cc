@@ -5,6 +5,9 @@
 #include <atomic>
 #include <cmath>
 #include <filesystem>
+#include <future>
+#include <latch>
+#include <set>
 #include <thread>
 
 #include "catalogue/value_printers.h"
@@ -109,11 +112,33 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
 
   // Without a serial number the file names go from the stress type straight to the date.
   std::string folder = run.device().home() + "/Library/Logs/Vorlund/Results";
-  std::string date = vl::dateString(results->startTime());
+  std::string date = vl::dateString(results->startTime()) + results->fileNameSuffix();
   EXPECT_EQ(results->plistPath(), folder + "/VorlundResults_wifi_" + date + ".plist");
   EXPECT_EQ(results->timelinePath(), folder + "/VorlundTimeline_wifi_" + date + ".db");
-  EXPECT_TRUE(std::filesystem::is_directory(folder));
   EXPECT_EQ(results->getResultsFilePathForName("Name", "txt", false), folder + "/Name_wifi.txt");
+
+  // Runs started at once (the same second, mostly) never share a file: each claims its own.
+  std::vector<std::shared_ptr<VLResults>> runs(6);
+  std::vector<std::thread> starters;
+  for (auto& slot : runs) starters.emplace_back([&slot] { slot = VLResults::make(); });
+  for (auto& starter : starters) starter.join();
+  std::set<std::string> names{results->plistPath(), results->timelinePath()};
+  for (const auto& other : runs) {
+    EXPECT_TRUE(names.insert(other->plistPath()).second) << other->plistPath();
+    EXPECT_TRUE(names.insert(other->timelinePath()).second) << other->timelinePath();
+    EXPECT_TRUE(std::filesystem::exists(other->timelinePath()));
+  }
+  // A later run of the same second also steps over an earlier run's results file.
+  const vl::Date second{std::floor(vl::Date::now().secondsSince1970) + 1};
+  auto earlier = VLResults::make();
+  earlier->setStartTime(second);
+  earlier->setFileNameSuffix("");
+  ASSERT_TRUE(earlier->saveToFile(earlier->getResultsFilePath()));
+  std::this_thread::sleep_until(
+      std::chrono::system_clock::from_time_t(static_cast<time_t>(second.secondsSince1970)));
+  auto later = VLResults::make();
+  ASSERT_EQ(vl::dateString(later->startTime()), vl::dateString(second));
+  EXPECT_EQ(later->fileNameSuffix(), "-2");
 
   vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "SN42");
   EXPECT_EQ(VLResults::make()->hardwareInfo().get("SerialNumber"), Value("SN42"));
@@ -301,7 +326,7 @@ TEST(ResultsTest, ASlowAddFilesAFailureIssue) {
   EXPECT_EQ(issues[0]->process(), "Vorlund");
   size_t runtimeLines = 0;
   for (const auto& line : capture.lines()) {
-    runtimeLines += line.message.starts_with("Runtime of adding result was 0.0");
+    runtimeLines += line.message.starts_with("Runtime of adding result was 0.");
   }
   EXPECT_EQ(runtimeLines, 1u);
 
@@ -525,6 +550,196 @@ TEST(ResultsTest, EightThreadsAddingAtOnceLoseNothing) {
                  "FROM TestCases"),
       vl::format("%d|%d|%d|0|%d\n", kThreads * kResultsPerThread * 3, kThreads * kResultsPerThread,
                  kThreads * kResultsPerThread, kThreads * kIssuesPerThread));
+}
+
+// Runs fn on a thread of its own and waits for it at most a few seconds. A call that never
+// returns is a deadlock, which no test can recover from: the process is ended with the reason.
+void finishesOrAbort(const char* what, std::function<void()> fn) {
+  auto done = std::make_shared<std::promise<void>>();
+  std::future<void> finished = done->get_future();
+  std::thread([fn = std::move(fn), done] {
+    fn();
+    done->set_value();
+  }).detach();
+  if (finished.wait_for(std::chrono::seconds(20)) == std::future_status::ready) return;
+  std::fprintf(stderr, "%s did not return: deadlock\n", what);
+  std::abort();
+}
+
+TEST(ResultsTest, ObserversOfTheResultNotificationMayCallBackIntoTheRun) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  auto flaky = VLTestCaseClass::make<FlakyTestClass>();
+  std::atomic<int> callbacks{0};
+  auto token = vl::NotificationCenter::defaultCenter().addObserver(
+      kVLResultNotification, [&](const vl::Notification& n) {
+        auto posted = n.userInfo.get("result").record<VLTestCaseResult>();
+        if (!posted || posted->name() != "Outer") return;
+        ++callbacks;
+        results->testCaseStatistics();
+        results->addTestCaseResult(result("Nested", true), flaky, false);
+        results->addIssue(issue("observer " + std::to_string(callbacks), "editor", "Failure",
+                                callbacks, *results));
+      });
+  // -1 posts for every result, 2 through the failure count; each for a new and a held statistic.
+  for (int callbackMax : {-1, 2}) {
+    run.setPreference("FailureCallbackMax", callbackMax);
+    finishesOrAbort("addTestCaseResult", [&] {
+      results->addTestCaseResult(result("Outer", false), flaky, false);
+      results->addTestCaseResult(result("Outer", false), flaky, false);
+    });
+  }
+  vl::NotificationCenter::defaultCenter().removeObserver(token);
+  EXPECT_EQ(callbacks.load(), 4);
+  EXPECT_EQ(results->statisticForName("Nested")->instances(), 4u);
+  EXPECT_EQ(results->issueList().size(), 4u);
+}
+
+TEST(ResultsTest, TheSameIssueFromEightThreadsAtOnceIsRecordedOnce) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  constexpr int kThreads = 8;
+  constexpr int kRounds = 12;  // one race is lost only now and then without the admission lock
+  for (int round = 1; round <= kRounds; ++round) {
+    std::latch start(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&] {
+        auto same = issue("iwd - Crash " + std::to_string(round), "iwd", "Crash", round, *results);
+        start.arrive_and_wait();
+        results->addIssue(same);
+      });
+    }
+    for (auto& thread : threads) thread.join();
+  }
+  auto issues = results->issueList();
+  ASSERT_EQ(issues.size(), size_t{kRounds});
+  for (const auto& held : issues) EXPECT_EQ(held->instances(), 1u) << *held->reason();
+  EXPECT_EQ(sqliteTool(results->timelinePath(), "SELECT COUNT(*) FROM Issues"),
+            vl::format("%d\n", kRounds));
+  EXPECT_EQ(results->wirelessCrashes().get("overall").asDictionary()->get("Total"), Value(kRounds));
+}
+
+TEST(ResultsTest, AnIssueIsValidatedBeforeAnythingIsRecordedAndTheCallersCopyStaysAsItIs) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  const std::vector<std::pair<const char*, std::string>> cases{
+      {"Reason", " did not have a reason set"},
+      {"Process", " did not have a process set"},
+      {"Type", " did not have a type set"},
+      {"Time", " did not have a time set"},
+      {"Instances", " cannot have instances set to 0"}};
+  for (const auto& [field, message] : cases) {
+    SCOPED_TRACE(field);
+    auto broken = issue("editor - Crash", "editor", "Crash", 5, *results);
+    if (std::string(field) == "Reason") broken->setReason(std::nullopt);
+    if (std::string(field) == "Process") broken->setProcess(std::nullopt);
+    if (std::string(field) == "Type") broken->setType(std::nullopt);
+    if (std::string(field) == "Time") broken->setTime(std::nullopt);
+    if (std::string(field) == "Instances") broken->setInstances(0);
+    try {
+      results->addIssue(broken);
+      ADD_FAILURE() << "accepted";
+    } catch (const VLException& exception) {
+      EXPECT_EQ(exception.name(), "VLIssueInvalid");
+      EXPECT_EQ(exception.reason(), broken->description() + message);
+    }
+  }
+  EXPECT_TRUE(results->issueList().empty());
+  EXPECT_TRUE(results->wirelessCrashes().empty());
+
+  auto quoted = issue("can't associate", "iwd", "Crash", 5, *results);
+  results->addIssue(quoted);
+  EXPECT_EQ(quoted->reason(), "can't associate");
+  EXPECT_FALSE(quoted->wirelessProcess());
+  EXPECT_EQ(results->issueList().at(0)->reason(), "cant associate");
+  EXPECT_TRUE(results->issueList().at(0)->wirelessProcess());
+}
+
+std::shared_ptr<VLTestCaseStatistic> statistic(const std::string& name, const char* type,
+                                               uint64_t instances, double failureRate,
+                                               Dictionary metrics = {}) {
+  auto made = VLTestCaseStatistic::make();
+  made->setName(name);
+  made->setType(std::string(type));
+  made->setInstances(instances);
+  made->setFailureRate(failureRate);
+  if (failureRate > 0) made->setFailures(Dictionary{{"timeout", 1.0}});
+  made->setMetrics(std::move(metrics));
+  return made;
+}
+
+Dictionary mean(double value) {
+  return Dictionary{{"Max", value}, {"Min", value}, {"Mean", value}, {"StdDeviation", 0}};
+}
+
+TEST(ResultsTest, MergingAnotherRunAddsItsStatisticsIssuesCrashesAndRunTime) {
+  vl::test::RunSandbox run;
+  auto results = run.results();
+  results->setTestCaseStatistics(Dictionary{
+      {"Ping", statistic("Ping", kVLTestCaseResultTypePassFail, 10, 0.1)},
+      {"Join",
+       statistic("Join", kVLTestCaseResultTypeAverage, 4, 0.0, Dictionary{{"Mbps", mean(80)}})}});
+  results->setWirelessCrashes(Dictionary{{"wifi", Dictionary{{"iwd", 1}, {"Total", 1}}}});
+  results->addIssue(issue("iwd - Crash", "iwd", "Failure", 5, *results));
+  results->setRuntime(3600);
+
+  auto device = std::make_shared<VLResults>();
+  device->setTestCaseStatistics(Dictionary{
+      {"Ping", statistic("Ping", kVLTestCaseResultTypePassFail, 10, 0.3)},
+      {"Join",
+       statistic("Join", kVLTestCaseResultTypeAverage, 4, 0.0, Dictionary{{"Latency", mean(9)}})},
+      {"Scan", statistic("Scan", kVLTestCaseResultTypePassFail, 2, 0.0)}});
+  device->setWirelessCrashes(Dictionary{
+      {"wifi", Dictionary{{"iwd", 1}, {"wpa_supplicant", 2}, {"Total", 3}}}, {"overall", 3}});
+  auto same = issue("iwd - Crash", "iwd", "Failure", 50, *results);
+  same->setInstances(2);
+  device->setIssueList({same, issue("old", "iwd", "Failure", -600, *results)});
+  device->setRuntime(1800);
+  device->setStartTime(vl::Date{results->startTime().secondsSince1970 - 600});
+
+  vl::LogCapture capture;
+  results->mergeWithResult(*device);
+
+  auto ping = results->statisticForName("Ping");
+  EXPECT_EQ(ping->instances(), 20u);
+  EXPECT_DOUBLE_EQ(ping->failureRate(), 0.2);
+  EXPECT_EQ(results->statisticForName("Scan")->instances(), 2u);
+  // Metric sets that differ (code 3) merge again with the other side counted as failed.
+  auto join = results->statisticForName("Join");
+  EXPECT_EQ(join->instances(), 8u);
+  EXPECT_DOUBLE_EQ(join->failureRate(), 0.5);
+  EXPECT_EQ(join->failures(), (Dictionary{{"Unable to merge result with error 3", 1.0}}));
+  EXPECT_EQ(join->metrics(), (Dictionary{{"Mbps", mean(80)}}));
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", "Merge failed with error 3"));
+
+  auto issues = results->issueList();
+  ASSERT_EQ(issues.size(), 2u);
+  EXPECT_EQ(issues[0]->instances(), 3u);
+  EXPECT_EQ(issues[1]->reason(), "old");
+  EXPECT_EQ(results->wirelessCrashes(),
+            (Dictionary{{"wifi", Dictionary{{"iwd", 2}, {"Total", 4}, {"wpa_supplicant", 2}}},
+                        {"overall", Dictionary{{"Total", 3}}}}));
+  EXPECT_DOUBLE_EQ(results->runtime(), 5400);
+  EXPECT_EQ(results->startTime(), device->startTime());
+  EXPECT_EQ(results->mergedResults(), 2);
+  results->mergeWithResult(*std::make_shared<VLResults>());
+  EXPECT_EQ(results->mergedResults(), 3);
+
+  // A merge that fails again (the types differ) raises and changes nothing.
+  auto mixed = std::make_shared<VLResults>();
+  mixed->setTestCaseStatistics(
+      Dictionary{{"Scan", statistic("Scan", kVLTestCaseResultTypePassFail, 5, 0.0)},
+                 {"Ping", statistic("Ping", kVLTestCaseResultTypeAverage, 1, 0.0)}});
+  try {
+    results->mergeWithResult(*mixed);
+    ADD_FAILURE() << "merged";
+  } catch (const VLException& exception) {
+    EXPECT_EQ(exception.name(), kVLTestCaseStatisticMergeException);
+    EXPECT_EQ(exception.reason(), "Initial merge failed with error 4, retry failed with error 4");
+  }
+  EXPECT_EQ(results->statisticForName("Scan")->instances(), 2u);
+  EXPECT_EQ(results->statisticForName("Ping")->instances(), 20u);
 }
 
 }  // namespace

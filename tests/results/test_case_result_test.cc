@@ -7,6 +7,7 @@
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/property_list.h"
 #include "vorlund/logging/log_capture.h"
 #include "vorlund/results/issue.h"
 
@@ -177,7 +178,6 @@ TEST(TestCaseResultTest, ArchiveUsesTheShortKeyInOrderAndRoundTrips) {
                                         "Tags",
                                         "Type",
                                         "ResultCode",
-                                        "Bucket",
                                         "isMissedTestCase",
                                         "isNoOp",
                                         "isEnvironmentFailure",
@@ -194,7 +194,8 @@ TEST(TestCaseResultTest, ArchiveUsesTheShortKeyInOrderAndRoundTrips) {
   EXPECT_EQ(decoded->codingDictionary(), coded);
   EXPECT_EQ(decoded->getUnderlyingTestCaseObject(), nullptr);
 
-  // Empty metrics and tags are left out; so is a missing bucket.
+  // Empty metrics and tags are left out of the dictionary; a missing bucket is left out of the
+  // archive too.
   auto plain = completeResult();
   Dictionary plainCoded = plain->codingDictionary();
   EXPECT_FALSE(plainCoded.contains("Metrics") || plainCoded.contains("Tags"));
@@ -235,6 +236,31 @@ TEST(TestCaseResultTest, DictionaryFormsAndReportingAdapter) {
   EXPECT_EQ(empty->result(), 0);
   EXPECT_EQ(empty->resultCode(), 0);
   EXPECT_FALSE(empty->name() || empty->getStartTime());
+}
+
+TEST(TestCaseResultTest, UnsetNameTypeAndBucketLeaveNoNullInAnyForm) {
+  auto unnamed = VLTestCaseResult::make();
+  unnamed->pass();
+  auto unbucketed = completeResult();
+  unbucketed->pass();
+  for (const auto& source : {unnamed, unbucketed}) {
+    SCOPED_TRACE(source->description());
+    EXPECT_EQ(source->description().find("(null)"), std::string::npos);
+    for (const Dictionary& form :
+         {source->getDictionaryRepresentation(), source->codingDictionary()}) {
+      vl::Error error;
+      std::optional<std::string> xml =
+          vl::plist::serialize(Value(form), vl::plist::Format::Xml, &error);
+      ASSERT_TRUE(xml) << error.localizedDescription();
+      std::optional<Value> parsed = vl::plist::parse(*xml);
+      ASSERT_TRUE(parsed && parsed->asDictionary());
+      auto back = VLTestCaseResult::withDictionary(*parsed->asDictionary());
+      EXPECT_TRUE(back->didPass());
+      EXPECT_EQ(back->name(), source->name());
+      EXPECT_EQ(back->type(), source->type());
+      EXPECT_EQ(back->bucket(), std::nullopt);
+    }
+  }
 }
 
 Dictionary validBase() {

@@ -154,6 +154,26 @@ TEST_F(TimelineTest, AverageResultsWriteOneRowPerMetricAndNoDefaultRow) {
                        "SELECT metric_name, is_number, value_number, value_string "
                        "FROM TestCases WHERE test_case_iteration = 2 ORDER BY id"),
             "Location|0|2147483647.0|Office\nLatency|0|2147483647.0|n/a\n");
+  // A number that is not finite is a number row without a value, never text.
+  auto broken = makeResult("Ping", kVLTestCaseResultTypeAverage);
+  broken->addMetric(Value(std::nan("")), std::string("Jitter"));
+  broken->addMetric(Value(-INFINITY), std::string("Gain"));
+  broken->pass();
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*broken, 3));
+  EXPECT_EQ(sqliteTool(path_,
+                       "SELECT metric_name, is_number, typeof(value_number), value_string "
+                       "FROM TestCases WHERE test_case_iteration = 3 ORDER BY id"),
+            "Jitter|1|null|None\nGain|1|null|None\n");
+  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
+                               "Metric Gain of Ping is -inf, which is not a finite number: "
+                               "stored as NULL"));
+  // The rows are in the log; a Config rewrite (each save) folds them into the file, so that a
+  // copy of the file alone holds them all.
+  EXPECT_EQ(sqliteTool(path_, "PRAGMA journal_mode"), "wal\n");
+  ASSERT_TRUE(timeline_.saveConfigToDatabase(Dictionary{{"StressType", "wifi"}}));
+  const std::string copy = path_ + ".copy";
+  std::filesystem::copy_file(path_, copy);
+  EXPECT_EQ(sqliteTool(copy, "SELECT COUNT(*) FROM TestCases"), "6\n");
   // is_number is set exactly when value_number is not the no-number mark.
   EXPECT_EQ(sqliteTool(path_,
                        "SELECT count(*) FROM TestCases WHERE is_number != "
@@ -250,6 +270,7 @@ TEST_F(TimelineTest, TheConfigTableMirrorsTheLatestSummary) {
       {"Test Settings", Dictionary{{"City", "Oslo"}, {"Loops", 3}, {"Hosts", Array{"a"}}}},
       {"City", "Oslo"},
       {"Hardware Info", Dictionary{{"SerialNumber", "C02XYZ"}, {"Model", "Board 'A'"}}},
+      {"Software Info", Dictionary{{"Model", "shadowed"}, {"StressType", "shadowed"}}},
       {"StressType", "WiFi"},
       {"PlistVersion", 3.1},
       {"MergedResults", 0},
@@ -259,7 +280,7 @@ TEST_F(TimelineTest, TheConfigTableMirrorsTheLatestSummary) {
   ASSERT_TRUE(timeline_.saveConfigToDatabase(summary));
   // The value column is text, so numbers read back as their text.
   EXPECT_EQ(sqliteTool(path_, "SELECT key, value FROM Config ORDER BY id"),
-            "City|Oslo\nLoops|3\nCity|Oslo\nSerialNumber|C02XYZ\nModel|Board 'A'\n"
+            "Loops|3\nCity|Oslo\nSerialNumber|C02XYZ\nModel|Board 'A'\n"
             "StressType|WiFi\nPlistVersion|3.1\nMergedResults|0\nLastUpdated|" +
                 vl::dateString(Date{1767229200.0}) + "\n");
 

@@ -18,6 +18,7 @@
 
 class VLTestCaseStatistic;
 class VLTimelineDatabase;
+struct VLSnapdumpRequest;
 
 // The notification posted for failures of a known test case class, with {"result": result}.
 inline constexpr const char* kVLResultNotification = "com.brindle.result.notification";
@@ -47,7 +48,8 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   // preferences, the preferences as test settings, the device's hardware, software and logging
   // summaries ("SerialNumber", "HardwareModel", "Architecture"; "OSName", "BuildVersion",
   // "Kernel"; "LogDirectory", "ProcessName"; unknown values left out), results file and timeline
-  // paths derived from them, empty statistics, issues and crash counts. The timeline is opened on
+  // paths derived from them (the timeline file is created empty to claim the name, see
+  // fileNameSuffix), empty statistics, issues and crash counts. The timeline's tables are made on
   // first use.
   static std::shared_ptr<VLResults> make();
   VLResults();
@@ -57,8 +59,8 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
 
   // Adds one result: validation, multi-technology reason, recent history, row counter, merge into
   // the test case's statistic (with failure callbacks), timeline rows, run time, slow-add issue.
-  // The result notification is posted with the statistics lock held: its observers must not add
-  // results to, or read the statistics of, the same aggregate on the posting thread.
+  // The result notification is posted on the calling thread with no lock of this aggregate held,
+  // so its observers may read this run or add results and issues to it.
   // Invalid, no-op and missed results are not added. Raises VLException
   // "VLTestCaseStatisticMergeException" when a merge fails even with a freshly failed statistic.
   // A timeline that cannot be opened or written is logged ("Threw exception writing to DB. %@")
@@ -70,8 +72,12 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
 
   // Adds one issue (de-duplicated against the timeline and the run start, counted when it is a
   // wireless crash, merged with an issue of the same reason); a merge skips the timeline, the start
-  // check, the captures and the issue row. Raises VLException "VLIssueInvalid" for an issue
-  // without reason, process, type or time. Timeline failures are logged; the issue is kept.
+  // check, the captures and the issue row. Raises VLException "VLIssueInvalid" (before anything is
+  // recorded) for an issue without reason, process, type or time, or with 0 instances. The check
+  // for novelty and the recording are one step: the same issue added from several threads at once
+  // is recorded once. The run keeps a copy; the caller's record is not changed. Diagnostic
+  // archives are requested after the issue is recorded, with no lock held. Timeline failures are
+  // logged; the issue is kept.
   void addIssue(const std::shared_ptr<VLIssue>& issue);
   void addIssueFromMerge(const std::shared_ptr<VLIssue>& issue);
   void addIssue(const std::shared_ptr<VLIssue>& issue, bool isFromMerge);
@@ -156,12 +162,20 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   void setStressSnapdumps(uint32_t count);
   void setMergedResults(int64_t count);
 
-  // "<results folder>/<name>_<stress type>[_<serial>][_<start date>].<suffix>", the results folder
-  // being "~/Library/Logs/Vorlund/Results"; the serial part is left out when the serial number is
-  // unknown, the date part unless includeTime. Creates the missing parent folders (a failure is
-  // logged at level 16 and the path returned anyway).
+  // "<results folder>/<name>_<stress type>[_<serial>][_<start date><run suffix>].<suffix>", the
+  // results folder being "~/Library/Logs/Vorlund/Results"; the serial part is left out when the
+  // serial number is unknown, the date part unless includeTime. The run suffix is empty for the
+  // first run of a start second and "-2", "-3", ... for later runs of the same second, so that a
+  // run never writes over the files of an earlier one. Creates the missing parent folders (a
+  // failure is logged at level 16 with the system's error text, and the path returned anyway).
   std::string getResultsFilePathForName(const std::string& name, const std::string& suffix,
                                         bool includeTime = true) const;
+  // The run suffix of the file names: chosen once by make(), which claims the first free
+  // timeline name of the start second by creating it (O_EXCL, so two processes starting runs in
+  // the same second get different names) and skips names whose results file exists. A resumed run
+  // keeps its suffix (resume key "FileNameSuffix").
+  std::string fileNameSuffix() const;
+  void setFileNameSuffix(std::string suffix);
   // "VorlundResults" ... ".plist"; logs at level 2 "Saving results to %@".
   std::string getResultsFilePath() const;
   // "VorlundTimeline" ... ".db"; logs at level 0 "Saving timeline to %@".
@@ -200,11 +214,26 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   // written (failures are logged at level 16; an older resume file then stays whole).
   bool suspend();
   // The run carried on from the resume data: every saved key restored, resumed() set, run time
-  // updated, results file and timeline paths derived from the restored start time, and the resume
-  // file deleted. A fresh run (make()) when the file cannot be read, is not a keyed archive of the
-  // resume dictionary or holds a class outside the allowed set; each case is logged and the file
-  // is left in place. Never throws.
+  // updated, results file and timeline paths derived from the restored start time and file name
+  // suffix, the resume file deleted and the results file written back at once (the resume data
+  // follows with the first periodic save, see periodic_save.h). A fresh run (make()) when the file
+  // cannot be read, is not a keyed archive of the resume dictionary or holds a class outside the
+  // allowed set; each case is logged and the file is left in place. Never throws.
   static std::shared_ptr<VLResults> withResumeData();
+  // Merges another run (another device's, usually rebuilt with withFile) into this one:
+  // - statistics per key: a key new to this run is copied; a held one merges the other's
+  //   statistic. A merge refused for its metric sets (code 3) is tried again with the other's
+  //   statistic counted as failed ("Unable to merge result with error 3", no metrics), as a result
+  //   is; if that fails too, VLException "VLTestCaseStatisticMergeException" is raised and this run
+  //   is left as it was (the statistics are merged on copies and replaced together);
+  // - issues through addIssueFromMerge (same reason: instances add up);
+  // - wireless crashes per area and process ("Total" included; a format-3.0 count adds to
+  //   "Total", or to the plain count when this run is format 3.0);
+  // - run time and rows written add up; start time is the earlier, last update the later;
+  // - merged results: each side counts as its MergedResults, or 1 when it merged none, so two
+  //   single-device runs make 2.
+  // The summaries (settings, device, stress type) stay this run's. other must not be this run.
+  void mergeWithResult(const VLResults& other);
   // An aggregate rebuilt from a results file (for merging devices' results): each top-level key
   // back into its property; derived keys ("City", "WirelessTechnology", "CampedRAT", "CampedRAT2",
   // "MTBF") and keys of an unexpected type are skipped. plistPath() is path; there is no timeline
@@ -214,9 +243,15 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   void restoreStateFromSavedPlist(const vl::Dictionary& plist);
 
  private:
-  // Marks a crash of a wireless daemon, requests captures, counts it per area and overall.
-  void checkForWirelessCrash(VLIssue& issue, bool isFromMerge);
-  void countCrash(const std::string& area, const std::string& process, uint64_t instances);
+  // Marks a crash of a wireless daemon, counts it per area and overall, and returns the captures
+  // it reserved, for the caller to request once it holds no lock.
+  std::vector<VLSnapdumpRequest> checkForWirelessCrash(VLIssue& issue, bool isFromMerge);
+  // The issue's row, with the recent history as JSON text.
+  void saveIssueRow(const VLIssue& issue);
+  // Takes the next free file name of the run's start second (see getResultsFilePathForName).
+  void reserveFileNames();
+  // A fresh run's state without its file names.
+  static std::shared_ptr<VLResults> makeUnnamed();
 
   struct Impl;
   std::unique_ptr<Impl> impl_;

@@ -134,7 +134,8 @@ class VLTestCaseResult : public vl::CodableRecord {
 
   // Logs "Saving the following attributes for ..." at level 2 (category "Results"); "Name",
   // "Result", "TimeStamp", "EndTime", "Metrics" (when not empty), "Type", "Bucket", "Class" and
-  // "Tags" (always). No result code, technologies or flags.
+  // "Tags" (always). No result code, technologies or flags. Name, type and bucket are left out
+  // when not set (a dictionary holds no null), so the form is always a valid property list.
   vl::Dictionary getDictionaryRepresentation() const;
   // The reporting adapter: "com.brindle.zep.model.stress.result", and {dataModelId: dictionary}.
   std::string dataModelId() const { return kVLTestCaseResultDataModelId; }
@@ -158,7 +159,8 @@ class VLTestCaseResult : public vl::CodableRecord {
   std::string className() const override { return kClassName; }
   vl::Dictionary dictionaryRepresentation() const override { return getDictionaryRepresentation(); }
 
-  // The keys and values of the coding form as a dictionary (metrics, tags only when not empty).
+  // The keys and values of the coding form as a dictionary (metrics, tags only when not empty;
+  // name, type and bucket only when set).
   vl::Dictionary codingDictionary() const;
 
  private:

@@ -2,8 +2,12 @@
 // one or more TestCases rows, every accepted issue one Issues row, and the Config table mirrors the
 // run's summary. The results aggregate owns one and calls it; other tools read the file.
 //
-// One connection is kept open from the first use and its statements are compiled once; every result
-// is written in one transaction that is committed (on disk) before the call returns.
+// The file is opened and closed around each use. It is in write-ahead-log mode with
+// synchronous=FULL: every result is written in one transaction that is on disk (in the log) before
+// the call returns, and readers through SQLite see it at once. The log is kept between uses and
+// folded back into the database file when it grows past kTimelineCheckpointPages and at every
+// rewrite of the Config table (each save of the results file), so the file alone, copied without
+// its "-wal", holds everything up to the last save.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +40,8 @@ inline constexpr int kTimelineHistoryWidth = 1000000;
 inline constexpr int64_t kTimelineNoNumber = 2147483647;
 // The longest history text an Issues row stores; a longer one is stored empty.
 inline constexpr size_t kTimelineMaximumHistoryLength = 1000000;
+// The size of the log, in pages, at which a commit folds it back into the database file.
+inline constexpr int kTimelineCheckpointPages = 100;
 // How long a write waits for another process that holds the database lock.
 inline constexpr double kTimelineBusyTimeoutSeconds = 10.0;
 
@@ -72,9 +78,10 @@ class VLTimelineDatabase {
 
   // Writes the rows of one result (one per tag; a default row when there are none, unless the
   // result is an "Average" with metrics; one per metric of an "Average"), all with one new UUID,
-  // in one transaction committed before it returns. Initialises the database first when needed,
-  // and so may raise the exceptions of databaseInit(). Returns whether the rows were committed;
-  // a failure is logged and nothing of the result stays.
+  // in one transaction committed before it returns. A metric that is NaN or infinite is a number
+  // row whose value_number is NULL (logged at error level with the metric and its value).
+  // Initialises the database first when needed, and so may raise the exceptions of databaseInit().
+  // Returns whether the rows were committed; a failure is logged and nothing of the result stays.
   bool saveResultToDatabase(const VLTestCaseResult& result, int64_t iteration);
 
   // True when no Issues row has the issue's reason (without single quotes), time and process.
@@ -104,14 +111,18 @@ class VLTimelineDatabase {
 
   // Replaces the Config table with the summary: strings and numbers under their keys, dates as
   // date strings, and the string, number and date entries of a nested dictionary under their own
-  // keys (so "SerialNumber" of "Hardware Info" is a row); arrays are left out. One transaction:
-  // a reader sees the old table or the new one. Returns whether it was committed.
+  // keys (so "SerialNumber" of "Hardware Info" is a row); arrays are left out. Every key is one
+  // row: a top-level entry wins over a nested one of the same key, else the first nested one.
+  // Then folds the log back into the database file. One
+  // transaction: a reader sees the old table or the new one. Returns whether it was committed.
   bool saveConfigToDatabase(const vl::Dictionary& summary);
 
  private:
   void initializeLocked(const std::string& path);
   bool verifyTablesLocked();
-  bool ensureOpenLocked();
+  // Opens the connection for one use (initialising first when needed); false, logged, when it
+  // cannot be opened.
+  bool openLocked();
   bool insertIssueLocked(const VLIssue& issue, const std::string& history);
 
   std::string path_;

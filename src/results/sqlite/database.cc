@@ -67,6 +67,8 @@ bool Database::open(int flags, Error* error) {
   sqlite3_extended_result_codes(raw, 1);
   sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout_.count()));
   db_ = std::move(db);
+  if (persistentWal_) setPersistentWal(true);
+  if (!checkpointOnClose_) setCheckpointOnClose(false);
   return succeed();
 }
 
@@ -80,6 +82,18 @@ bool Database::close() {
 void Database::setBusyTimeout(std::chrono::milliseconds timeout) {
   busyTimeout_ = timeout;
   if (db_) sqlite3_busy_timeout(db_.get(), static_cast<int>(timeout.count()));
+}
+
+void Database::setPersistentWal(bool persistent) {
+  persistentWal_ = persistent;
+  int flag = persistent ? 1 : 0;
+  if (db_) sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_PERSIST_WAL, &flag);
+}
+
+void Database::setCheckpointOnClose(bool checkpoint) {
+  checkpointOnClose_ = checkpoint;
+  if (db_)
+    sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, checkpoint ? 0 : 1, nullptr);
 }
 
 bool Database::executeStatements(std::string_view sql, Error* error) {

@@ -66,6 +66,16 @@ class Database {
   void setBusyTimeout(std::chrono::milliseconds timeout);
   std::chrono::milliseconds busyTimeout() const { return busyTimeout_; }
 
+  // In write-ahead-log mode, whether closing keeps the log file (emptied by the checkpoint) rather
+  // than deleting it, so that the next use overwrites it in place instead of creating it again.
+  // Kept for later opens when the connection is closed.
+  void setPersistentWal(bool persistent);
+  // In write-ahead-log mode, whether the last connection to close folds the log back into the
+  // database file (SQLite's default). Without it the log stays for the next use, and is folded
+  // back only by checkpoints (automatic ones as it grows, or "PRAGMA wal_checkpoint").
+  // Kept for later opens when the connection is closed.
+  void setCheckpointOnClose(bool checkpoint);
+
   // Runs one or more ';'-separated statements without parameters, discarding rows. False, with
   // error, at the first that fails (the earlier ones stay done).
   bool executeStatements(std::string_view sql, Error* error = nullptr);
@@ -101,6 +111,8 @@ class Database {
   ScopedDb db_;
   StatementCache cache_;
   std::chrono::milliseconds busyTimeout_{0};
+  bool persistentWal_ = false;
+  bool checkpointOnClose_ = true;
   Error lastError_;
 };
 
