@@ -2,8 +2,9 @@
 //
 // Choices worth knowing:
 // - Collections are written with the immutable class names (NSArray, NSDictionary), as an immutable
-//   copy is what a value is; decoding accepts any class whose "$classes" chain holds a plain class
-//   name (NSMutableArray, __NSCFString and the like).
+//   copy is what a value is; decoding also takes the mutable forms (NSMutableArray and the like).
+// - A class is judged by its "$classname" and what this process knows of that name, never by the
+//   "$classes" chain the archive claims for it: an unknown class is refused whatever it claims.
 // - libplist 2.2 keeps every integer as an unsigned 64-bit value. An integer read back with its top
 //   bit set is a negative int64 ('q'), unless the archive stored it as a 16-byte integer, which is
 //   how an unsigned value above the int64 range is written; that one reads back as 'Q'. Every other
@@ -561,27 +562,34 @@ struct KeyedUnarchiver::Impl {
     if (!cls || plist_get_node_type(cls) != PLIST_DICT) return corrupt("a class is not a dictionary");
     auto name = readString(plist_dict_get_item(cls, "$classname"));
     if (!name) return corrupt("a class has no name");
-    std::vector<std::string_view> chain{*name};
-    if (plist_t list = plist_dict_get_item(cls, "$classes")) {
-      if (plist_get_node_type(list) != PLIST_ARRAY) return corrupt("a class chain is not an array");
-      for (plist_t item : plist_nodes::arrayItems(list)) {
-        auto super = readString(item);
-        if (!super) return corrupt("a class chain holds something other than a name");
-        if (*super != *name) chain.push_back(*super);
-      }
+    // The archive's own "$classes" is not trusted: the class is judged by its name alone.
+    if (!isAllowed(*name, classes)) return refuse(std::string(*name), classes);
+    if (const CodableClass* codable = findCodableClass(*name)) {
+      return decodeRecord(uid, node, *codable, std::string(*name));
     }
-    bool isAllowed = false;
-    for (auto c : chain) isAllowed = isAllowed || classes.count(c) > 0;
-    if (!isAllowed) return refuse(std::string(*name), classes);
-
-    // The first name of the chain that we know how to decode decides what the object becomes.
-    for (auto c : chain) {
-      if (const CodableClass* codable = findCodableClass(c)) {
-        return decodeRecord(uid, node, *codable, std::string(*name));
-      }
-      if (auto kind = plainKind(c)) return decodePlainObject(node, *kind, classes);
-    }
+    if (auto kind = plainKind(canonicalName(*name))) return decodePlainObject(node, *kind, classes);
     return refuse(std::string(*name), classes);
+  }
+
+  // The immutable class that a mutable collection class of another archiver stands for.
+  static std::string_view canonicalName(std::string_view name) {
+    static const std::map<std::string_view, std::string_view> mutableClasses{
+        {"NSMutableString", kClassString},
+        {"NSMutableData", kClassData},
+        {"NSMutableArray", kClassArray},
+        {"NSMutableDictionary", kClassDictionary}};
+    auto it = mutableClasses.find(name);
+    return it == mutableClasses.end() ? name : it->second;
+  }
+
+  // A class is allowed when it is in the set, is a mutable form of a class in the set, or is a
+  // registered class whose registered superclasses reach one in the set.
+  static bool isAllowed(std::string_view name, const ClassSet& classes) {
+    if (classes.count(canonicalName(name))) return true;
+    const CodableClass* codable = findCodableClass(name);
+    if (!codable) return false;
+    return std::any_of(codable->superclasses.begin(), codable->superclasses.end(),
+                       [&](const std::string& super) { return classes.count(super) > 0; });
   }
 
   Value decodePlainObject(plist_t node, Kind kind, const ClassSet& classes) {

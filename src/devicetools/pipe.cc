@@ -144,6 +144,18 @@ bool Pipe::drainAvailable() {
   std::unique_lock lock(readingMutex_, std::try_to_lock);
   // Held only briefly by anyone but a reader to end of file; a reader takes over the draining.
   if (!lock.owns_lock()) return !readerActive_;
+  return drainLocked();
+}
+
+void Pipe::endReading() {
+  std::unique_lock lock(readingMutex_, std::try_to_lock);
+  // A reader already waiting for the end keeps waiting: it cannot be woken from here.
+  if (!lock.owns_lock()) return;
+  drainLocked();
+  endOfFile_ = true;
+}
+
+bool Pipe::drainLocked() {
   if (reading_ < 0 || endOfFile_) return false;
   size_t moved = 0;
   char chunk[65536];

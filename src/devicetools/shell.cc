@@ -1,5 +1,6 @@
 #include "vorlund/devicetools/shell.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -10,6 +11,7 @@
 #include "vorlund/foundation/utf8.h"
 #include "vorlund/foundation/background.h"
 #include "vorlund/foundation/serial_queue.h"
+#include "vorlund/foundation/time_scale.h"
 #include "vorlund/foundation/timer.h"
 #include "vorlund/foundation/value.h"
 #include "vorlund/logging/log.h"
@@ -113,7 +115,12 @@ bool VLSetNSTaskToTimeoutWithKillSignal(const std::shared_ptr<vl::Task>& task, i
   }
 
   std::unique_ptr<vl::Timer> killTimer;
-  if (timeout > 0) {
+  std::optional<std::chrono::steady_clock::time_point> deadline;
+  // Infinity, not a number or a time-out past the timer's reach waits as 0 does: unbounded.
+  if (timeout > 0 && vl::Timer::isInRange(timeout)) {
+    deadline = std::chrono::steady_clock::now() +
+               std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                   vl::time::scaled(timeout));
     vl::Task* target = task.get();
     killTimer = std::make_unique<vl::Timer>(
         std::make_shared<vl::SerialQueue>(kTimeoutQueueLabel), timeout, timeout, 0,
@@ -127,7 +134,11 @@ bool VLSetNSTaskToTimeoutWithKillSignal(const std::shared_ptr<vl::Task>& task, i
         });
   }
 
-  task->waitUntilExit();
+  if (deadline) {
+    task->waitUntilExit(*deadline);
+  } else {
+    task->waitUntilExit();
+  }
   const int32_t status = task->terminationStatus();
   if (status == kSigkill) {
     VLLog(VLLogLevelError, kCategory, "Had to timeout task %d %@", pid, argumentList(*task));

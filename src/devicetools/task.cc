@@ -1,7 +1,9 @@
 // The waiter watches the child through a pidfd (poll says when it has exited, without reaping it)
 // together with the reading ends of its output pipes, which it drains while the child runs. The end
 // is reaped under the task's lock, the same lock sendSignal() takes, so that no signal is ever sent
-// to a process identifier after it has been released to the system.
+// to a process identifier after it has been released to the system. The child leads a process
+// group of its own, and as long as it is not reaped that group's identifier cannot be reused: this
+// is why a waiter with an output deadline keeps the child unreaped until its group is dealt with.
 #include "vorlund/devicetools/task.h"
 
 #include <poll.h>
@@ -11,7 +13,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "vorlund/foundation/format.h"
@@ -22,9 +26,19 @@ namespace vl {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr const char* kErrorDomain = "com.brindle.Vorlund";
 // How often a waiter without a pidfd (an old kernel) looks at the child.
 constexpr int kPollFallbackMilliseconds = 10;
+// After the group is killed at the output deadline, how long its pipes are given to reach their
+// end (the kernel closes a killed process's descriptors as it dies).
+constexpr auto kGroupKillGrace = std::chrono::milliseconds(200);
+
+int millisecondsUntil(Clock::time_point deadline) {
+  auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return static_cast<int>(std::clamp<int64_t>(left, 0, 60'000));
+}
 
 Error taskError(const std::string& reason) {
   Error e = Error::withDescription(kErrorDomain, 1, reason);
@@ -71,7 +85,7 @@ std::shared_ptr<Task> Task::make() { return std::shared_ptr<Task>(new Task()); }
 Task::~Task() {
   std::lock_guard lock(mutex_);
   if (launched_ && !collected_) {
-    ::kill(pid_, SIGKILL);
+    ::kill(-pid_, SIGKILL);
     collectLocked(true);
   }
   if (pidFd_ >= 0) ::close(pidFd_);
@@ -111,7 +125,9 @@ bool Task::launch(Error* error) {
   sigemptyset(&none);
   posix_spawnattr_setsigdefault(&setup.attributes, &all);
   posix_spawnattr_setsigmask(&setup.attributes, &none);
-  posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setpgroup(&setup.attributes, 0);
+  posix_spawnattr_setflags(&setup.attributes,
+                           POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
 
   std::vector<char*> argv;
   argv.push_back(launchPath_.data());
@@ -171,7 +187,7 @@ bool Task::wasSignalled() const {
 bool Task::sendSignal(int sig) {
   std::lock_guard lock(mutex_);
   if (!launched_ || collected_) return false;
-  return ::kill(pid_, sig) == 0;
+  return ::kill(-pid_, sig) == 0;
 }
 
 void Task::collectLocked(bool block) {
@@ -195,7 +211,11 @@ void Task::collectLocked(bool block) {
   ended_.notify_all();
 }
 
-void Task::waitUntilExit() {
+void Task::waitUntilExit() { waitFor(std::nullopt); }
+
+void Task::waitUntilExit(Clock::time_point outputDeadline) { waitFor(outputDeadline); }
+
+void Task::waitFor(std::optional<Clock::time_point> outputDeadline) {
   std::unique_lock lock(mutex_);
   if (!launched_ || collected_) return;
   if (waiting_) {
@@ -211,32 +231,65 @@ void Task::waitUntilExit() {
   }
   lock.unlock();
 
-  // The pidfd stays open until the end is collected, and only this waiter collects it.
-  for (;;) {
-    std::vector<pollfd> watched;
-    watched.push_back({pidFd, POLLIN, 0});
-    std::vector<std::shared_ptr<Pipe>> polled;
+  // Drains the pipes that poll found ready; keeps those that have not reached their end.
+  auto drain = [&pipes](const std::vector<pollfd>& watched, size_t first) {
+    std::vector<std::shared_ptr<Pipe>> keep;
+    for (size_t i = 0; i < pipes.size(); ++i) {
+      if (watched[first + i].revents == 0 || pipes[i]->drainAvailable()) keep.push_back(pipes[i]);
+    }
+    pipes.swap(keep);
+  };
+  auto watchedPipes = [&pipes](std::vector<pollfd>& watched) {
+    std::vector<std::shared_ptr<Pipe>> open;
     for (const auto& pipe : pipes) {
       int fd = pipe->readingDescriptor();
       if (fd < 0) continue;
       watched.push_back({fd, POLLIN, 0});
-      polled.push_back(pipe);
+      open.push_back(pipe);
     }
+    pipes.swap(open);
+  };
+
+  // The pidfd stays open until the end is collected, and only this waiter collects it.
+  for (;;) {
+    std::vector<pollfd> watched;
+    watched.push_back({pidFd, POLLIN, 0});
+    watchedPipes(watched);
     int ready = ::poll(watched.data() + (pidFd < 0 ? 1 : 0), watched.size() - (pidFd < 0 ? 1 : 0),
                        pidFd < 0 ? kPollFallbackMilliseconds : -1);
     if (ready < 0 && errno != EINTR) {
       // Nothing to watch with: fall back on looking at the child now and then.
       ::poll(nullptr, 0, kPollFallbackMilliseconds);
     }
-    std::vector<std::shared_ptr<Pipe>> keep;
-    for (size_t i = 0; i < polled.size(); ++i) {
-      if (watched[i + 1].revents == 0 || polled[i]->drainAvailable()) keep.push_back(polled[i]);
-    }
-    pipes.swap(keep);
+    drain(watched, 1);
     const bool exited = (pidFd >= 0 && ready >= 0)
                             ? (watched[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0
                             : childHasExited(pid);
     if (exited) break;
+  }
+
+  if (outputDeadline) {
+    // Whatever the child left running in its group may hold the pipes open: they are read until
+    // the deadline, and then the rest of the group is killed.
+    auto readUntil = [&](Clock::time_point until) {
+      while (!pipes.empty() && Clock::now() < until) {
+        std::vector<pollfd> watched;
+        watchedPipes(watched);
+        if (watched.empty()) break;
+        int ready = ::poll(watched.data(), watched.size(), millisecondsUntil(until));
+        if (ready < 0 && errno != EINTR) break;
+        drain(watched, 0);
+      }
+    };
+    readUntil(*outputDeadline);
+    if (!pipes.empty()) {
+      lock.lock();
+      ::kill(-pid, SIGKILL);
+      lock.unlock();
+      readUntil(Clock::now() + kGroupKillGrace);
+      // A writer outside the group (one that left it) is not waited for.
+      for (const auto& pipe : pipes) pipe->endReading();
+    }
   }
 
   lock.lock();

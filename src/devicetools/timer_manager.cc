@@ -8,12 +8,16 @@ FUTimerManager& FUTimerManager::sharedManager() {
 }
 
 void FUTimerManager::addTimer(std::shared_ptr<vl::Timer> timer, const std::string& key) {
+  // The entry replaced may be the timer's last owner, and a timer's destructor waits for its
+  // running handler, which may itself be calling the manager: it is let go of after the lock.
+  std::shared_ptr<vl::Timer> replaced;
   std::lock_guard lock(mutex_);
-  if (timer) {
-    timers_[key] = std::move(timer);
-  } else {
-    timers_.erase(key);
+  auto found = timers_.find(key);
+  if (found != timers_.end()) {
+    replaced = std::move(found->second);
+    if (!timer) timers_.erase(found);
   }
+  if (timer) timers_[key] = std::move(timer);
 }
 
 void FUTimerManager::cancelTimerForKey(const std::string& key) {

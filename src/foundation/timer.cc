@@ -3,6 +3,7 @@
 // cancelled timer holds nothing alive while a stale item waits in the queue.
 #include "vorlund/foundation/timer.h"
 
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <exception>
@@ -30,6 +31,14 @@ struct Timer::State {
 };
 
 namespace {
+
+// A delay or interval past this is never reached; the timer keeps it from overflowing the clock.
+constexpr Clock::duration kLongestDelay = std::chrono::hours(24 * 365 * 100);
+
+// t + d, held at the far end of the clock instead of wrapping past it.
+Clock::time_point saturatingAdd(Clock::time_point t, Clock::duration d) {
+  return d >= Clock::time_point::max() - t ? Clock::time_point::max() : t + d;
+}
 
 void fire(const std::shared_ptr<Timer::State>& state) {
   {
@@ -59,7 +68,7 @@ void fire(const std::shared_ptr<Timer::State>& state) {
     } else {
       // Back onto the schedule of the first firing; after an overrun, fire at once but once.
       const auto now = Clock::now();
-      state->due += state->interval;
+      state->due = saturatingAdd(state->due, state->interval);
       if (state->due < now) state->due += ((now - state->due) / state->interval) * state->interval;
       state->queue->asyncAt(state->due, [state] { fire(state); });
     }
@@ -82,14 +91,19 @@ Timer::Timer(std::shared_ptr<SerialQueue> queue, double delay, double interval, 
   if (state_->repeats && state_->interval <= Clock::duration::zero()) {
     state_->interval = std::chrono::microseconds(1);
   }
-  state_->due = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                   vl::time::scaled(delay > 0 ? delay : 0));
+  // Not a number counts as no delay, as any other delay that is not positive.
+  state_->due = saturatingAdd(Clock::now(), std::chrono::duration_cast<Clock::duration>(
+                                                vl::time::scaled(delay > 0 ? delay : 0)));
   std::shared_ptr<State> state = state_;
   std::lock_guard lock(state_->mutex);
   state_->queue->asyncAt(state_->due, [state] { fire(state); });
 }
 
 Timer::~Timer() { cancel(); }
+
+bool Timer::isInRange(double seconds) {
+  return std::isfinite(seconds) && seconds >= 0 && vl::time::scaled(seconds) <= kLongestDelay;
+}
 
 void Timer::cancel() {
   std::function<void()> released;

@@ -16,8 +16,6 @@ namespace vl {
 
 namespace {
 
-// The kernel keeps at most 15 characters of a process name in _COMM.
-constexpr size_t kCommLength = 15;
 constexpr size_t kMaximumBatch = 256;
 constexpr int kDebugPriority = 7;
 
@@ -93,7 +91,7 @@ class JournalActivityStream final : public ActivityStream {
     }
     ScopedJournal journal(raw);
     for (const std::string& process : processes) {
-      std::string match = "_COMM=" + process.substr(0, kCommLength);
+      std::string match = "_COMM=" + process.substr(0, kProcessNameLength);
       sd_journal_add_match(raw, match.data(), match.size());
     }
     if (options & kActivityStreamOptionLive) {
@@ -143,6 +141,8 @@ class JournalActivityStream final : public ActivityStream {
       event.timestamp = Date{static_cast<double>(usec) / 1e6};
     }
     event.processName = field(j, "_COMM").value_or("");
+    event.executable = field(j, "_EXE");
+    event.commandLine = field(j, "_CMDLINE");
     event.message = field(j, "MESSAGE");
     return event;
   }
@@ -178,6 +178,21 @@ class JournalActivityStream final : public ActivityStream {
 };
 
 }  // namespace
+
+bool isEventFromProcess(const ActivityEvent& event, std::string_view name) {
+  if (event.processName == name) return true;
+  if (name.size() <= kProcessNameLength || name.substr(0, kProcessNameLength) != event.processName) {
+    return false;
+  }
+  auto fileName = [](std::string_view path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+  };
+  if (event.executable && fileName(*event.executable) == name) return true;
+  if (!event.commandLine) return false;
+  std::string_view line = *event.commandLine;
+  return fileName(line.substr(0, line.find(' '))) == name;
+}
 
 std::shared_ptr<ActivityStream> makeJournalActivityStream(std::optional<std::string> directory) {
   return std::make_shared<JournalActivityStream>(std::move(directory));

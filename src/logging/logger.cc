@@ -378,7 +378,11 @@ bool VLLogger::activityStream(vl::ActivityStream& /*stream*/,
     for (size_t i = 0; i < logStreams_.size(); ++i) {
       auto [path, streamed] = logStreams_.entry(i);
       std::vector<std::string> names = namesOf(streamed);
-      if (std::find(names.begin(), names.end(), event.processName) == names.end()) continue;
+      if (std::none_of(names.begin(), names.end(), [&](const std::string& name) {
+            return vl::isEventFromProcess(event, name);
+          })) {
+        continue;
+      }
       std::shared_ptr<vl::LogFile> file = createFile(path, *this);
       if (!file) {
         printToStandardOutput(vl::format("%s", line));

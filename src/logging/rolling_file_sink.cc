@@ -21,19 +21,6 @@ constexpr const char* kLinePattern = "%Y-%m-%d %H:%M:%S.%f [%P:%t] %v";
 // Enough suffixes for any number of files opened within one second.
 constexpr int kMaximumSuffix = 100000;
 
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t written = ::write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 }  // namespace
 
 RollingFileSink::RollingFileSink(RollingFileOptions options) : options_(std::move(options)) {
@@ -41,11 +28,24 @@ RollingFileSink::RollingFileSink(RollingFileOptions options) : options_(std::mov
   set_formatter_(std::make_unique<spdlog::pattern_formatter>(kLinePattern));
 }
 
-RollingFileSink::~RollingFileSink() { closeFile(); }
+RollingFileSink::~RollingFileSink() {
+  retry(true);
+  closeFile();
+}
 
 std::string RollingFileSink::currentFilePath() {
   std::lock_guard lock(mutex_);
   return path_;
+}
+
+size_t RollingFileSink::pendingLineCount() {
+  std::lock_guard lock(mutex_);
+  return pending_.size();
+}
+
+uint64_t RollingFileSink::droppedLineCount() {
+  std::lock_guard lock(mutex_);
+  return dropped_;
 }
 
 void RollingFileSink::closeFile() {
@@ -53,10 +53,10 @@ void RollingFileSink::closeFile() {
   fd_ = -1;
 }
 
-void RollingFileSink::openNewFile() {
-  closeFile();
+bool RollingFileSink::openNewFile(std::string* failure) {
   if (!paths::createDirectories(options_.directory)) {
-    spdlog::throw_spdlog_ex("cannot create log folder " + options_.directory, errno);
+    *failure = "cannot create log folder " + options_.directory + ": " + std::strerror(errno);
+    return false;
   }
   std::string stem =
       paths::join(options_.directory, options_.baseName + "-" + dateString(Date::now()));
@@ -64,30 +64,109 @@ void RollingFileSink::openNewFile() {
     std::string path = stem + (suffix ? "-" + std::to_string(suffix) : "") + options_.extension;
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
     if (fd >= 0) {
+      closeFile();
       fd_ = fd;
       path_ = path;
       size_ = 0;
-      openedAt_ = std::chrono::steady_clock::now();
-      return;
+      openedAt_ = Clock::now();
+      return true;
     }
-    if (errno != EEXIST) spdlog::throw_spdlog_ex("cannot create log file " + path, errno);
+    if (errno != EEXIST) {
+      *failure = "cannot create log file " + path + ": " + std::strerror(errno);
+      return false;
+    }
   }
-  spdlog::throw_spdlog_ex("no free log file name for " + stem);
+  *failure = "no free log file name for " + stem;
+  return false;
+}
+
+bool RollingFileSink::writeLine(std::string_view& line, std::string* failure) {
+  const bool tooOld =
+      fd_ >= 0 && Clock::now() - openedAt_ >= time::scaled(options_.rollingFrequency);
+  const bool tooBig = fd_ >= 0 && size_ > 0 && size_ + line.size() > options_.maximumFileSize;
+  // A file that cannot be rolled goes on taking lines rather than losing them.
+  if ((fd_ < 0 || tooOld || tooBig) && !openNewFile(failure) && fd_ < 0) return false;
+  while (!line.empty()) {
+    ssize_t written = ::write(fd_, line.data(), line.size());
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      *failure = "cannot write log file " + path_ + ": " + std::strerror(errno);
+      return false;
+    }
+    line.remove_prefix(static_cast<size_t>(written));
+    size_ += static_cast<uint64_t>(written);
+  }
+  return true;
+}
+
+void RollingFileSink::keep(std::string line) {
+  if (options_.maximumPendingLines == 0) {
+    ++dropped_;
+    ++droppedUnreported_;
+    return;
+  }
+  while (pending_.size() >= options_.maximumPendingLines) {
+    pending_.pop_front();
+    ++dropped_;
+    ++droppedUnreported_;
+  }
+  pending_.push_back(std::move(line));
+}
+
+bool RollingFileSink::writePending(std::string* failure) {
+  if (droppedUnreported_ > 0) {
+    std::string text = "*** " + std::to_string(droppedUnreported_) +
+                       " earlier lines were dropped while the log could not be written";
+    spdlog::memory_buf_t note;
+    formatter_->format(spdlog::details::log_msg("", spdlog::level::err, text), note);
+    std::string_view rest(note.data(), note.size());
+    if (!writeLine(rest, failure)) return false;
+    droppedUnreported_ = 0;
+  }
+  while (!pending_.empty()) {
+    std::string_view rest(pending_.front());
+    const bool written = writeLine(rest, failure);
+    // What a partial write took is not written again.
+    pending_.front().erase(0, pending_.front().size() - rest.size());
+    if (!written) return false;
+    pending_.pop_front();
+  }
+  return true;
+}
+
+void RollingFileSink::backOff() {
+  retryAt_ = Clock::now() + time::scaled(retryDelay_);
+  retryDelay_ = std::min(retryDelay_ * 2, kLogFileLongestRetryDelay);
+}
+
+std::string RollingFileSink::retry(bool force) {
+  if (pending_.empty() && droppedUnreported_ == 0) return {};
+  if (!force && Clock::now() < retryAt_) return {};
+  std::string failure;
+  if (writePending(&failure)) {
+    retryDelay_ = kLogFileRetryDelay;
+    return {};
+  }
+  backOff();
+  return failure;
 }
 
 void RollingFileSink::sink_it_(const spdlog::details::log_msg& msg) {
   spdlog::memory_buf_t formatted;
   formatter_->format(msg, formatted);
-  bool tooOld = fd_ >= 0 && std::chrono::steady_clock::now() - openedAt_ >=
-                                time::scaled(options_.rollingFrequency);
-  bool tooBig = fd_ >= 0 && size_ > 0 && size_ + formatted.size() > options_.maximumFileSize;
-  if (fd_ < 0 || tooOld || tooBig) openNewFile();
-  if (!writeAll(fd_, formatted.data(), formatted.size())) {
-    int error = errno;
-    closeFile();
-    spdlog::throw_spdlog_ex("cannot write log file " + path_, error);
+  // Kept lines go first, when the back-off allows.
+  std::string failure = retry(false);
+  if (failure.empty() && pending_.empty() && droppedUnreported_ == 0) {
+    std::string_view rest(formatted.data(), formatted.size());
+    if (writeLine(rest, &failure)) return;
+    keep(std::string(rest));
+    backOff();
+  } else {
+    keep(std::string(formatted.data(), formatted.size()));
   }
-  size_ += formatted.size();
+  if (!failure.empty()) spdlog::throw_spdlog_ex(failure);
 }
+
+void RollingFileSink::flush_() { retry(false); }
 
 }  // namespace vl

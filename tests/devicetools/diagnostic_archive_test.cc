@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "devicetools/processes.h"
 #include "support/test_support.h"
 #include "vorlund/devicetools/diagnostic_archiver.h"
 #include "vorlund/devicetools/evidence.h"
@@ -215,6 +216,27 @@ TEST_F(ArchiveDevice, CaptureErrorsReachTheCallback) {
   EXPECT_EQ(errors[1]->userInfo.get("Reason").stringOr(""),
             format("The snapdump command \"%s\" exited with status 3: disk full",
                    tools_.file("failing_capture")));
+}
+
+TEST_F(ArchiveDevice, AKilledCaptureLeavesNothingBehindToHoldUpTheNext) {
+  time::ScopedScale fast(0.0001);
+  // The first run starts a background job that would hold its output open for half a minute.
+  const std::string ran = sandbox_.path("ran");
+  tool("hanging_capture",
+       format("if [ ! -e %s ]; then touch %s; sleep 33.1 & sleep 100; fi", ran, ran));
+  setPreferences(Dictionary{{"SnapdumpCommand", tools_.file("hanging_capture")}});
+  SnapdumpTrigger trigger;
+  Callbacks callbacks;
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  ASSERT_TRUE(trigger.request(callbacks.callback()));
+  auto errors = callbacks.waitFor(2);
+  EXPECT_TRUE(test::endedWithin({"sleep", "33.1"}, 5));
+  ASSERT_EQ(errors.size(), 2u);
+  ASSERT_TRUE(errors[0]);
+  EXPECT_EQ(errors[0]->userInfo.get("Reason").stringOr(""),
+            format("The snapdump command \"%s\" was ended by signal 9",
+                   tools_.file("hanging_capture")));
+  EXPECT_FALSE(errors[1]);
 }
 
 class ThrowingArchiver : public DiagnosticArchiver {

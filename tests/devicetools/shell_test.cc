@@ -11,11 +11,15 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
+#include <future>
+#include <limits>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "devicetools/processes.h"
 #include "support/child_process.h"
 #include "support/test_support.h"
 #include "vorlund/devicetools/process_table.h"
@@ -206,13 +210,43 @@ TEST(ShellCommand, KillTimerRepeatsUntilTheTaskEnds) {
   EXPECT_GE(capture.count(format("Killing pid %d with sig [15]", task->processIdentifier())), 2u);
 }
 
-TEST(ShellCommand, ZeroTimeoutWaitsForTheCommand) {
+// Lines whose message begins with prefix.
+size_t linesStartingWith(const LogCapture& capture, const std::string& prefix) {
+  size_t count = 0;
+  for (const CapturedLine& line : capture.lines()) count += line.message.rfind(prefix, 0) == 0;
+  return count;
+}
+
+TEST(ShellCommand, TimeoutsThatSetNoTimerWaitForTheCommand) {
   time::ScopedScale fast(0.001);
   LogCapture capture;
-  EXPECT_EQ(VLExecuteShellCommand("sleep 0.3; echo done", {}, true, 0), "done\n");
-  for (const CapturedLine& line : capture.lines()) {
-    EXPECT_EQ(line.message.find("Killing pid"), std::string::npos) << line.message;
+  for (double timeout : {0.0, -1.0, std::numeric_limits<double>::infinity(), 1e300, std::nan("")}) {
+    EXPECT_EQ(VLExecuteShellCommand("sleep 0.2; echo done", {}, true, timeout), "done\n")
+        << timeout;
   }
+  EXPECT_EQ(linesStartingWith(capture, "Killing pid"), 0u);
+}
+
+TEST(ShellCommand, AKillReachesTheCommandsBackgroundJobs) {
+  time::ScopedScale fast(0.05);
+  const std::vector<std::string> job{"sleep", "32.3"};
+  auto start = Clock::now();
+  EXPECT_EQ(VLExecuteShellCommand("sleep 32.3 & sleep 100", {}, true, 2), "");
+  EXPECT_LT(secondsSince(start), 20);
+  EXPECT_TRUE(test::endedWithin(job, 5));
+}
+
+TEST(ShellCommand, OutputHeldOpenByABackgroundJobEndsAtTheDeadline) {
+  time::ScopedScale fast(0.05);
+  const std::vector<std::string> job{"sleep", "31.7"};
+  LogCapture capture;
+  auto run = std::async(std::launch::async,
+                        [] { return VLExecuteShellCommand("echo hi; sleep 31.7 &", {}, true, 2); });
+  const bool returned = run.wait_for(std::chrono::seconds(15)) == std::future_status::ready;
+  EXPECT_TRUE(returned) << "the read waited for the background job";
+  EXPECT_TRUE(test::endedWithin(job, returned ? 5 : 0));
+  EXPECT_EQ(run.get(), "hi\n");
+  EXPECT_EQ(linesStartingWith(capture, "Completed task"), 1u);
 }
 
 TEST(ShellCommand, WithoutWaitTheTaskIsBoundedInTheBackground) {
@@ -399,6 +433,65 @@ TEST(WaitForSeconds, SleepsTheScaledTime) {
   start = Clock::now();
   waitForSeconds(-5);
   EXPECT_LT(secondsSince(start), 0.05);
+}
+
+// Runs body on a thread of its own and waits for it at most seconds. A body still running then is
+// taken for a deadlock: the test fails and the process ends, since the threads stuck in it can
+// never be joined.
+void finishesWithin(double seconds, std::function<void()> body) {
+  auto done = std::make_shared<std::promise<void>>();
+  std::future<void> finished = done->get_future();
+  std::thread([body = std::move(body), done] {
+    body();
+    done->set_value();
+  }).detach();
+  if (finished.wait_for(std::chrono::duration<double>(seconds)) == std::future_status::ready) {
+    return;
+  }
+  ADD_FAILURE() << "deadlocked";
+  std::_Exit(1);
+}
+
+TEST(FUTimerManager, TimersThatUseTheManagerWhileTheyAreReplacedOrCancelled) {
+  auto& manager = FUTimerManager::sharedManager();
+  auto queue = std::make_shared<SerialQueue>("vorlund.test.timers");
+
+  // Replaced while its handler runs and calls the manager: the manager held the last reference.
+  finishesWithin(10, [&] {
+    std::promise<void> running;
+    auto timer = std::make_shared<Timer>(queue, 0, 0, 0, [&] {
+      running.set_value();
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      manager.addTimer(nullptr, "/logs/other");
+    });
+    manager.addTimer(std::move(timer), "/logs/replaced");
+    running.get_future().wait();
+    manager.addTimer(std::make_shared<Timer>(queue, 100, 100, 0, [] {}), "/logs/replaced");
+    manager.cancelTimerForKey("/logs/replaced");
+  });
+
+  // Handlers that cancel or replace their own key while other threads do the same.
+  finishesWithin(30, [&] {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < 200; ++i) {
+          const std::string key = format("/logs/%d", (t + i) % 3);
+          auto timer = std::make_shared<Timer>(queue, 0, 0.001, 0, [&manager, key, i] {
+            if (i % 2) {
+              manager.cancelTimerForKey(key);
+            } else {
+              manager.addTimer(std::make_shared<Timer>(nullptr, 100, 0, 0, [] {}), key);
+            }
+          });
+          manager.addTimer(std::move(timer), key);
+          if (i % 3 == 0) manager.cancelTimerForKey(key);
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (int k = 0; k < 3; ++k) manager.addTimer(nullptr, format("/logs/%d", k));
+  });
 }
 
 TEST(FUTimerManager, KeepsAndCancelsTimersByKey) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
+#include <limits>
 #include <future>
 #include <thread>
 
@@ -41,15 +43,26 @@ TEST(TimerTest, RepeatsUntilCancelledAndNeverFiresAfterwards) {
   timer.cancel();  // twice is harmless
 }
 
-TEST(TimerTest, AZeroIntervalFiresOnce) {
+TEST(TimerTest, FiresOnceForAZeroIntervalAndNeverPastItsRange) {
   time::ScopedScale fast(0.001);
-  auto queue = std::make_shared<SerialQueue>("once");
-  Recorder firings;
-  Timer timer(queue, 1, 0, 0, [&] { firings.add(1); });
-  ASSERT_TRUE(firings.waitFor(1));
-  drain(*queue, 20);
-  EXPECT_EQ(firings.count(), 1u);
-  EXPECT_EQ(timer.fireCount(), 1u);
+  const double inf = std::numeric_limits<double>::infinity();
+  struct Case {
+    double delay, interval;
+    size_t firings;
+  } cases[] = {{1, 0, 1}, {inf, 0, 0}, {1e300, 1, 0}, {1, inf, 1}, {0, 1e300, 1}};
+  for (const Case& c : cases) {
+    auto queue = std::make_shared<SerialQueue>("range");
+    Recorder firings;
+    Timer timer(queue, c.delay, c.interval, 0, [&] { firings.add(1); });
+    drain(*queue, 20);
+    EXPECT_EQ(firings.count(), c.firings) << c.delay << " " << c.interval;
+    EXPECT_EQ(timer.fireCount(), c.firings);
+  }
+  EXPECT_TRUE(Timer::isInRange(0));
+  EXPECT_TRUE(Timer::isInRange(86400 * 365));
+  EXPECT_FALSE(Timer::isInRange(1e300));
+  EXPECT_FALSE(Timer::isInRange(inf));
+  EXPECT_FALSE(Timer::isInRange(std::nan("")));
 }
 
 TEST(TimerTest, TheHandlerMayCancelItsOwnTimer) {

@@ -18,13 +18,20 @@ namespace {
 
 using test::FakeStreams;
 
-ActivityEvent logEvent(const std::string& process, const std::string& category,
-                       const std::string& message, double time) {
-  return ActivityEvent{Date{time}, process, message, category, true};
+ActivityEvent plainEvent(const std::string& process, const std::string& message, double time) {
+  ActivityEvent event;
+  event.timestamp = Date{time};
+  event.processName = process;
+  event.message = message;
+  return event;
 }
 
-ActivityEvent plainEvent(const std::string& process, const std::string& message, double time) {
-  return ActivityEvent{Date{time}, process, message, std::nullopt, false};
+ActivityEvent logEvent(const std::string& process, const std::string& category,
+                       const std::string& message, double time) {
+  ActivityEvent event = plainEvent(process, message, time);
+  event.category = category;
+  event.isLogMessage = true;
+  return event;
 }
 
 std::string stamp(double time) { return formatLocalTime(Date{time}, "%Y-%m-%d %H:%M:%S.%f"); }
@@ -91,6 +98,28 @@ TEST_F(LogStreaming, CopiesEventsIntoTheFilesOfTheirProcess) {
   EXPECT_EQ(test::readFile(a), stamp(1769847302.25) + " (Vorlund.Results) > merged\n");
   EXPECT_EQ(test::readFile(b), stamp(1769847302.25) + " (Vorlund.Results) > merged\n" +
                                    stamp(1769847303.5) + " (bluetoothd) > powered on\n");
+}
+
+TEST_F(LogStreaming, TellsLongProcessNamesByTheirExecutableOrCommandLine) {
+  std::string a = dir_.file("a.log");
+  logger_.streamOSLogToFile(a, {"wpa_supplicant_helper"});
+  // The kernel keeps "wpa_supplicant_" for both this program and another of a similar name.
+  auto cut = [](std::optional<std::string> exe, std::optional<std::string> cmdline,
+                const std::string& message) {
+    ActivityEvent event = plainEvent("wpa_supplicant_", message, 1769847302);
+    event.executable = std::move(exe);
+    event.commandLine = std::move(cmdline);
+    return event;
+  };
+  EXPECT_TRUE(streams_.made[0]->deliver({
+      cut("/usr/sbin/wpa_supplicant_helper", "wpa_supplicant_helper -i wlan0", "by exe"),
+      cut(std::nullopt, "/usr/sbin/wpa_supplicant_helper -i wlan0", "by cmdline"),
+      cut("/usr/sbin/wpa_supplicant_other", "wpa_supplicant_other -d", "other program"),
+      cut(std::nullopt, std::nullopt, "unknown program"),
+      plainEvent("wpa_supplicant", "shorter name", 1769847302),
+  }));
+  EXPECT_EQ(test::readFile(a), stamp(1769847302) + " (wpa_supplicant_) > by exe\n" +
+                                   stamp(1769847302) + " (wpa_supplicant_) > by cmdline\n");
 }
 
 TEST_F(LogStreaming, EventsWithoutDateOrMessageBecomeStatisticIssues) {

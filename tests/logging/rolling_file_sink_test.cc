@@ -1,8 +1,14 @@
 #include "vorlund/logging/rolling_file_sink.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
 #include <spdlog/logger.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -120,8 +126,87 @@ TEST(RollingFileSink, ReportsAFolderItCannotMake) {
   test::TempDir dir;
   test::writeFile(dir.file("plain"), "a file, not a folder");
   RollingFileSink sink(RollingFileOptions{.directory = dir.file("plain/logs"), .baseName = "x"});
-  spdlog::details::log_msg msg("test", spdlog::level::info, "lost");
+  spdlog::details::log_msg msg("test", spdlog::level::info, "kept");
   EXPECT_THROW(sink.log(msg), spdlog::spdlog_ex);
+  EXPECT_EQ(sink.pendingLineCount(), 1u);
+}
+
+// Makes a folder refuse new files while it lives: by its mode for a normal user, and by the
+// immutable flag for root, whom modes do not stop.
+class UnwritableFolder {
+ public:
+  explicit UnwritableFolder(const std::string& path) : path_(path) {
+    std::filesystem::create_directories(path);
+    active_ = set(true);
+  }
+  ~UnwritableFolder() { release(); }
+  bool active() const { return active_; }
+  void release() {
+    if (active_) set(false);
+    active_ = false;
+  }
+
+ private:
+  bool set(bool unwritable) {
+    if (geteuid() != 0) return chmod(path_.c_str(), unwritable ? 0555 : 0755) == 0;
+    int fd = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int flags = 0;
+    bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    flags = unwritable ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    done = done && ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    if (fd >= 0) close(fd);
+    return done;
+  }
+
+  std::string path_;
+  bool active_ = false;
+};
+
+TEST(RollingFileSink, KeepsLinesWhileTheFolderRefusesThemAndWritesThemToOneFileLater) {
+  time::ScopedScale fast(0.001);
+  test::TempDir dir;
+  UnwritableFolder folder(dir.file("logs"));
+  if (!folder.active()) GTEST_SKIP() << "no way to make a read-only folder here";
+  auto sink = std::make_shared<RollingFileSink>(RollingFileOptions{
+      .directory = dir.file("logs"), .baseName = "kept", .maximumPendingLines = 2});
+  auto logger = std::make_shared<spdlog::logger>("test", sink);
+  size_t errors = 0;
+  logger->set_error_handler([&](const std::string&) { ++errors; });
+  for (int i = 0; i < 3; ++i) logger->info("line {}", i);
+  EXPECT_GE(errors, 1u);
+  EXPECT_TRUE(filesIn(dir.file("logs")).empty());
+  EXPECT_EQ(sink->pendingLineCount(), 2u);
+  EXPECT_EQ(sink->droppedLineCount(), 1u);
+
+  folder.release();
+  std::this_thread::sleep_for(time::scaled(kLogFileLongestRetryDelay));
+  logger->info("after");
+  auto files = filesIn(dir.file("logs"));
+  ASSERT_EQ(files.size(), 1u);
+  std::vector<std::string> lines;
+  std::istringstream text(test::readFile(files[0]));
+  for (std::string line; std::getline(text, line);) lines.push_back(line.substr(line.find("] ") + 2));
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "*** 1 earlier lines were dropped while the log could not be written",
+                       "line 1", "line 2", "after"}));
+  EXPECT_EQ(sink->pendingLineCount(), 0u);
+}
+
+TEST(RollingFileSink, AFolderThatNeverTakesLinesDoesNotHoldUpTheCaller) {
+  test::TempDir dir;
+  UnwritableFolder folder(dir.file("logs"));
+  if (!folder.active()) GTEST_SKIP() << "no way to make a read-only folder here";
+  auto sink = std::make_shared<RollingFileSink>(RollingFileOptions{
+      .directory = dir.file("logs"), .baseName = "lost", .maximumPendingLines = 100});
+  auto logger = std::make_shared<spdlog::logger>("test", sink);
+  logger->set_error_handler([](const std::string&) {});
+  auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 5000; ++i) logger->error("line {}", i);
+  logger->flush();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(sink->pendingLineCount(), 100u);
+  EXPECT_EQ(sink->droppedLineCount(), 4900u);
+  EXPECT_TRUE(filesIn(dir.file("logs")).empty());
 }
 
 }  // namespace

@@ -125,8 +125,11 @@ const ClassSet& plainValueClasses();
 std::optional<std::string> archive(const Value& root, Error* error = nullptr);
 
 // Unarchives bytes written by archive() or by any keyed archiver, allowing only the classes in
-// allowed (and their registered subclasses, which are checked through "$classes"). None, with an
-// error naming the problem, for refused classes and malformed archives.
+// allowed, their mutable forms (NSMutableArray, NSMutableDictionary, NSMutableString,
+// NSMutableData) and registered classes whose registered superclasses include an allowed one. A
+// class is judged by its "$classname": the "$classes" chain an archive claims is ignored, so an
+// unknown class is refused whatever it claims to descend from. None, with an error naming the
+// problem, for refused classes and malformed archives.
 std::optional<Value> unarchive(std::string_view bytes, const ClassSet& allowed,
                                Error* error = nullptr);
 

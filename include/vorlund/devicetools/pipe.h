@@ -47,8 +47,15 @@ class Pipe {
   // reading to end of file.
   bool drainAvailable();
 
+  // Takes in what can be read at once and treats the pipe as ended from then on, so that
+  // readToEndOfFile() returns what has arrived without waiting for writers that never close their
+  // end. Does nothing while another thread is reading to end of file.
+  void endReading();
+
  private:
   Pipe(int readingFd, int writingFd) : reading_(readingFd), writing_(writingFd) {}
+  // With readingMutex_ held: drainAvailable() without the lock.
+  bool drainLocked();
 
   mutable std::mutex readingMutex_;
   mutable std::mutex writingMutex_;

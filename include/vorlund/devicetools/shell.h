@@ -24,11 +24,16 @@ std::shared_ptr<vl::Task> VLCreateBashCommand(const std::string& command,
 std::string VLConvertPipeToString(const std::shared_ptr<vl::Pipe>& pipe);
 
 // Bounds a launched task's run time and waits for it to end (blocking the calling thread). When
-// timeout > 0 a kill timer first fires timeout seconds after the call and then every timeout
-// seconds until the task has ended: each firing sends signal to a task still alive, so a task that
-// survives the signal receives it again every interval. A timeout of 0 or less waits as long as the
-// task runs. Returns true when the task ended with a termination status other than 9, false when it
-// was ended by signal 9 or was not running (logged).
+// timeout > 0 a kill timer first fires timeout seconds after the call (the deadline) and then every
+// timeout seconds until the task has ended: each firing sends signal to the task's process group
+// while any of it is alive, so a task that survives the signal receives it again every interval.
+// The output is bounded by the same deadline: what the command left running in its group (a
+// background job holding the pipes open) is killed once the task has ended and the deadline has
+// passed, and the pipes then hold what arrived by then (Task::waitUntilExit). A timeout of 0 or
+// less, not a number, infinite or too long for a timer (vl::Timer::isInRange) waits as long as
+// the task runs, and reading its output waits for every writer. Returns true when the task ended
+// with a termination status other than 9, false when it was ended by signal 9 or was not running
+// (logged).
 bool VLSetNSTaskToTimeoutWithKillSignal(const std::shared_ptr<vl::Task>& task, int signal,
                                         double timeout);
 // The same with signal 9 (SIGKILL).
@@ -54,7 +59,8 @@ std::shared_ptr<vl::Task> VLExecuteTask(const std::string& command, vl::TaskInpu
 //   standard error when both have text; the standard error alone when the output is empty.
 // A non-zero exit status is logged but is not a failure: the text is returned all the same. The
 // pipes are read to their end after the task has ended; the task drains them while it runs, so a
-// command with more output than a pipe holds does not stall.
+// command with more output than a pipe holds does not stall. With a timeout, that read ends at the
+// deadline (see VLSetNSTaskToTimeoutWithKillSignal).
 std::string VLExecuteShellCommandWithKillSignal(const std::string& command,
                                                 vl::TaskInput standardInput, bool wait, int signal,
                                                 double timeout);

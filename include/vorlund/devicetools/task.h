@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -44,7 +45,7 @@ class Task {
   using Environment = std::map<std::string, std::string>;
 
   static std::shared_ptr<Task> make();
-  // Kills (SIGKILL) and reaps a child that is still running.
+  // Kills (SIGKILL) the process group of a child that is still running and reaps the child.
   ~Task();
   Task(const Task&) = delete;
   Task& operator=(const Task&) = delete;
@@ -68,7 +69,8 @@ class Task {
   const std::shared_ptr<Pipe>& standardError() const { return standardError_; }
   void setStandardError(std::shared_ptr<Pipe> pipe) { standardError_ = std::move(pipe); }
 
-  // Starts the child with every signal at its default action and none blocked. The child's ends of
+  // Starts the child, as the leader of a process group of its own, with every signal at its
+  // default action and none blocked. The child's ends of
   // the pipes are closed in this process once it runs. Returns false, with error (domain
   // "com.brindle.Vorlund", code 1, "Reason"), when the task was launched before, a stream is
   // closed, or the launch path cannot be executed; the task then stays unlaunched.
@@ -82,19 +84,29 @@ class Task {
   // that the child never stalls on a full pipe. Several threads may wait at once. Returns at once
   // for a task that was never launched or has ended.
   void waitUntilExit();
+  // The same, and bounds the wait for the output: what the child started in its process group (a
+  // command's background job) may hold the output pipes open after the child has exited. They are
+  // drained until their end or until outputDeadline; past it whatever is left of the group is
+  // killed (SIGKILL) and a pipe still open is ended (Pipe::endReading), so that reading it returns
+  // what arrived without waiting. The child's own run is not bounded here: that is the kill
+  // timer's job. The child is reaped last, so that its group's identifier is not reused before the
+  // kill.
+  void waitUntilExit(std::chrono::steady_clock::time_point outputDeadline);
   // The exit code, or for a child ended by a signal the signal number; 0 until the end is
   // collected.
   int32_t terminationStatus() const;
   // Whether the child was ended by a signal.
   bool wasSignalled() const;
-  // Sends sig (0 only probes) to a child whose end has not been collected, so that a signal never
-  // reaches a stranger that reused the process identifier. Returns false when the task is not
-  // running or kill() fails.
+  // Sends sig (0 only probes) to the child's process group (the child and whatever it started that
+  // stayed in the group) while the child's end has not been collected, so that a signal never
+  // reaches a stranger that reused the identifier. Returns false when the task is not running or
+  // kill() fails (no process of the group is left).
   bool sendSignal(int sig);
 
  private:
   Task() = default;
   void collectLocked(bool block);
+  void waitFor(std::optional<std::chrono::steady_clock::time_point> outputDeadline);
 
   std::string launchPath_;
   std::vector<std::string> arguments_;

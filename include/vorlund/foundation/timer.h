@@ -16,7 +16,9 @@ class Timer {
   // Firings keep to the schedule of the first one: a handler that runs long delays the next firing
   // but does not shift the ones after it, and missed firings are not run twice. leeway (seconds)
   // is how late a firing may come; this implementation fires as soon as the queue is free and
-  // takes the leeway as documentation only.
+  // takes the leeway as documentation only. A delay or interval beyond the timer's range (see
+  // isInRange) is held at the far end of the clock: such a firing never comes, and it never wraps
+  // round into one that comes at once.
   Timer(std::shared_ptr<SerialQueue> queue, double delay, double interval, double leeway,
         std::function<void()> handler);
   // Cancels.
@@ -31,6 +33,10 @@ class Timer {
   bool isCancelled() const;
   // Number of times the handler has run to completion.
   size_t fireCount() const;
+
+  // Whether a delay of seconds (scaled) is one the timer can reach: finite, not negative, and at
+  // most about a century.
+  static bool isInRange(double seconds);
 
   struct State;
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vorlund/foundation/error.h"
@@ -25,12 +26,26 @@ inline constexpr uint32_t kActivityStreamOptionOutput = 0x100;
 
 struct ActivityEvent {
   std::optional<Date> timestamp;
+  // The name the kernel keeps for the process, cut to 15 characters (the journal's _COMM).
   std::string processName;
   std::optional<std::string> message;
   // The log category (the journal's syslog identifier); only log messages carry one.
   std::optional<std::string> category;
   bool isLogMessage = false;
+  // The process's executable path (_EXE) and its command line, arguments separated by blanks
+  // (_CMDLINE), when known: they tell which longer name a cut processName stands for.
+  std::optional<std::string> executable;
+  std::optional<std::string> commandLine;
 };
+
+// The longest process name the kernel keeps.
+inline constexpr size_t kProcessNameLength = 15;
+
+// Whether the event comes from the process called name: its processName is name, or name is longer
+// than the kernel keeps, processName is its first 15 characters, and the file name of the
+// executable or of the command line's first word is name (so that two programs whose names share
+// the first 15 characters are told apart).
+bool isEventFromProcess(const ActivityEvent& event, std::string_view name);
 
 class ActivityStream;
 
@@ -66,7 +81,8 @@ using ActivityStreamFactory = std::function<std::shared_ptr<ActivityStream>()>;
 
 // A stream over the local systemd journal, or over the journal files in directory when given.
 // Processes match the journal's _COMM field, which the kernel cuts to 15 characters, so names are
-// compared on their first 15 characters.
+// compared on their first 15 characters; the events carry _EXE and _CMDLINE for
+// isEventFromProcess() to tell the full name.
 std::shared_ptr<ActivityStream> makeJournalActivityStream(
     std::optional<std::string> directory = std::nullopt);
 

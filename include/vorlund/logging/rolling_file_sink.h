@@ -8,15 +8,24 @@
 // extension. Files are created on the first line and the folder (with its parents) when missing.
 //
 // Each line is "yyyy-MM-dd HH:mm:ss.SSSSSS [pid:tid] <text>", written with one write(2), so a line
-// is in the file as soon as the sink returns; flush has nothing left to do.
+// is in the file as soon as the sink returns.
+//
+// A line that cannot be written (the folder or the file refuses it) is kept in memory, up to
+// maximumPendingLines; beyond that the oldest kept lines are dropped and counted. The write is
+// tried again, on the same file when one is open, at the first line or flush after a back-off that
+// starts at kLogFileRetryDelay and doubles up to kLogFileLongestRetryDelay, so a caller is never
+// held up by a folder that stays unwritable. Once the file takes lines again, the kept ones go
+// first, then a line saying how many were dropped, if any.
 #pragma once
 
 #include <spdlog/sinks/base_sink.h>
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace vl {
 
@@ -24,6 +33,11 @@ namespace vl {
 inline constexpr uint64_t kLogFileMaximumSize = 10485760;
 // Rolling period of the log files: one day (passes through the time scale).
 inline constexpr double kLogFileRollingFrequency = 86400;
+// Back-off of a sink that cannot write, in seconds (scaled): the first wait and the longest.
+inline constexpr double kLogFileRetryDelay = 1;
+inline constexpr double kLogFileLongestRetryDelay = 60;
+// Lines a sink that cannot write keeps for later.
+inline constexpr size_t kLogFileMaximumPendingLines = 10000;
 
 struct RollingFileOptions {
   std::string directory;
@@ -34,6 +48,7 @@ struct RollingFileOptions {
   uint64_t maximumFileSize = kLogFileMaximumSize;
   // Nominal seconds; a file is rolled at the first line after it has been open this long.
   double rollingFrequency = kLogFileRollingFrequency;
+  size_t maximumPendingLines = kLogFileMaximumPendingLines;
 };
 
 class RollingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
@@ -43,22 +58,46 @@ class RollingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
 
   // The file being written, or "" before the first line.
   std::string currentFilePath();
+  // Lines kept because they could not be written yet, and lines dropped since the sink was made
+  // because too many were kept.
+  size_t pendingLineCount();
+  uint64_t droppedLineCount();
 
  protected:
-  // Throws spdlog::spdlog_ex when the folder or a file cannot be made or written; the logger's
-  // error handler takes it, and the next line tries a fresh file.
+  // Keeps the line and writes what is kept when the back-off allows. Throws spdlog::spdlog_ex when
+  // that write fails (the line stays kept); the logger's error handler takes it.
   void sink_it_(const spdlog::details::log_msg& msg) override;
-  void flush_() override {}
+  // Writes what is kept when the back-off allows; never throws.
+  void flush_() override;
 
  private:
-  void openNewFile();
+  using Clock = std::chrono::steady_clock;
+
+  // Writes the kept lines in order. On failure returns false with the reason.
+  bool writePending(std::string* failure);
+  // Writes line to the current file, rolling first when it is due; line keeps what is left
+  // unwritten. On failure returns false with the reason.
+  bool writeLine(std::string_view& line, std::string* failure);
+  void backOff();
+  // Opens the next file; the current one, if any, stays open when that fails.
+  bool openNewFile(std::string* failure);
   void closeFile();
+  void keep(std::string line);
+  // A write attempt when the back-off allows (or always when force is set); the reason of a
+  // failure, or "" after a successful attempt or none.
+  std::string retry(bool force);
 
   RollingFileOptions options_;
   int fd_ = -1;
   std::string path_;
   uint64_t size_ = 0;
-  std::chrono::steady_clock::time_point openedAt_;
+  Clock::time_point openedAt_;
+  std::deque<std::string> pending_;
+  uint64_t dropped_ = 0;
+  // Dropped lines not yet reported in the file.
+  uint64_t droppedUnreported_ = 0;
+  Clock::time_point retryAt_{};
+  double retryDelay_ = kLogFileRetryDelay;
 };
 
 }  // namespace vl

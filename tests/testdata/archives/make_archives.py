@@ -130,6 +130,17 @@ def foreign_refused():
     return a.layout(root)
 
 
+def foreign_disguised(*chain):
+    """An unknown class that claims an allowed class as its superclass, with that class's fields."""
+    a = Archive()
+    root = a.reserve()
+    thing = a.add({"$class": a.cls("WLRemoteCommand", *chain),
+                   "NS.keys": [a.string("Command")], "NS.objects": [a.string("rm -rf /")],
+                   "Name": a.string("Throughput"), "Count": 1})
+    a.dictionary([("Name", a.string("Ping")), ("Payload", thing)], slot=root)
+    return a.layout(root)
+
+
 def to_xml_uids(value):
     """XML property lists spell a UID as the dictionary {"CF$UID": n}."""
     if isinstance(value, UID):
@@ -147,6 +158,9 @@ def main():
     write("foreign_dictionary_xml.plist", to_xml_uids(xml), plistlib.FMT_XML)
     write("foreign_record.plist", foreign_record())
     write("foreign_refused.plist", foreign_refused())
+    write("foreign_disguised_dictionary.plist",
+          foreign_disguised("NSMutableDictionary", "NSDictionary", "NSObject"))
+    write("foreign_disguised_record.plist", foreign_disguised("VLSampleRecord", "NSObject"))
 
 
 if __name__ == "__main__":
