@@ -27,8 +27,9 @@ PeriodicSave::PeriodicSave(std::shared_ptr<VLResults> results, double intervalSe
       interval_(intervalSeconds),
       queue_(std::make_shared<SerialQueue>(kQueueLabel)) {
   VLLog(VLLogLevelInfo, "Results", "Saving results every %f seconds", interval_);
-  timer_ = std::make_unique<Timer>(queue_, 0.0, interval_, kLeewaySeconds,
-                                   [results = results_] { results->suspend(); });
+  timer_ = std::make_unique<Timer>(queue_, 0.0, interval_, kLeewaySeconds, [results = results_] {
+    (results ? results : VLResults::currentResults())->suspend();
+  });
 }
 
 PeriodicSave::~PeriodicSave() { stop(); }

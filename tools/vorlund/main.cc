@@ -5,7 +5,8 @@
 // through its "ResultsRequest" messages; every other message goes to the message router
 // (VLFindObjectForMessage). SIGTERM and SIGINT suspend the run and end the process (status 0); so
 // does the loss of the bus connection (status 1), so that a service whose bus went away does not
-// hold the run. The run is suspended first, then running test cases get a bounded time to finish
+// hold the run. While it serves, the run is saved every "ResultsSaveInterval" seconds (default 60).
+// On a stop signal the run is suspended first, then running test cases get a bounded time to finish
 // (their results are then written too), so the service ends well inside systemd's stop time-out.
 //
 // Requests run on a bounded pool of workers. On the system bus only root and the members of the
@@ -34,6 +35,7 @@
 #include "vorlund/ipm/service_client.h"
 #include "vorlund/logging/log.h"
 #include "vorlund/results/execution.h"
+#include "vorlund/results/periodic_save.h"
 #include "vorlund/results/results.h"
 #include "vorlund/results/run_lock.h"
 
@@ -174,7 +176,12 @@ int main() {
     return 1;
   }
 
+  // The resumed run is written back at once and then every "ResultsSaveInterval" seconds, so that
+  // a service killed without warning loses at most the last interval.
+  std::unique_ptr<vl::PeriodicSave> saving = vl::startPeriodicSave(nullptr);
+
   bool busLost = waitForSignalOrLostBus(signalFd->fileDescriptor(), lostBus->fileDescriptor());
+  saving->stop();
   // The run is on disk before anything can hold the stop up; test cases that finish within the
   // bound add their results, and the run is written again.
   bool suspended = suspendRun();

@@ -41,7 +41,8 @@ class PeriodicSave {
 };
 
 // Starts saving results (suspend(): the results file, then the resume data) at once and then
-// every interval: intervalSeconds when given, else the preference "ResultsSaveInterval", else
+// every interval; with results nullptr, whichever run VLResults::currentResults() is at each save
+// (a service whose run may be reset and replaced). The interval is intervalSeconds when given, else the preference "ResultsSaveInterval", else
 // kResultsSaveIntervalSeconds; a value that is not a number greater than 0 counts as not given.
 // The saves run on the serial queue "com.brindle.Vorlund.ResultsSave"; failures are logged by
 // suspend() and the next save tries again. Never returns nullptr.
