@@ -4,11 +4,10 @@
 // commits wait for the disk, so rates are measured in real time, not CPU time.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <string>
 
+#include "bench_sandbox.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/value.h"
 #include "vorlund/results/results.h"
@@ -17,39 +16,7 @@
 
 namespace {
 
-// A private HOME and device root for the whole run, so that logs and results stay out of the
-// user's folders; removed at exit.
-class BenchSandbox {
- public:
-  BenchSandbox() {
-    char pattern[] = "/tmp/vorlund-bench-XXXXXX";
-    if (const char* made = mkdtemp(pattern)) dir_ = made;
-    std::filesystem::create_directories(dir_ + "/home");
-    std::filesystem::create_directories(dir_ + "/root");
-    setenv("HOME", (dir_ + "/home").c_str(), 1);
-    setenv("VORLUND_ROOT", (dir_ + "/root").c_str(), 1);
-  }
-  ~BenchSandbox() {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-  // A fresh database path for one benchmark run.
-  std::string freshPath(const std::string& name) {
-    std::string path = dir_ + "/" + name + ".db";
-    std::error_code ignored;
-    std::filesystem::remove(path, ignored);
-    std::filesystem::remove(path + "-journal", ignored);
-    return path;
-  }
-
- private:
-  std::string dir_;
-};
-
-BenchSandbox& sandbox() {
-  static BenchSandbox instance;
-  return instance;
-}
+using vl::bench::sandbox;
 
 constexpr int kTagsPerResult = 5;
 const vl::Date kStart{1767225600.0};
@@ -68,7 +35,7 @@ std::shared_ptr<VLTestCaseResult> sampleResult() {
 }
 
 void BM_TimelineRawSqliteBaseline(benchmark::State& state) {
-  std::string path = sandbox().freshPath("raw");
+  std::string path = sandbox().freshPath("raw.db");
   sqlite3* db = nullptr;
   if (sqlite3_open(path.c_str(), &db) != SQLITE_OK ||
       sqlite3_exec(db, vl::timelineCreateTestCasesStatement().c_str(), nullptr, nullptr, nullptr) !=
@@ -120,7 +87,7 @@ BENCHMARK(BM_TimelineRawSqliteBaseline)->Unit(benchmark::kMicrosecond)->UseRealT
 
 // The timeline object on its own, without the aggregate around it.
 void BM_TimelineDatabaseAddResult(benchmark::State& state) {
-  VLTimelineDatabase timeline(sandbox().freshPath("timeline"));
+  VLTimelineDatabase timeline(sandbox().freshPath("timeline.db"));
   try {
     timeline.databaseInit();
   } catch (const std::exception& e) {
