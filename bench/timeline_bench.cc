@@ -8,10 +8,9 @@
 // disk, so rates are measured in real time, not CPU time.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <stdlib.h>
-
-#include <filesystem>
 #include <string>
+
+#include "bench_sandbox.h"
 
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/value.h"
@@ -21,41 +20,7 @@
 
 namespace {
 
-// A private HOME and device root for the whole run, so that logs and results stay out of the
-// user's folders; removed at exit.
-class BenchSandbox {
- public:
-  BenchSandbox() {
-    char pattern[] = "/tmp/vorlund-bench-XXXXXX";
-    if (const char* made = mkdtemp(pattern)) dir_ = made;
-    std::filesystem::create_directories(dir_ + "/home");
-    std::filesystem::create_directories(dir_ + "/root");
-    setenv("HOME", (dir_ + "/home").c_str(), 1);
-    setenv("VORLUND_ROOT", (dir_ + "/root").c_str(), 1);
-  }
-  ~BenchSandbox() {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-  // A fresh database path for one benchmark run.
-  std::string freshPath(const std::string& name) {
-    std::string path = dir_ + "/" + name + ".db";
-    std::error_code ignored;
-    std::filesystem::remove(path, ignored);
-    std::filesystem::remove(path + "-journal", ignored);
-    std::filesystem::remove(path + "-wal", ignored);
-    std::filesystem::remove(path + "-shm", ignored);
-    return path;
-  }
-
- private:
-  std::string dir_;
-};
-
-BenchSandbox& sandbox() {
-  static BenchSandbox instance;
-  return instance;
-}
+using vl::bench::sandbox;
 
 constexpr int kTagsPerResult = 5;
 const vl::Date kStart{1767225600.0};
@@ -118,7 +83,7 @@ bool writeRawResult(sqlite3* db, sqlite3_stmt* insert, int64_t iteration) {
 }
 
 void BM_TimelineRawSqliteBaselineOpenPerResult(benchmark::State& state) {
-  std::string path = sandbox().freshPath("raw-per-result");
+  std::string path = sandbox().freshPath("raw-per-result" + std::string(".db"));
   sqlite3_close(createRawDatabase(path));
   int64_t iteration = 0;
   for (auto _ : state) {
@@ -137,7 +102,7 @@ void BM_TimelineRawSqliteBaselineOpenPerResult(benchmark::State& state) {
 BENCHMARK(BM_TimelineRawSqliteBaselineOpenPerResult)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_TimelineRawSqliteKeptOpen(benchmark::State& state) {
-  sqlite3* db = createRawDatabase(sandbox().freshPath("raw-kept-open"));
+  sqlite3* db = createRawDatabase(sandbox().freshPath("raw-kept-open" + std::string(".db")));
   sqlite3_stmt* insert = nullptr;
   if (!db || sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) != SQLITE_OK ||
       sqlite3_prepare_v2(db, kRawInsert, -1, &insert, nullptr) != SQLITE_OK) {
@@ -157,7 +122,7 @@ BENCHMARK(BM_TimelineRawSqliteKeptOpen)->Unit(benchmark::kMicrosecond)->UseRealT
 
 // The timeline object on its own, without the aggregate around it.
 void BM_TimelineDatabaseAddResult(benchmark::State& state) {
-  VLTimelineDatabase timeline(sandbox().freshPath("timeline"));
+  VLTimelineDatabase timeline(sandbox().freshPath("timeline" + std::string(".db")));
   try {
     timeline.databaseInit();
   } catch (const std::exception& e) {

@@ -19,15 +19,21 @@ namespace {
 
 constexpr const char* kToolkitLogDirectory = "~/Library/Logs/Vorlund";
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
+constexpr const char* kSyslogSocket = "/dev/log";
 
 std::atomic<bool> verboseLogging{false};
 
-// The OS log: the journal when journald runs, else syslog.
+// The OS log: the journal when journald runs, else syslog when a syslog daemon listens, else none.
+// Without a listener every syslog() call tries to connect again, which costs far more than writing
+// the line to the file.
 std::shared_ptr<spdlog::sinks::sink> makeOSLogSink(const std::string& ident) {
   if (::access(kJournalSocket, F_OK) == 0) {
     return std::make_shared<spdlog::sinks::systemd_sink_mt>(ident, false);
   }
-  return std::make_shared<spdlog::sinks::syslog_sink_mt>(ident, LOG_PID, LOG_USER, false);
+  if (::access(kSyslogSocket, F_OK) == 0) {
+    return std::make_shared<spdlog::sinks::syslog_sink_mt>(ident, LOG_PID, LOG_USER, false);
+  }
+  return nullptr;
 }
 
 vl::ToolkitLogger* createSharedLogger() {
@@ -42,7 +48,7 @@ vl::ToolkitLogger* createSharedLogger() {
     // The verbose flag counts only here, when the logger is made.
     logger->addSink(std::make_shared<vl::RollingFileSink>(options),
                     verboseLogging ? vl::kToolkitMaskAll : vl::kToolkitMaskNoDebug);
-    logger->addSink(makeOSLogSink(name), vl::kToolkitMaskAll);
+    if (auto osLog = makeOSLogSink(name)) logger->addSink(std::move(osLog), vl::kToolkitMaskAll);
   } catch (const std::exception&) {
     // A sink that cannot be made is left out; logging goes on through the others.
   }

@@ -20,6 +20,8 @@ namespace {
 constexpr const char* kLinePattern = "%Y-%m-%d %H:%M:%S.%f [%P:%t] %v";
 // Enough suffixes for any number of files opened within one second.
 constexpr int kMaximumSuffix = 100000;
+// Lines gathered before they are written without waiting for a flush.
+constexpr size_t kWriteBufferSize = 64 * 1024;
 
 }  // namespace
 
@@ -29,6 +31,8 @@ RollingFileSink::RollingFileSink(RollingFileOptions options) : options_(std::mov
 }
 
 RollingFileSink::~RollingFileSink() {
+  std::string failure;
+  writeBuffer(&failure);
   retry(true);
   closeFile();
 }
@@ -80,23 +84,63 @@ bool RollingFileSink::openNewFile(std::string* failure) {
   return false;
 }
 
-bool RollingFileSink::writeLine(std::string_view& line, std::string* failure) {
-  const bool tooOld =
-      fd_ >= 0 && Clock::now() - openedAt_ >= time::scaled(options_.rollingFrequency);
-  const bool tooBig = fd_ >= 0 && size_ > 0 && size_ + line.size() > options_.maximumFileSize;
-  // A file that cannot be rolled goes on taking lines rather than losing them.
-  if ((fd_ < 0 || tooOld || tooBig) && !openNewFile(failure) && fd_ < 0) return false;
-  while (!line.empty()) {
-    ssize_t written = ::write(fd_, line.data(), line.size());
+bool RollingFileSink::rollIsDue(size_t lineSize) const {
+  if (fd_ < 0) return true;
+  if (size_ > 0 && size_ + lineSize > options_.maximumFileSize) return true;
+  return Clock::now() - openedAt_ >= time::scaled(options_.rollingFrequency);
+}
+
+bool RollingFileSink::writeAll(std::string_view& bytes, std::string* failure) {
+  while (!bytes.empty()) {
+    ssize_t written = ::write(fd_, bytes.data(), bytes.size());
     if (written < 0) {
       if (errno == EINTR) continue;
       *failure = "cannot write log file " + path_ + ": " + std::strerror(errno);
       return false;
     }
-    line.remove_prefix(static_cast<size_t>(written));
-    size_ += static_cast<uint64_t>(written);
+    bytes.remove_prefix(static_cast<size_t>(written));
   }
   return true;
+}
+
+bool RollingFileSink::writeLine(std::string_view& line, std::string* failure) {
+  // A file that cannot be rolled goes on taking lines rather than losing them.
+  if (rollIsDue(line.size()) && !openNewFile(failure) && fd_ < 0) return false;
+  const size_t before = line.size();
+  const bool written = writeAll(line, failure);
+  size_ += before - line.size();
+  return written;
+}
+
+bool RollingFileSink::bufferLine(std::string_view& line, std::string* failure) {
+  if (rollIsDue(line.size())) {
+    if (!writeBuffer(failure)) return false;
+    if (!openNewFile(failure) && fd_ < 0) return false;
+  }
+  buffer_.append(line);
+  size_ += line.size();
+  line = {};
+  return buffer_.size() < kWriteBufferSize || writeBuffer(failure);
+}
+
+bool RollingFileSink::writeBuffer(std::string* failure) {
+  if (buffer_.empty()) return true;
+  std::string_view rest(buffer_);
+  if (fd_ >= 0 && writeAll(rest, failure)) {
+    buffer_.clear();
+    return true;
+  }
+  if (fd_ < 0) *failure = "no log file is open";
+  // What was not written is kept line by line, as lines that could not be written are.
+  size_ -= rest.size();
+  while (!rest.empty()) {
+    size_t end = rest.find('\n');
+    end = end == std::string_view::npos ? rest.size() : end + 1;
+    keep(std::string(rest.substr(0, end)));
+    rest.remove_prefix(end);
+  }
+  buffer_.clear();
+  return false;
 }
 
 void RollingFileSink::keep(std::string line) {
@@ -156,17 +200,22 @@ void RollingFileSink::sink_it_(const spdlog::details::log_msg& msg) {
   formatter_->format(msg, formatted);
   // Kept lines go first, when the back-off allows.
   std::string failure = retry(false);
+  std::string_view rest(formatted.data(), formatted.size());
   if (failure.empty() && pending_.empty() && droppedUnreported_ == 0) {
-    std::string_view rest(formatted.data(), formatted.size());
-    if (writeLine(rest, &failure)) return;
-    keep(std::string(rest));
+    if (bufferLine(rest, &failure)) return;
     backOff();
-  } else {
-    keep(std::string(formatted.data(), formatted.size()));
   }
+  if (!rest.empty()) keep(std::string(rest));
   if (!failure.empty()) spdlog::throw_spdlog_ex(failure);
 }
 
-void RollingFileSink::flush_() { retry(false); }
+void RollingFileSink::flush_() {
+  std::string failure;
+  if (!writeBuffer(&failure)) {
+    backOff();
+    spdlog::throw_spdlog_ex(failure);
+  }
+  retry(false);
+}
 
 }  // namespace vl

@@ -46,6 +46,29 @@ class MaskedSink final : public spdlog::sinks::sink {
   int mask_;
 };
 
+// The sinks of the asynchronous logger: each line goes to all of them, and they are flushed once
+// the writer has caught up with the queue. Under load lines are written in batches; when logging
+// is quiet each line is written at once.
+class FlushWhenIdleSink final : public spdlog::sinks::sink {
+ public:
+  FlushWhenIdleSink(std::shared_ptr<spdlog::sinks::sink> sinks, spdlog::details::thread_pool& pool)
+      : sinks_(std::move(sinks)), pool_(pool) {}
+
+  void log(const spdlog::details::log_msg& msg) override {
+    sinks_->log(msg);
+    if (pool_.queue_size() == 0) sinks_->flush();
+  }
+  void flush() override { sinks_->flush(); }
+  void set_pattern(const std::string& pattern) override { sinks_->set_pattern(pattern); }
+  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override {
+    sinks_->set_formatter(std::move(formatter));
+  }
+
+ private:
+  std::shared_ptr<spdlog::sinks::sink> sinks_;
+  spdlog::details::thread_pool& pool_;
+};
+
 void reportSinkError(const std::string& message) {
   static std::atomic<bool> reported{false};
   if (!reported.exchange(true)) {
@@ -100,7 +123,9 @@ ToolkitLogger::~ToolkitLogger() { shutdown(); }
 
 void ToolkitLogger::startPool() {
   pool_ = std::make_shared<spdlog::details::thread_pool>(kQueueSize, 1);
-  async_ = std::make_shared<spdlog::async_logger>(kLoggerName, sinks_, pool_,
+  // The pool outlives the logger: drain() lets go of the logger first.
+  auto sinks = std::make_shared<FlushWhenIdleSink>(sinks_, *pool_);
+  async_ = std::make_shared<spdlog::async_logger>(kLoggerName, std::move(sinks), pool_,
                                                   spdlog::async_overflow_policy::block);
   async_->set_level(spdlog::level::trace);
   async_->set_error_handler(reportSinkError);

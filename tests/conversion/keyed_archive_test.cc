@@ -211,47 +211,42 @@ TEST(KeyedArchiveTest, MalformedArchivesGiveErrors) {
   const std::string good = archived(Dictionary{{"List", Array{1, 2}}, {"Record", sampleRecord()}});
   ASSERT_TRUE(unarchive(good, sampleClasses()));
 
-  EXPECT_NE(refusal(edited(good, [](plist_t top) {
-              plist_dict_set_item(plist_dict_get_item(top, "$top"), "root", plist_new_uid(999));
-            })).find("outside"),
-            std::string::npos);
-  EXPECT_NE(refusal(edited(good, [](plist_t top) {
-              plist_dict_remove_item(top, "$top");
-            })).find("$top"),
-            std::string::npos);
-  EXPECT_NE(refusal(edited(good, [](plist_t top) {
-              plist_dict_set_item(plist_dict_get_item(top, "$top"), "root", plist_new_uint(1));
-            })).find("root"),
-            std::string::npos);
-  refusal(edited(good, [](plist_t top) { plist_dict_set_item(top, "$objects", plist_new_string("x")); }));
-  refusal(edited(good, [](plist_t top) { plist_dict_remove_item(top, "$archiver"); }));
-
-  // An array that holds itself, and a dictionary whose key is a number.
-  auto withRootBody = [&](const std::function<void(plist_t root, uint64_t rootUid)>& edit) {
-    return edited(good, [&](plist_t top) {
-      uint64_t uid = rootIndex(top);
-      edit(objectAt(top, static_cast<uint32_t>(uid)), uid);
-    });
+  using Edit = std::function<void(plist_t top, plist_t root, uint64_t rootUid)>;
+  const std::pair<const char*, Edit> cases[] = {
+      {"outside", [](plist_t top, plist_t, uint64_t) {
+         plist_dict_set_item(plist_dict_get_item(top, "$top"), "root", plist_new_uid(999));
+       }},
+      {"$top", [](plist_t top, plist_t, uint64_t) { plist_dict_remove_item(top, "$top"); }},
+      {"root", [](plist_t top, plist_t, uint64_t) {
+         plist_dict_set_item(plist_dict_get_item(top, "$top"), "root", plist_new_uint(1));
+       }},
+      {"", [](plist_t top, plist_t, uint64_t) {
+         plist_dict_set_item(top, "$objects", plist_new_string("x"));
+       }},
+      {"", [](plist_t top, plist_t, uint64_t) { plist_dict_remove_item(top, "$archiver"); }},
+      // An array that holds itself, and a dictionary whose key is a number.
+      {"contains itself", [](plist_t, plist_t root, uint64_t uid) {
+         plist_array_set_item(plist_dict_get_item(root, "NS.objects"), plist_new_uid(uid), 0);
+       }},
+      {"not a string", [](plist_t, plist_t root, uint64_t) {
+         plist_t valueRef = plist_copy(plist_array_get_item(plist_dict_get_item(root, "NS.objects"), 0));
+         plist_array_set_item(plist_dict_get_item(root, "NS.keys"), valueRef, 0);
+       }},
+      {"", [](plist_t, plist_t root, uint64_t) {
+         plist_dict_set_item(root, "NS.objects", plist_new_uint(4));
+       }},
+      {"", [](plist_t, plist_t root, uint64_t) {
+         plist_dict_set_item(root, "$class", plist_new_uid(0));
+       }},
+      {"", [](plist_t, plist_t root, uint64_t) { plist_dict_remove_item(root, "NS.keys"); }},
   };
-  EXPECT_NE(refusal(withRootBody([](plist_t root, uint64_t uid) {
-              plist_t refs = plist_dict_get_item(root, "NS.objects");
-              plist_array_set_item(refs, plist_new_uid(uid), 0);
-            })).find("contains itself"),
-            std::string::npos);
-  EXPECT_NE(refusal(withRootBody([](plist_t root, uint64_t) {
-              plist_t keys = plist_dict_get_item(root, "NS.keys");
-              plist_t values = plist_dict_get_item(root, "NS.objects");
-              plist_t valueRef = plist_copy(plist_array_get_item(values, 0));
-              plist_array_set_item(keys, valueRef, 0);
-            })).find("not a string"),
-            std::string::npos);
-  refusal(withRootBody([](plist_t root, uint64_t) {
-    plist_dict_set_item(root, "NS.objects", plist_new_uint(4));
-  }));
-  refusal(withRootBody([](plist_t root, uint64_t) {
-    plist_dict_set_item(root, "$class", plist_new_uid(0));
-  }));
-  refusal(withRootBody([](plist_t root, uint64_t) { plist_dict_remove_item(root, "NS.keys"); }));
+  for (const auto& [expected, edit] : cases) {
+    std::string bytes = edited(good, [&](plist_t top) {
+      uint64_t uid = rootIndex(top);
+      edit(top, objectAt(top, static_cast<uint32_t>(uid)), uid);
+    });
+    EXPECT_NE(refusal(bytes).find(expected), std::string::npos) << expected;
+  }
 
   // Every truncation of a good archive is an error, never a crash.
   for (size_t n = 0; n < good.size(); ++n) {

@@ -113,15 +113,11 @@ TEST(JsonTest, ParsingKeepsTypesAndOrder) {
   const Dictionary& d = *value->asDictionary();
   EXPECT_EQ(d.keys(), (std::vector<std::string>{"b", "a", "c"}));
   const Array& list = *d.get("b").asArray();
-  ASSERT_EQ(list.size(), 8u);
-  EXPECT_EQ(list[0].asNumber()->typeCode(), 'q');
+  std::string codes;
+  for (const Value& item : list) codes += item.asNumber() ? item.asNumber()->typeCode() : '-';
+  EXPECT_EQ(codes, "qqQddB--");
   EXPECT_EQ(list[1].asNumber()->int64Value(), -2);
-  EXPECT_EQ(list[1].asNumber()->typeCode(), 'q');
-  EXPECT_EQ(list[2].asNumber()->typeCode(), 'Q');
   EXPECT_EQ(list[2].asNumber()->uint64Value(), std::numeric_limits<uint64_t>::max());
-  EXPECT_EQ(list[3].asNumber()->typeCode(), 'd');
-  EXPECT_EQ(list[4].asNumber()->typeCode(), 'd');
-  EXPECT_EQ(list[5].asNumber()->typeCode(), 'B');
   EXPECT_TRUE(list[6].isNone());
   EXPECT_EQ(list[7], Value("s"));
   EXPECT_EQ(d.get("a"), Value(Dictionary()));

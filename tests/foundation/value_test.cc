@@ -10,15 +10,13 @@ namespace vl {
 namespace {
 
 TEST(NumberTest, KeepsTypeCodesAndComparesNumerically) {
-  EXPECT_EQ(Number(true).typeCode(), 'B');
-  EXPECT_EQ(Number(int32_t{3}).typeCode(), 'i');
-  EXPECT_EQ(Number(int64_t{3}).typeCode(), 'q');
-  EXPECT_EQ(Number(uint64_t{3}).typeCode(), 'Q');
-  EXPECT_EQ(Number(2.5).typeCode(), 'd');
-  EXPECT_EQ(Number(2.5f).typeCode(), 'f');
-  EXPECT_EQ(Number::withChar(1).typeCode(), 'c');
-  EXPECT_EQ(Number::withShort(1).typeCode(), 's');
-  EXPECT_EQ(Number::withLong(1).typeCode(), 'l');
+  std::string codes;
+  for (const Number& n : {Number(true), Number(int32_t{3}), Number(int64_t{3}), Number(uint64_t{3}),
+                          Number(2.5), Number(2.5f), Number::withChar(1), Number::withShort(1),
+                          Number::withLong(1)}) {
+    codes += n.typeCode();
+  }
+  EXPECT_EQ(codes, "BiqQdfcsl");
 
   EXPECT_EQ(Number(1), Number(1.0));
   EXPECT_EQ(Number(true), Number(int64_t{1}));
@@ -125,11 +123,7 @@ TEST(UuidTest, CanonicalUpperCaseRoundTrip) {
   Uuid u = Uuid::random();
   std::string text = u.string();
   ASSERT_EQ(text.size(), 36u);
-  EXPECT_EQ(text, [&] {
-    std::string upper = text;
-    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return upper;
-  }());
+  EXPECT_EQ(text.find_first_of("abcdef"), std::string::npos) << text;
   EXPECT_EQ(Uuid::fromString(text), u);
   std::string lower = text;
   for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));

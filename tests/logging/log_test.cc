@@ -75,20 +75,6 @@ TEST(LogCapture, RecordsEachEmittedLineWithLevelAndCategory) {
   EXPECT_EQ(capture.count("unknown level"), 0u);
   EXPECT_EQ(capture.count("negative level"), 0u);
   EXPECT_EQ(capture.lines().size(), 2u);
-  capture.clear();
-  EXPECT_TRUE(capture.lines().empty());
-}
-
-TEST(LogCapture, EveryLiveCaptureRecordsUntilItIsDestroyed) {
-  LogCapture outer;
-  {
-    LogCapture inner;
-    VLLog(VLLogLevelNotice, "VLCore", "seen by both");
-    EXPECT_TRUE(inner.contains(VLLogLevelNotice, "VLCore", "seen by both"));
-  }
-  VLLog(VLLogLevelDebug, "VLCore", "seen by outer");
-  EXPECT_TRUE(outer.contains(VLLogLevelNotice, "VLCore", "seen by both"));
-  EXPECT_TRUE(outer.contains(VLLogLevelDebug, "VLCore", "seen by outer"));
 }
 
 TEST(ToolkitLogger, SinksReceiveTheFlagsOfTheirMask) {

@@ -32,9 +32,15 @@ std::vector<std::string> filesIn(const std::string& directory) {
   return files;
 }
 
-std::shared_ptr<spdlog::logger> loggerOver(std::shared_ptr<RollingFileSink> sink) {
+// A logger that flushes after every line, as the toolkit's synchronous one does. The error handler
+// fails the test unless one is given.
+std::shared_ptr<spdlog::logger> loggerOver(std::shared_ptr<RollingFileSink> sink,
+                                           spdlog::err_handler onError = nullptr) {
   auto logger = std::make_shared<spdlog::logger>("test", std::move(sink));
-  logger->set_error_handler([](const std::string& message) { FAIL() << message; });
+  logger->flush_on(spdlog::level::trace);
+  logger->set_error_handler(onError ? onError : [](const std::string& message) {
+    FAIL() << message;
+  });
   return logger;
 }
 
@@ -169,9 +175,8 @@ TEST(RollingFileSink, KeepsLinesWhileTheFolderRefusesThemAndWritesThemToOneFileL
   if (!folder.active()) GTEST_SKIP() << "no way to make a read-only folder here";
   auto sink = std::make_shared<RollingFileSink>(RollingFileOptions{
       .directory = dir.file("logs"), .baseName = "kept", .maximumPendingLines = 2});
-  auto logger = std::make_shared<spdlog::logger>("test", sink);
   size_t errors = 0;
-  logger->set_error_handler([&](const std::string&) { ++errors; });
+  auto logger = loggerOver(sink, [&](const std::string&) { ++errors; });
   for (int i = 0; i < 3; ++i) logger->info("line {}", i);
   EXPECT_GE(errors, 1u);
   EXPECT_TRUE(filesIn(dir.file("logs")).empty());
@@ -198,8 +203,7 @@ TEST(RollingFileSink, AFolderThatNeverTakesLinesDoesNotHoldUpTheCaller) {
   if (!folder.active()) GTEST_SKIP() << "no way to make a read-only folder here";
   auto sink = std::make_shared<RollingFileSink>(RollingFileOptions{
       .directory = dir.file("logs"), .baseName = "lost", .maximumPendingLines = 100});
-  auto logger = std::make_shared<spdlog::logger>("test", sink);
-  logger->set_error_handler([](const std::string&) {});
+  auto logger = loggerOver(sink, [](const std::string&) {});
   auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 5000; ++i) logger->error("line {}", i);
   logger->flush();

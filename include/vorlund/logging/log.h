@@ -1,6 +1,6 @@
 // VLLog: the one logging entry point of every process that links Vorlund. A line "[category]
 // message" goes to the rolling log files under ~/Library/Logs/Vorlund and to the OS log (journald,
-// or syslog where journald is absent).
+// or syslog where journald is absent; none where neither listens).
 //
 // Levels 0 (info), 1 (notice) and 2 (debug) are written asynchronously; 16 (error) and 17 (fatal)
 // synchronously: they are on disk when the call returns. Any other level is dropped without a word.

@@ -7,8 +7,10 @@
 // in one second, another process of the same name) a suffix "-1", "-2", ... is added before the
 // extension. Files are created on the first line and the folder (with its parents) when missing.
 //
-// Each line is "yyyy-MM-dd HH:mm:ss.SSSSSS [pid:tid] <text>", written with one write(2), so a line
-// is in the file as soon as the sink returns.
+// Each line is "yyyy-MM-dd HH:mm:ss.SSSSSS [pid:tid] <text>". Lines are gathered in memory and
+// written together when 64 KiB have gathered, when the file rolls, and at every flush: a line is in
+// the file once the sink has been flushed after it (the toolkit flushes after every synchronous
+// line, and after an asynchronous one once its writer has caught up).
 //
 // A line that cannot be written (the folder or the file refuses it) is kept in memory, up to
 // maximumPendingLines; beyond that the oldest kept lines are dropped and counted. The write is
@@ -67,7 +69,8 @@ class RollingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   // Keeps the line and writes what is kept when the back-off allows. Throws spdlog::spdlog_ex when
   // that write fails (the line stays kept); the logger's error handler takes it.
   void sink_it_(const spdlog::details::log_msg& msg) override;
-  // Writes what is kept when the back-off allows; never throws.
+  // Writes the gathered lines, then what is kept when the back-off allows. Throws like sink_it_
+  // when the gathered lines cannot be written (they are kept).
   void flush_() override;
 
  private:
@@ -75,9 +78,16 @@ class RollingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
 
   // Writes the kept lines in order. On failure returns false with the reason.
   bool writePending(std::string* failure);
-  // Writes line to the current file, rolling first when it is due; line keeps what is left
-  // unwritten. On failure returns false with the reason.
+  // Writes line to the current file at once, rolling first when it is due; line keeps what is
+  // left unwritten. On failure returns false with the reason.
   bool writeLine(std::string_view& line, std::string* failure);
+  // Adds line to the gathered lines (writing them first when the file rolls) and writes them when
+  // enough have gathered. line is left empty once taken. On failure returns false with the
+  // reason, and whatever was gathered but not written is kept.
+  bool bufferLine(std::string_view& line, std::string* failure);
+  bool writeBuffer(std::string* failure);
+  bool writeAll(std::string_view& bytes, std::string* failure);
+  bool rollIsDue(size_t lineSize) const;
   void backOff();
   // Opens the next file; the current one, if any, stays open when that fails.
   bool openNewFile(std::string* failure);
@@ -92,6 +102,8 @@ class RollingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
   std::string path_;
   uint64_t size_ = 0;
   Clock::time_point openedAt_;
+  // Lines written to the file's size but not yet to the file; empty while lines are kept.
+  std::string buffer_;
   std::deque<std::string> pending_;
   uint64_t dropped_ = 0;
   // Dropped lines not yet reported in the file.
