@@ -26,14 +26,10 @@ std::string emptyLine(const std::string& path) {
   return "Empty Preferences at '" + path + "', returning empty dictionary";
 }
 
-TEST(PreferencesTest, PathIsUnderTheHomeFolder) {
-  vl::test::Sandbox sandbox;
-  EXPECT_EQ(VLGetTestSettingsFilePath(), sandbox.home() + "/Library/Logs/Vorlund/Settings.plist");
-}
-
-TEST(PreferencesTest, EveryCallReadsTheFileAfresh) {
+TEST(PreferencesTest, EveryCallReadsTheFileAfreshFromTheHomeFolder) {
   vl::test::Sandbox sandbox;
   std::string path = VLGetTestSettingsFilePath();
+  EXPECT_EQ(path, sandbox.home() + "/Library/Logs/Vorlund/Settings.plist");
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
 
   ASSERT_TRUE(vl::plist::writeFile(Value(Dictionary{{"StressType", "Soak"}}), path));
@@ -59,15 +55,11 @@ TEST(PreferencesTest, MissingOrBrokenFileGivesAnEmptyDictionaryAndAnErrorEachTim
   EXPECT_TRUE(capture.contains(VLLogLevelError, "VLCore", emptyLine(path)));
   EXPECT_EQ(capture.count(emptyLine(path)), 2u);
 
-  capture.clear();
   vl::test::writeFile(path, "this is not a property list");
   EXPECT_TRUE(VLGetPreferences().empty());
-  EXPECT_EQ(capture.count(emptyLine(path)), 1u);
-
-  capture.clear();
   ASSERT_TRUE(vl::plist::writeFile(Value(vl::Array{"a", "b"}), path));
   EXPECT_TRUE(VLGetPreferences().empty());
-  EXPECT_EQ(capture.count(emptyLine(path)), 1u);
+  EXPECT_EQ(capture.count(emptyLine(path)), 4u);
 }
 
 // Sets or clears the immutable flag; false when the file system or the user cannot.

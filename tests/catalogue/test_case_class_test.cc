@@ -34,19 +34,14 @@ TEST(TestCaseClassTest, MakeInitialisesThenRegistersTheSubclass) {
   EXPECT_EQ(object->registrations, 1);
   EXPECT_GE(object->lastUsed().secondsSince1970, before);
   EXPECT_LE(object->lastUsed().secondsSince1970, vl::Date::now().secondsSince1970);
-  EXPECT_TRUE(object->responses().empty());
-  EXPECT_TRUE(object->pendingMessageIDs().empty());
-  EXPECT_NE(object->lock(), nullptr);
-  EXPECT_EQ(object->technology(), 0);
-  EXPECT_FALSE(object->instanceId());
   EXPECT_EQ(object->friendlyName(), "(anonymous namespace)::CountingTestClass");
 
   auto base = VLTestCaseClass::make();
   EXPECT_EQ(base->friendlyName(), "VLTestCaseClass");
-  EXPECT_FALSE(base->registerForNotifications());
-  EXPECT_FALSE(base->checkForMissedNotifications());
+  EXPECT_FALSE(base->registerForNotifications() || base->checkForMissedNotifications());
   EXPECT_FALSE(VLTestCaseClass::getDefaultSettingsForType("Soak", "holistic"));
   // Each object has a lock of its own.
+  ASSERT_NE(object->lock(), nullptr);
   EXPECT_NE(base->lock(), object->lock());
 }
 
@@ -61,14 +56,12 @@ TEST(TestCaseClassTest, ArchivesItsInstanceId) {
   auto back = decoded->record<VLTestCaseClass>();
   ASSERT_TRUE(back);
   EXPECT_EQ(back->instanceId(), "B0B0");
-  EXPECT_EQ(back->technology(), 0);
 }
 
 // The reply hand-over of the reply holders: a receiver appends under the lock and broadcasts; the
 // sender waits until its reply is there.
 TEST(TestCaseClassTest, ConditionHandsRepliesOverBetweenThreads) {
   auto holder = VLTestCaseClass::make();
-  holder->updatePendingMessageIDs([](Array& ids) { ids.push_back("M1"); });
   std::shared_ptr<vl::Condition> lock = holder->lock();
 
   std::thread receiver([&] {
@@ -82,7 +75,6 @@ TEST(TestCaseClassTest, ConditionHandsRepliesOverBetweenThreads) {
   }
   receiver.join();
   EXPECT_EQ(holder->responses(), (Array{Dictionary{{"UUID", "M1"}}}));
-  EXPECT_EQ(holder->pendingMessageIDs(), Array{"M1"});
 
   std::unique_lock guard(*lock);
   EXPECT_FALSE(lock->waitUntil(vl::Date{vl::Date::now().secondsSince1970 + 0.02}));
@@ -104,14 +96,10 @@ TEST(TestCaseClassTest, ConcurrentUpdatesAreNotLost) {
 TEST(TestEnvironmentTest, LogFormatsTwice) {
   vl::LogCapture capture;
   auto environment = VLTestEnvironment::make();
-  environment->setTestId("T-1");
-  environment->setSerialNumber("SN42");
   environment->log("load %d%%%% on %@", 50, std::string("wlan0"));
   environment->log("%@", std::string("rate 100%d"));
   EXPECT_TRUE(capture.contains(VLLogLevelNotice, "Default", "load 50% on wlan0"));
   EXPECT_TRUE(capture.contains(VLLogLevelNotice, "Default", "rate 100(null)"));
-  EXPECT_EQ(environment->testId(), "T-1");
-  EXPECT_EQ(environment->serialNumber(), "SN42");
 }
 
 TEST(JSONSafeTest, CleansNestedCollectionsInOrder) {
@@ -125,9 +113,8 @@ TEST(JSONSafeTest, CleansNestedCollectionsInOrder) {
   Dictionary expected{{"name", "n"},
                       {"list", Array{1, Dictionary{{"k", 2}}, Array{Array{"deep"}}}},
                       {"ratio", 0.5}};
-  Dictionary safe = JSONSafeDictionary(input);
-  EXPECT_EQ(safe, expected);
-  EXPECT_EQ(safe.keys(), expected.keys());
+  EXPECT_EQ(JSONSafeDictionary(input).keys(), expected.keys());
+  EXPECT_EQ(JSONSafeDictionary(input), expected);
   EXPECT_EQ(JSONSafeArray(Array{vl::Date{3}, "a", Array{}, vl::Data{}}), (Array{"a", Array{}}));
 }
 

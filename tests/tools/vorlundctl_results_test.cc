@@ -39,7 +39,7 @@ class VorlundctlResultsTest : public ::testing::Test {
   test::ScopedEnv serial_{"VORLUND_SERIAL_NUMBER", "TESTSERIAL1"};
 };
 
-TEST_F(VorlundctlResultsTest, ConsecutiveCommandsBuildOneRun) {
+TEST_F(VorlundctlResultsTest, ConsecutiveCommandsBuildOneRunUntilReset) {
   ASSERT_EQ(ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--pass"}).exitStatus, 0);
   ASSERT_EQ(ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--fail", "No reply"}).exitStatus, 0);
   auto average = ctl({"results", "add", "--name", "Download", "--type", "Average", "--pass", "--metric",
@@ -65,8 +65,14 @@ TEST_F(VorlundctlResultsTest, ConsecutiveCommandsBuildOneRun) {
     found |= issue.asDictionary()->get("Process") == Value("wpa_supplicant");
   }
   EXPECT_TRUE(found) << run.get("Issues").description();
-  EXPECT_TRUE(test::fileExists(run.get("ResultsFile").stringOr("")));
   EXPECT_TRUE(test::fileExists(run.get("Timeline").stringOr("")));
+
+  // A reset starts a new run and keeps the old results file.
+  std::string oldFile = run.get("ResultsFile").stringOr("");
+  ASSERT_EQ(ctl({"results", "reset"}).exitStatus, 0);
+  EXPECT_TRUE(test::fileExists(oldFile));
+  Dictionary fresh = showRun();
+  EXPECT_EQ(testCase(fresh, "Ping"), nullptr) << fresh.description();
 }
 
 TEST_F(VorlundctlResultsTest, InvalidInputIsRefusedAndLeavesTheRunAsItWas) {
@@ -117,15 +123,6 @@ TEST_F(VorlundctlResultsTest, ConcurrentCommandsLoseNothing) {
   const Dictionary* walk = testCase(run, "Walk");
   ASSERT_NE(walk, nullptr);
   EXPECT_EQ(walk->get("Instances"), Value(kCommands));
-}
-
-TEST_F(VorlundctlResultsTest, ResetStartsANewRunAndKeepsTheOldResultsFile) {
-  ASSERT_EQ(ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--pass"}).exitStatus, 0);
-  std::string oldFile = showRun().get("ResultsFile").stringOr("");
-  ASSERT_EQ(ctl({"results", "reset"}).exitStatus, 0);
-  EXPECT_TRUE(test::fileExists(oldFile));
-  Dictionary fresh = showRun();
-  EXPECT_EQ(testCase(fresh, "Ping"), nullptr) << fresh.description();
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ class VorlundctlTest : public ::testing::Test {
   test::TempDir dir_;
 };
 
-TEST_F(VorlundctlTest, EncodedTestCaseDecodesBackToItsDictionaryForm) {
+TEST_F(VorlundctlTest, EncodedTestCaseDecodesBackAndReadsInAnotherArchiveReader) {
   std::string archive = dir_.file("case.archive");
   auto encoded = ctl({"encode", "--class", "VLTestCaseObject", kSample, archive});
   ASSERT_EQ(encoded.exitStatus, 0) << encoded.err;
@@ -32,33 +32,23 @@ TEST_F(VorlundctlTest, EncodedTestCaseDecodesBackToItsDictionaryForm) {
   ASSERT_EQ(decoded.exitStatus, 0) << decoded.err;
   std::optional<Value> json = json::parse(decoded.out);
   ASSERT_TRUE(json && json->isDictionary()) << decoded.out;
-  const Dictionary& d = *json->asDictionary();
-  EXPECT_EQ(d.get("$class"), Value("VLTestCaseObject"));
-  EXPECT_EQ(d.get("Name"), Value("WiFi Ping Gateway"));
-  EXPECT_EQ(d.get("Selector"), Value("pingGateway:"));
-  EXPECT_EQ(d.get("Timeout"), Value(120.0));
-  EXPECT_EQ(d.get("Environments"), Value(Array{"Office", "Walk"}));
-  EXPECT_EQ(d.get("ReportingTags"), Value(Dictionary{{"area", "connectivity"}}));
-  // Options are shown as stored: with no overrides in the preferences, "$gateway" stays.
-  EXPECT_EQ(d.get("Options").asDictionary()->get("Host"), Value("$gateway"));
-}
+  // Every field comes back, options as stored: without overrides "$gateway" stays.
+  Dictionary expected = *json::parse(test::readFile(kSample))->asDictionary();
+  expected.set("$class", "VLTestCaseObject");
+  EXPECT_EQ(*json->asDictionary(), expected);
 
-TEST_F(VorlundctlTest, ArchiveIsReadByAnotherKeyedArchiveReader) {
-  std::string archive = dir_.file("case.archive");
-  ASSERT_EQ(ctl({"encode", "--class", "VLTestCaseObject", kSample, archive}).exitStatus, 0);
-  // Python's plistlib reads the binary property list and its UIDs; walk the standard layout.
-  std::string script =
-      "import plistlib,sys\n"
-      "a=plistlib.load(open(sys.argv[1],'rb'))\n"
-      "o=a['$objects']\n"
-      "assert a['$archiver']=='NSKeyedArchiver' and a['$version']==100000 and o[0]=='$null'\n"
-      "root=o[a['$top']['root'].data]\n"
-      "cls=o[root['$class'].data]\n"
-      "assert cls['$classname']=='VLTestCaseObject', cls\n"
-      "assert cls['$classes'][-1]=='NSObject', cls\n"
-      "print(o[root['Name'].data])\n";
-  test::writeFile(dir_.file("read.py"), script);
-  auto result = test::runChild({"python3", dir_.file("read.py"), archive});
+  // Python's plistlib reads the binary property list and its UIDs; the layout itself is checked
+  // with the archiver, this is the record's class chain as another reader sees it.
+  const char* script = R"PY(
+import plistlib,sys
+a=plistlib.load(open(sys.argv[1],'rb'))
+o=a['$objects']
+root=o[a['$top']['root'].data]
+cls=o[root['$class'].data]
+assert cls['$classname']=='VLTestCaseObject' and cls['$classes'][-1]=='NSObject', cls
+print(o[root['Name'].data])
+)PY";
+  auto result = test::runChild({"python3", "-c", script, archive});
   EXPECT_EQ(result.exitStatus, 0) << result.err;
   EXPECT_EQ(result.out, "WiFi Ping Gateway\n");
 }
@@ -73,6 +63,11 @@ TEST_F(VorlundctlTest, PlainValuesInEveryFormat) {
     ASSERT_EQ(decoded.exitStatus, 0) << format << ": " << decoded.err;
     EXPECT_EQ(json::parse(decoded.out), json::parse(R"({"b": [1, 2.5, true], "a": "text"})")) << format;
   }
+  // An archive another tool wrote, with the mutable class names such tools use, decodes.
+  auto foreign =
+      ctl({"decode", std::string(VORLUND_TESTDATA_DIR) + "/archives/foreign_dictionary.plist"});
+  EXPECT_EQ(foreign.exitStatus, 0) << foreign.err;
+  EXPECT_TRUE(json::parse(foreign.out).has_value()) << foreign.out;
 }
 
 TEST_F(VorlundctlTest, BadInputGivesOneLineAndNoOutputFile) {
@@ -88,6 +83,7 @@ TEST_F(VorlundctlTest, BadInputGivesOneLineAndNoOutputFile) {
   std::vector<Case> cases = {
       {{"decode", dir_.file("missing.plist")}, "cannot read"},
       {{"decode", dir_.file("garbage.bin")}, "not a property list, keyed archive or JSON file"},
+      {{"decode", std::string(VORLUND_TESTDATA_DIR) + "/archives/foreign_refused.plist"}, "class"},
       {{"encode", "--class", "VLTestCaseObject", dir_.file("missing.json"), out}, "cannot read"},
       {{"encode", "--class", "VLTestCaseObject", dir_.file("bad.json"), out}, "bad.json"},
       {{"encode", "--class", "NSTask", kSample, out}, "not one of the allowed classes"},
@@ -103,19 +99,6 @@ TEST_F(VorlundctlTest, BadInputGivesOneLineAndNoOutputFile) {
     EXPECT_TRUE(result.out.empty()) << result.out;
     EXPECT_FALSE(test::fileExists(out)) << c.args[1];
   }
-}
-
-TEST_F(VorlundctlTest, DecodeRefusesArchiveNamingAClassOutsideTheAllowedSet) {
-  std::string archives = std::string(VORLUND_TESTDATA_DIR) + "/archives/";
-  auto refused = ctl({"decode", archives + "foreign_refused.plist"});
-  EXPECT_EQ(refused.exitStatus, 1);
-  EXPECT_NE(refused.err.find("class"), std::string::npos) << refused.err;
-  EXPECT_TRUE(refused.out.empty());
-
-  // An archive another tool wrote, with the mutable class names such tools use, decodes.
-  auto accepted = ctl({"decode", archives + "foreign_dictionary.plist"});
-  EXPECT_EQ(accepted.exitStatus, 0) << accepted.err;
-  EXPECT_TRUE(json::parse(accepted.out).has_value()) << accepted.out;
 }
 
 }  // namespace
