@@ -83,7 +83,7 @@ bool writeRawResult(sqlite3* db, sqlite3_stmt* insert, int64_t iteration) {
 }
 
 void BM_TimelineRawSqliteBaselineOpenPerResult(benchmark::State& state) {
-  std::string path = sandbox().freshPath("raw-per-result" + std::string(".db"));
+  std::string path = sandbox().freshPath("raw-per-result.db");
   sqlite3_close(createRawDatabase(path));
   int64_t iteration = 0;
   for (auto _ : state) {
@@ -102,7 +102,7 @@ void BM_TimelineRawSqliteBaselineOpenPerResult(benchmark::State& state) {
 BENCHMARK(BM_TimelineRawSqliteBaselineOpenPerResult)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_TimelineRawSqliteKeptOpen(benchmark::State& state) {
-  sqlite3* db = createRawDatabase(sandbox().freshPath("raw-kept-open" + std::string(".db")));
+  sqlite3* db = createRawDatabase(sandbox().freshPath("raw-kept-open.db"));
   sqlite3_stmt* insert = nullptr;
   if (!db || sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) != SQLITE_OK ||
       sqlite3_prepare_v2(db, kRawInsert, -1, &insert, nullptr) != SQLITE_OK) {
@@ -122,7 +122,7 @@ BENCHMARK(BM_TimelineRawSqliteKeptOpen)->Unit(benchmark::kMicrosecond)->UseRealT
 
 // The timeline object on its own, without the aggregate around it.
 void BM_TimelineDatabaseAddResult(benchmark::State& state) {
-  VLTimelineDatabase timeline(sandbox().freshPath("timeline" + std::string(".db")));
+  VLTimelineDatabase timeline(sandbox().freshPath("timeline.db"));
   try {
     timeline.databaseInit();
   } catch (const std::exception& e) {
