@@ -400,9 +400,9 @@ TEST_F(LookupTest, ATestCaseOfABundleNotYetLoadedLoadsItAndRuns) {
                                     "Found matching key/value pairing (Name/Probe Bundled Only)")
                 .size(),
             1u);
-  EXPECT_FALSE(test::linesStartingWith(capture, VLLogLevelDebug, "Framework",
-                                       "Currently loaded classes are")
-                   .empty());
+  EXPECT_FALSE(
+      test::linesStartingWith(capture, VLLogLevelDebug, "Framework", "Currently loaded classes are")
+          .empty());
   auto result = VLExecuteTestCase(object);
   ASSERT_TRUE(result);
   EXPECT_TRUE(result->didPass());
