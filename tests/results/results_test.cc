@@ -723,6 +723,20 @@ TEST(ResultsTest, MergingAnotherRunAddsItsStatisticsIssuesCrashesAndRunTime) {
   }
   EXPECT_EQ(results->statisticForName("Scan")->instances(), 2u);
   EXPECT_EQ(results->statisticForName("Ping")->instances(), 20u);
+
+  // Results added while runs are merged in are neither lost nor counted twice.
+  std::thread adder([&] {
+    for (int i = 0; i < 40; ++i)
+      results->addTestCaseResult(result("Ping", true), nullptr, false, false);
+  });
+  for (int i = 0; i < 40; ++i) {
+    auto single = std::make_shared<VLResults>();
+    single->setTestCaseStatistics(
+        Dictionary{{"Ping", statistic("Ping", kVLTestCaseResultTypePassFail, 1, 0.0)}});
+    results->mergeWithResult(*single);
+  }
+  adder.join();
+  EXPECT_EQ(results->statisticForName("Ping")->instances(), 100u);
 }
 
 }  // namespace
