@@ -57,11 +57,18 @@ void VLResults::Impl::addCrashEntry(const std::string& area, const vl::Value& en
   wirelessCrashes.set(area, counts);
 }
 
-void VLResults::mergeWithResult(const VLResults& other) {
-  if (&other == this) return;
-
-  vl::Dictionary merged = testCaseStatistics();
+void VLResults::mergeStatistics(const VLResults& other) {
+  // The other run's copies are taken before this run's lock, so that two runs merging into each
+  // other never wait on each other. The lock is held from copy to replace: a result added
+  // meanwhile waits instead of being lost.
   const vl::Dictionary incoming = other.testCaseStatistics();
+  std::lock_guard lock(impl_->statisticsMutex);
+  vl::Dictionary merged;
+  for (size_t i = 0; i < impl_->statistics.size(); ++i) {
+    auto [key, value] = impl_->statistics.entry(i);
+    if (auto held = value.record<VLTestCaseStatistic>())
+      merged.set(key, vl::Value(std::make_shared<VLTestCaseStatistic>(*held)));
+  }
   for (size_t i = 0; i < incoming.size(); ++i) {
     auto [key, value] = incoming.entry(i);
     auto statistic = value.record<VLTestCaseStatistic>();
@@ -81,7 +88,12 @@ void VLResults::mergeWithResult(const VLResults& other) {
                                    code, retryCode));
     }
   }
-  setTestCaseStatistics(merged);
+  impl_->statistics = std::move(merged);
+}
+
+void VLResults::mergeWithResult(const VLResults& other) {
+  if (&other == this) return;
+  mergeStatistics(other);
 
   for (const auto& issue : other.issueList()) {
     // A results file may hold an issue that lacks a field; it is left out, not the whole merge.

@@ -65,34 +65,8 @@ void fillRun(VLResults& results) {
   results.addIssue(issue("Scan stalled", "Vorlund", "Failure", 5, results));
 }
 
-std::string resultsFolder(const vl::test::RunSandbox& run) {
-  return run.device().home() + "/Library/Logs/Vorlund/Results";
-}
-
 // Dates in XML property lists keep whole seconds.
 double wholeSeconds(vl::Date date) { return std::floor(date.secondsSince1970); }
-
-TEST(ResultsFileTest, TheFileIsNamedByStressTypeSerialAndStartDate) {
-  vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
-  vl::test::RunSandbox run;
-  auto results = run.results();
-  const std::string date = vl::dateString(results->startTime());
-
-  EXPECT_EQ(results->getResultsFilePath(),
-            resultsFolder(run) + "/VorlundResults_wifi_" + date + ".plist");
-  ASSERT_TRUE(results->saveToDisk());
-  EXPECT_TRUE(fs::is_regular_file(resultsFolder(run) + "/VorlundResults_wifi_" + date + ".plist"));
-
-  {
-    vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "C02XK1");
-    EXPECT_EQ(results->getResultsFilePath(),
-              resultsFolder(run) + "/VorlundResults_wifi_C02XK1_" + date + ".plist");
-    // The preference comes before the environment.
-    run.setPreference("SerialNumber", "F17PREF");
-    EXPECT_EQ(results->getResultsFilePath(),
-              resultsFolder(run) + "/VorlundResults_wifi_F17PREF_" + date + ".plist");
-  }
-}
 
 TEST(ResultsFileTest, KeysComeInOrderForOurReaderAndForPlistlib) {
   vl::test::RunSandbox run;
@@ -260,6 +234,14 @@ TEST(ResumeDataTest, ASuspendedRunResumesWhereItStopped) {
   EXPECT_TRUE(resumed->resumed());
   EXPECT_FALSE(fs::exists(resumePath));
   EXPECT_FALSE(vl::test::fileExists(rmLog));
+  // Everything the results file shows comes back (issue times to the whole second, as coded)...
+  auto shown = [](const VLResults& r) {
+    Dictionary file = r.resultsFileDictionary();
+    for (const char* derived : {"LastUpdated", "RunTime", "MTBF"}) file.erase(derived);
+    return file;
+  };
+  EXPECT_EQ(shown(*resumed), shown(*results));
+  // ...and so does the state only the resume data keeps.
   EXPECT_EQ(resumed->startTime(), results->startTime());
   EXPECT_EQ(resumed->resetStartDate(), results->resetStartDate());
   EXPECT_EQ(resumed->plistPath(), results->plistPath());
@@ -268,25 +250,8 @@ TEST(ResumeDataTest, ASuspendedRunResumesWhereItStopped) {
   EXPECT_EQ(resumed->primarySnapdumps(), 7u);
   EXPECT_EQ(resumed->stressSnapdumps(), 3u);
   EXPECT_EQ(resumed->failureCounts(), results->failureCounts());
-  EXPECT_EQ(resumed->wirelessCrashes(), results->wirelessCrashes());
-  EXPECT_EQ(resumed->testSettings(), results->testSettings());
-  EXPECT_EQ(resumed->hardwareInfo(), results->hardwareInfo());
-  EXPECT_EQ(resumed->config(), results->config());
-  EXPECT_EQ(resumed->testSubtype(), "Default");
-  EXPECT_EQ(Value(resumed->testCaseStatistics()), Value(results->testCaseStatistics()));
-  const auto issuesBefore = results->issueList();
-  const auto issuesAfter = resumed->issueList();
-  ASSERT_EQ(issuesAfter.size(), 2u);
-  for (size_t i = 0; i < 2; ++i) {
-    const VLIssue& before = *issuesBefore[i];
-    const VLIssue& after = *issuesAfter[i];
-    EXPECT_EQ(after.reason(), before.reason());
-    EXPECT_EQ(after.process(), before.process());
-    EXPECT_EQ(after.instances(), before.instances());
-    EXPECT_EQ(after.wirelessProcess(), before.wirelessProcess());
-    // An issue's coded time is a date string: whole seconds.
-    EXPECT_EQ(after.time()->secondsSince1970, wholeSeconds(*before.time()));
-  }
+  EXPECT_EQ(resumed->issueList().at(1)->wirelessProcess(),
+            results->issueList()[1]->wirelessProcess());
   ASSERT_EQ(resumed->getHistory().size(), 3u);
   EXPECT_EQ(resumed->getHistory()[2].record<VLTestCaseObject>()->name(),
             std::optional<std::string>("Throughput"));
@@ -390,23 +355,8 @@ TEST(ResultsFileTest, AResultsFileRestoresTheRunItWasSavedFrom) {
 
   EXPECT_FALSE(restored->resumed());
   EXPECT_EQ(restored->plistPath(), path);
-  EXPECT_EQ(restored->timelinePath(), "");
-  EXPECT_EQ(restored->config(), "Nightly");
-  EXPECT_EQ(restored->testType(), "wifi");
-  EXPECT_EQ(restored->runtime(), 5400);
-  EXPECT_EQ(restored->mergedResults(), 2);
-  EXPECT_EQ(restored->version(), kVLResultsVersion);
-  EXPECT_EQ(restored->startTime().secondsSince1970, wholeSeconds(results->startTime()));
-  EXPECT_EQ(restored->wirelessCrashes(), results->wirelessCrashes());
-  ASSERT_EQ(restored->issueList().size(), 2u);
-  EXPECT_EQ(restored->issueList()[0]->reason(), std::optional<std::string>("uwbd crashed"));
-  EXPECT_TRUE(restored->issueList()[0]->wirelessProcess());
-  auto throughput = restored->statisticForName("Throughput");
-  ASSERT_TRUE(throughput);
-  EXPECT_EQ(throughput->metrics(), results->statisticForName("Throughput")->metrics());
-
-  // Saving the restored aggregate writes the same file again (but for the save date), and it
-  // has no timeline to mirror into.
+  // Every key came back: saving the restored aggregate writes the same file again (but for the
+  // save date), and it has no timeline to mirror into.
   const std::string again = run.device().path("again.plist");
   ASSERT_TRUE(restored->saveToFile(again));
   Dictionary first = *vl::plist::readDictionary(path);
@@ -416,6 +366,7 @@ TEST(ResultsFileTest, AResultsFileRestoresTheRunItWasSavedFrom) {
   EXPECT_EQ(first, second);
   EXPECT_EQ(first.keys(), second.keys());
   EXPECT_EQ(restored->timelinePath(), "");
+  EXPECT_EQ(restored->issueList().at(0)->wirelessProcess(), true);
 
   EXPECT_EQ(VLResults::withFile(run.device().path("missing.plist")), nullptr);
   vl::test::writeFile(run.device().path("list.plist"),

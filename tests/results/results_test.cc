@@ -140,8 +140,13 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
   ASSERT_EQ(vl::dateString(later->startTime()), vl::dateString(second));
   EXPECT_EQ(later->fileNameSuffix(), "-2");
 
+  // With a serial number (the preference before the environment) it stands before the date.
   vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "SN42");
   EXPECT_EQ(VLResults::make()->hardwareInfo().get("SerialNumber"), Value("SN42"));
+  EXPECT_EQ(results->getResultsFilePath(), folder + "/VorlundResults_wifi_SN42_" + date + ".plist");
+  run.setPreference("SerialNumber", "F17PREF");
+  EXPECT_EQ(results->getResultsFilePath(),
+            folder + "/VorlundResults_wifi_F17PREF_" + date + ".plist");
 }
 
 TEST(ResultsTest, AddedResultsMergeIntoStatisticsAndBecomeTimelineRows) {
@@ -268,24 +273,16 @@ TEST(ResultsTest, AMetricAboveTwoSigmaMarksAFailure) {
   auto results = run.results();
   auto flaky = VLTestCaseClass::make<FlakyTestClass>();
   NotificationCounter notifications;
-  for (int i = 0; i < 52; ++i) {
+  auto add = [&](double mbps) {
     auto r = result("Throughput", true, kVLTestCaseResultTypeAverage);
-    r->addMetric(100.0 + (i % 2 ? 1.0 : -1.0), "Mbps");
+    r->addMetric(mbps, "Mbps");
     r->addMetric(5.0, "Loss");
     results->addTestCaseResult(r, flaky, false, false);
-  }
+  };
+  for (int i = 0; i < 52; ++i) add(100.0 + (i % 2 ? 1.0 : -1.0));
+  add(10.0);  // low values are never flagged: only the upper side is tested
   EXPECT_EQ(notifications.count(), 0);
-  // Low values are never flagged; only the upper side is tested.
-  auto low = result("Throughput", true, kVLTestCaseResultTypeAverage);
-  low->addMetric(10.0, "Mbps");
-  low->addMetric(5.0, "Loss");
-  results->addTestCaseResult(low, flaky, false, false);
-  EXPECT_EQ(notifications.count(), 0);
-
-  auto high = result("Throughput", true, kVLTestCaseResultTypeAverage);
-  high->addMetric(400.0, "Mbps");
-  high->addMetric(5.0, "Loss");
-  results->addTestCaseResult(high, flaky, false, false);
+  add(400.0);
   EXPECT_EQ(notifications.count(), 1);
   EXPECT_EQ(results->failureCounts().get("Throughput"),
             Value(Dictionary{{"Throughput : Mbps | Metric outside 2 sigma", 1}}));
@@ -390,9 +387,6 @@ TEST(ResultsTest, IssuesAreCleanedDeduplicatedAndMerged) {
   ASSERT_TRUE(parsed && parsed->asArray());
   ASSERT_EQ(parsed->asArray()->size(), 1u);
   EXPECT_EQ((*parsed->asArray())[0].asDictionary()->get("Name"), Value("Before"));
-
-  // A broken issue is refused with the issue's own exception.
-  EXPECT_THROW(results->addIssue(VLIssue::make()), VLException);
 }
 
 TEST(ResultsTest, WirelessCrashesAreCountedPerAreaAndCaptured) {
@@ -623,27 +617,15 @@ TEST(ResultsTest, TheSameIssueFromEightThreadsAtOnceIsRecordedOnce) {
 TEST(ResultsTest, AnIssueIsValidatedBeforeAnythingIsRecordedAndTheCallersCopyStaysAsItIs) {
   vl::test::RunSandbox run;
   auto results = run.results();
-  const std::vector<std::pair<const char*, std::string>> cases{
-      {"Reason", " did not have a reason set"},
-      {"Process", " did not have a process set"},
-      {"Type", " did not have a type set"},
-      {"Time", " did not have a time set"},
-      {"Instances", " cannot have instances set to 0"}};
-  for (const auto& [field, message] : cases) {
-    SCOPED_TRACE(field);
-    auto broken = issue("editor - Crash", "editor", "Crash", 5, *results);
-    if (std::string(field) == "Reason") broken->setReason(std::nullopt);
-    if (std::string(field) == "Process") broken->setProcess(std::nullopt);
-    if (std::string(field) == "Type") broken->setType(std::nullopt);
-    if (std::string(field) == "Time") broken->setTime(std::nullopt);
-    if (std::string(field) == "Instances") broken->setInstances(0);
-    try {
-      results->addIssue(broken);
-      ADD_FAILURE() << "accepted";
-    } catch (const VLException& exception) {
-      EXPECT_EQ(exception.name(), "VLIssueInvalid");
-      EXPECT_EQ(exception.reason(), broken->description() + message);
-    }
+  // Its text names the first missing field (IssueTest); nothing of it is recorded.
+  auto broken = issue("iwd - Crash", "iwd", "Crash", 5, *results);
+  broken->setInstances(0);
+  try {
+    results->addIssue(broken);
+    ADD_FAILURE() << "accepted";
+  } catch (const VLException& exception) {
+    EXPECT_EQ(exception.name(), "VLIssueInvalid");
+    EXPECT_EQ(exception.reason(), broken->description() + " cannot have instances set to 0");
   }
   EXPECT_TRUE(results->issueList().empty());
   EXPECT_TRUE(results->wirelessCrashes().empty());
@@ -654,6 +636,7 @@ TEST(ResultsTest, AnIssueIsValidatedBeforeAnythingIsRecordedAndTheCallersCopySta
   EXPECT_FALSE(quoted->wirelessProcess());
   EXPECT_EQ(results->issueList().at(0)->reason(), "cant associate");
   EXPECT_TRUE(results->issueList().at(0)->wirelessProcess());
+  EXPECT_EQ(sqliteTool(results->timelinePath(), "SELECT COUNT(*) FROM Issues"), "1\n");
 }
 
 std::shared_ptr<VLTestCaseStatistic> statistic(const std::string& name, const char* type,
@@ -740,6 +723,20 @@ TEST(ResultsTest, MergingAnotherRunAddsItsStatisticsIssuesCrashesAndRunTime) {
   }
   EXPECT_EQ(results->statisticForName("Scan")->instances(), 2u);
   EXPECT_EQ(results->statisticForName("Ping")->instances(), 20u);
+
+  // Results added while runs are merged in are neither lost nor counted twice.
+  std::thread adder([&] {
+    for (int i = 0; i < 40; ++i)
+      results->addTestCaseResult(result("Ping", true), nullptr, false, false);
+  });
+  for (int i = 0; i < 40; ++i) {
+    auto single = std::make_shared<VLResults>();
+    single->setTestCaseStatistics(
+        Dictionary{{"Ping", statistic("Ping", kVLTestCaseResultTypePassFail, 1, 0.0)}});
+    results->mergeWithResult(*single);
+  }
+  adder.join();
+  EXPECT_EQ(results->statisticForName("Ping")->instances(), 100u);
 }
 
 }  // namespace

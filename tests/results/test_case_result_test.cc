@@ -50,13 +50,8 @@ TEST(TestCaseResultTest, FreshResultIsNeitherPassedNorFailed) {
   EXPECT_FALSE(result->getStartTime() || result->getEndTime());
 
   auto stop = VLTestCaseResult::asStopStress();
-  EXPECT_TRUE(stop->isStopStress());
   EXPECT_EQ(stop->name(), "Stop Stress");
   EXPECT_EQ(stop->bucket(), "Stop Stress");
-  EXPECT_TRUE(VLTestCaseResult::asNoOp()->isNoOp());
-  EXPECT_TRUE(VLTestCaseResult::asEnvironmentFailure()->isEnvironmentFailure());
-  EXPECT_TRUE(VLTestCaseResult::asMissedTestCase()->shouldAddToMissedTestCases());
-  EXPECT_FALSE(VLTestCaseResult::asNoOp()->isStopStress());
 
   // pass() keeps whatever bucket was there.
   result->setBucket(std::string("earlier"));
@@ -169,19 +164,11 @@ TEST(TestCaseResultTest, ArchiveUsesTheShortKeyInOrderAndRoundTrips) {
   result->setStopStress(true);
 
   Dictionary coded = result->codingDictionary();
-  std::vector<std::string> expectedKeys{"Name",
-                                        "Result",
-                                        "TechnolgiesInvolved",
-                                        "TimeStamp",
-                                        "EndTime",
-                                        "Metrics",
-                                        "Tags",
-                                        "Type",
-                                        "ResultCode",
-                                        "isMissedTestCase",
-                                        "isNoOp",
-                                        "isEnvironmentFailure",
-                                        "isStopStress"};
+  // clang-format off
+  std::vector<std::string> expectedKeys{"Name", "Result", "TechnolgiesInvolved", "TimeStamp",
+      "EndTime", "Metrics", "Tags", "Type", "ResultCode", "isMissedTestCase", "isNoOp",
+      "isEnvironmentFailure", "isStopStress"};
+  // clang-format on
   EXPECT_EQ(coded.keys(), expectedKeys);
   EXPECT_EQ(coded.get("TimeStamp"), Value(vl::dateString(vl::Date{1700000000})));
   EXPECT_EQ(coded.get("TechnolgiesInvolved").asNumber()->typeCode(), 'l');

@@ -226,13 +226,15 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   //   statistic counted as failed ("Unable to merge result with error 3", no metrics), as a result
   //   is; if that fails too, VLException "VLTestCaseStatisticMergeException" is raised and this run
   //   is left as it was (the statistics are merged on copies and replaced together);
-  // - issues through addIssueFromMerge (same reason: instances add up);
+  // - issues through addIssueFromMerge (same reason: instances add up); one that fails
+  //   VLIssue::isValid (a damaged results file) is left out and logged;
   // - wireless crashes per area and process ("Total" included; a format-3.0 count adds to
   //   "Total", or to the plain count when this run is format 3.0);
   // - run time and rows written add up; start time is the earlier, last update the later;
   // - merged results: each side counts as its MergedResults, or 1 when it merged none, so two
   //   single-device runs make 2.
-  // The summaries (settings, device, stress type) stay this run's. other must not be this run.
+  // The summaries (settings, device, stress type) stay this run's. Merging a run into itself
+  // does nothing.
   void mergeWithResult(const VLResults& other);
   // An aggregate rebuilt from a results file (for merging devices' results): each top-level key
   // back into its property; derived keys ("City", "WirelessTechnology", "CampedRAT", "CampedRAT2",
@@ -246,6 +248,8 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   // Marks a crash of a wireless daemon, counts it per area and overall, and returns the captures
   // it reserved, for the caller to request once it holds no lock.
   std::vector<VLSnapdumpRequest> checkForWirelessCrash(VLIssue& issue, bool isFromMerge);
+  // The statistics part of mergeWithResult: all or nothing, under the statistics lock.
+  void mergeStatistics(const VLResults& other);
   // The issue's row, with the recent history as JSON text.
   void saveIssueRow(const VLIssue& issue);
   // Takes the next free file name of the run's start second (see getResultsFilePathForName).
