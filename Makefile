@@ -3,11 +3,12 @@
 BUILD      ?= build
 BUILD_ASAN ?= build-asan
 BUILD_FUZZ ?= build-fuzz
+BUILD_COVERAGE ?= build-coverage
 JOBS       ?= $(shell nproc)
-FUZZ_SECONDS ?= 30
+FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build demo test test-asan bench fuzz format clean
+.PHONY: all deps build demo test test-asan coverage bench fuzz format clean
 
 all: build
 
@@ -30,6 +31,12 @@ test-asan: deps
 	@cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(CURDIR)/tests/sanitizers/ubsan.supp ctest --output-on-failure -j $(JOBS)
 
+coverage:
+	@bash scripts/install-deps.sh coverage
+	@cmake -S . -B $(BUILD_COVERAGE) -DCMAKE_BUILD_TYPE=Debug -DVORLUND_COVERAGE=ON >/dev/null
+	@cmake --build $(BUILD_COVERAGE) -j $(JOBS)
+	@bash scripts/coverage.sh $(BUILD_COVERAGE) $(JOBS)
+
 bench: deps
 	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) -DVORLUND_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
@@ -39,11 +46,11 @@ fuzz:
 	@bash scripts/install-deps.sh fuzz
 	@CC=clang CXX=clang++ cmake -S . -B $(BUILD_FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DVORLUND_FUZZ=ON -DVORLUND_TESTS=OFF >/dev/null
-	@cmake --build $(BUILD_FUZZ) -j $(JOBS)
+	@cmake --build $(BUILD_FUZZ) --target vorlund_fuzzers -j $(JOBS)
 	@bash scripts/fuzz.sh $(BUILD_FUZZ) $(FUZZ_SECONDS)
 
 format:
 	@git ls-files '*.h' '*.cc' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ) $(BUILD_COVERAGE)

@@ -4,14 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "fuzz_support.h"
 #include "vorlund/conversion/json_conversion.h"
 #include "vorlund/foundation/json.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  vl::fuzz::useTemporaryHome();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view text(reinterpret_cast<const char*>(data), size);

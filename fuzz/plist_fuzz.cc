@@ -3,13 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "fuzz_support.h"
 #include "vorlund/foundation/property_list.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  vl::fuzz::useTemporaryHome();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view bytes(reinterpret_cast<const char*>(data), size);

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <string_view>
 
-#include "fuzz_support.h"
 #include "vorlund/conversion/keyed_archive.h"
 #include "vorlund/conversion/object_data.h"
 
@@ -40,15 +39,10 @@ class FuzzRecord : public vl::CodableRecord {
   int64_t count = 0;
 };
 
-const bool kRegistered = vl::registerCodableClass(
+[[maybe_unused]] const bool kRegistered = vl::registerCodableClass(
     {"VLFuzzRecord", {"VLIssue", "NSObject"}, &FuzzRecord::decode, nullptr});
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  vl::fuzz::useTemporaryHome();
-  return kRegistered ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view bytes(reinterpret_cast<const char*>(data), size);

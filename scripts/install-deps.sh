@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages Vorlund builds and tests with. Idempotent: when every package is
-# already there it only runs dpkg-query and exits. Usage: install-deps.sh [fuzz]
+# already there it only runs dpkg-query and exits. Usage: install-deps.sh [fuzz|coverage]
 set -euo pipefail
 
 packages=(
@@ -11,6 +11,9 @@ packages=(
 )
 if [[ "${1:-}" == fuzz ]]; then
   packages+=(clang libclang-rt-14-dev)
+fi
+if [[ "${1:-}" == coverage ]]; then
+  packages+=(gcovr)
 fi
 
 missing=()
