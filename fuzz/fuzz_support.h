@@ -35,15 +35,4 @@ inline void require(bool holds, const char* what, const std::string& detail = {}
   ::abort();
 }
 
-// A known fault, reported to the owner of the property-list reader: vl::plist::parse takes strings
-// without the checks that the writers make (valid UTF-8, no NUL character), so text read from
-// outside (a definition, a keyed archive) can be refused when it is archived again. Until the
-// reader refuses such text, those two refusals end the input instead of failing the run; any
-// other refusal still fails it.
-inline bool isKnownTextRefusal(const vl::Error& error) {
-  const std::string text = error.description();
-  return text.find("A string is not valid UTF-8") != std::string::npos ||
-         text.find("A string holds a NUL character") != std::string::npos;
-}
-
 }  // namespace vl::fuzz

@@ -23,7 +23,7 @@ if [[ -s "$GCOV_ERROR_FILE" ]]; then
   echo "coverage: libgcov reported $(wc -l <"$GCOV_ERROR_FILE") problems; see $GCOV_ERROR_FILE"
 fi
 
-gcovr_args=(-r "$root" --object-directory "$build" --filter 'src/' -j "$jobs" -o /dev/null)
+gcovr_args=(-r "$root" --object-directory "$build" --filter 'src/' -j "$jobs" -o "$build/coverage-summary.txt")
 echo "coverage of src/:"
 gcovr "${gcovr_args[@]}" --print-summary 2>/dev/null | grep -E '^(lines|branches):' |
   sed 's/^branches:/branches (all):/'

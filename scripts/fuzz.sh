@@ -19,6 +19,7 @@ declare -A testdata=(
   [preferences_fuzz]="preferences"
   [results_fuzz]="results fuzz-findings"
   [ipm_message_fuzz]=""
+  [memory_table_fuzz]="memory-table"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

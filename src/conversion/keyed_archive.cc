@@ -837,8 +837,14 @@ PlistPtr parsePlist(std::string_view bytes, std::string* why) {
   } else {
     plist_from_xml(bytes.data(), length, &root);
   }
-  if (!root) *why = "the bytes are not a property list";
-  return PlistPtr(root);
+  if (!root) {
+    *why = "the bytes are not a property list";
+    return nullptr;
+  }
+  PlistPtr owned(root);
+  // Strings the writers refuse are refused here too, so that what was read can be written again.
+  if (!plist_nodes::holdsOnlyText(root, plist_guard::kMaxDepth, why)) return nullptr;
+  return owned;
 }
 
 }  // namespace

@@ -61,18 +61,25 @@ int32_t VLGetPIDForProcess(const std::string& name) {
   return -1;
 }
 
+std::optional<double> vl::memoryFromMemoryTable(std::string_view output, const std::string& name,
+                                                std::string* matched, Error* error) {
+  std::optional<Regex> pattern = Regex::compile(format(kMemoryLinePattern, name), {}, error);
+  if (!pattern) return std::nullopt;
+  std::optional<RegexMatch> match = pattern->firstMatch(output);
+  if (!match || !match->group(1)) return std::nullopt;
+  if (matched) *matched = match->text();
+  return std::strtod(match->group(1)->c_str(), nullptr);
+}
+
 double VLGetMemoryForProcess(const std::string& name) {
   std::string output = VLExecuteShellCommand(kMemoryTableCommand, {}, true, kMemoryTableTimeout);
   vl::Error error;
-  std::optional<vl::Regex> pattern =
-      vl::Regex::compile(vl::format(kMemoryLinePattern, name), {}, &error);
-  std::optional<vl::RegexMatch> match;
-  if (pattern) match = pattern->firstMatch(output);
-  if (!match || !match->group(1)) {
+  std::string matched;
+  std::optional<double> megabytes = vl::memoryFromMemoryTable(output, name, &matched, &error);
+  if (!megabytes) {
     VLLog(VLLogLevelNotice, kCategory, "Unable to find match for process %@. Match: %@, Error: %@",
-          name, match ? vl::Value(match->text()) : vl::Value(),
-          pattern ? vl::Value() : vl::Value(error.description()));
+          name, vl::Value(), error.domain.empty() ? vl::Value() : vl::Value(error.description()));
     return 0.0;
   }
-  return std::strtod(match->group(1)->c_str(), nullptr);
+  return *megabytes;
 }

@@ -37,7 +37,8 @@ std::string formatLocalTime(const Date& date, const char* strftimePattern) {
   return std::string(buffer, n);
 }
 
-std::string dateString(const Date& date) { return formatLocalTime(date, "%Y-%m-%d-%H-%M-%S"); }
+// Four-digit years, so that a year before 1000 reads back as the 19-character form.
+std::string dateString(const Date& date) { return formatLocalTime(date, "%04Y-%m-%d-%H-%M-%S"); }
 
 std::optional<Date> dateFromString(std::string_view text) {
   if (text.size() != 19) return std::nullopt;

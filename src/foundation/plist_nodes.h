@@ -3,6 +3,7 @@
 
 #include <plist/plist.h>
 
+#include <string>
 #include <vector>
 
 namespace vl::plist_nodes {
@@ -15,5 +16,11 @@ std::vector<plist_t> arrayItems(plist_t array);
 // integer as 64 unsigned bits and hides its own "unsigned" mark from the public API; its XML form
 // shows it (a negative number is printed with a sign, a marked unsigned one without).
 bool isMarkedUnsigned(plist_t node);
+
+// Whether every string and dictionary key under root is UTF-8 without a NUL character, as every
+// string of a vl::Value and of what the writers accept must be. libplist takes any bytes. False
+// with the reason in *why otherwise. Nesting deeper than maxDepth counts as well-formed (callers
+// bound the depth before).
+bool holdsOnlyText(plist_t root, size_t maxDepth, std::string* why);
 
 }  // namespace vl::plist_nodes

@@ -363,6 +363,10 @@ std::optional<Value> parse(std::string_view bytes, Error* error) {
                                               : "The data is not a valid XML property list."));
     return std::nullopt;
   }
+  if (!plist_nodes::holdsOnlyText(root, kMaxDepth, &why)) {
+    setError(error, makeError(kErrorCodeRead, "The property list could not be read: " + why + "."));
+    return std::nullopt;
+  }
   return toValue(root, 0);
 }
 

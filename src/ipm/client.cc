@@ -12,7 +12,7 @@ namespace vl::ipm {
 namespace {
 
 struct ScopedBusError {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};  // SD_BUS_ERROR_NULL, without the C compound literal
   ~ScopedBusError() { sd_bus_error_free(&error); }
 };
 

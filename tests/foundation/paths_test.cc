@@ -78,6 +78,10 @@ TEST(DateStringTest, RoundTripInLocalTime) {
   EXPECT_FALSE(dateFromString("2026-01-31 08:15:02").has_value());
   EXPECT_FALSE(dateFromString("2026-13-31-08-15-02").has_value());
   EXPECT_FALSE(dateFromString("").has_value());
+  // Years before 1000 keep four digits, so that they read back.
+  Date early{-31039200000.0};  // in the year 986
+  EXPECT_EQ(dateString(early).size(), 19u) << dateString(early);
+  EXPECT_EQ(dateFromString(dateString(early)), early);
 }
 
 TEST(TimeScaleTest, ScalesDurationsAndRestores) {

@@ -4,7 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
+
+#include "vorlund/foundation/error.h"
 
 // The number of processors online on the host.
 int64_t VLGetNumberOfCoresOnHost();
@@ -19,3 +23,13 @@ int32_t VLGetPIDForProcess(const std::string& name);
 // line names the process. The name is put into the line's pattern as it is: its regular-expression
 // characters keep their meaning.
 double VLGetMemoryForProcess(const std::string& name);
+
+namespace vl {
+// The parser behind VLGetMemoryForProcess, a pure function over the memory table's text: the first
+// megabyte figure of the first line that matches the line pattern with name put in as it is. None
+// when nothing matches, with *matched left alone, or when the pattern does not compile (name holds
+// a broken expression), with *error set. *matched gets the whole matching text.
+std::optional<double> memoryFromMemoryTable(std::string_view output, const std::string& name,
+                                            std::string* matched = nullptr,
+                                            Error* error = nullptr);
+}  // namespace vl
