@@ -843,7 +843,9 @@ PlistPtr parsePlist(std::string_view bytes, std::string* why) {
   }
   PlistPtr owned(root);
   // Strings the writers refuse are refused here too, so that what was read can be written again.
-  if (!plist_nodes::holdsOnlyText(root, plist_guard::kMaxDepth, why)) return nullptr;
+  // An archive's own keys are structural ($objects, NS.keys, ...); its keys of dictionaries are
+  // strings of $objects and are checked as strings.
+  if (!plist_nodes::holdsOnlyText(root, plist_guard::kMaxDepth, false, why)) return nullptr;
   return owned;
 }
 

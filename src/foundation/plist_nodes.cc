@@ -58,7 +58,7 @@ bool isText(std::string_view text, std::string* why) {
 
 }  // namespace
 
-bool holdsOnlyText(plist_t root, size_t maxDepth, std::string* why) {
+bool holdsOnlyText(plist_t root, size_t maxDepth, bool checkKeys, std::string* why) {
   std::vector<std::pair<plist_t, size_t>> pending{{root, 0}};
   while (!pending.empty()) {
     auto [node, depth] = pending.back();
@@ -82,7 +82,7 @@ bool holdsOnlyText(plist_t root, size_t maxDepth, std::string* why) {
         for (;;) {
           char* key = nullptr;
           plist_t item = nullptr;
-          plist_dict_next_item(node, iter, &key, &item);
+          plist_dict_next_item(node, iter, checkKeys ? &key : nullptr, &item);
           if (!item) {
             std::free(key);
             break;

@@ -17,10 +17,11 @@ std::vector<plist_t> arrayItems(plist_t array);
 // shows it (a negative number is printed with a sign, a marked unsigned one without).
 bool isMarkedUnsigned(plist_t node);
 
-// Whether every string and dictionary key under root is UTF-8 without a NUL character, as every
-// string of a vl::Value and of what the writers accept must be. libplist takes any bytes. False
-// with the reason in *why otherwise. Nesting deeper than maxDepth counts as well-formed (callers
-// bound the depth before).
-bool holdsOnlyText(plist_t root, size_t maxDepth, std::string* why);
+// Whether every string (and, with checkKeys, every dictionary key) under root is UTF-8 without a
+// NUL character, as every string of a vl::Value and of what the writers accept must be. libplist
+// takes any bytes. False with the reason in *why otherwise. Nesting deeper than maxDepth counts as
+// well-formed (callers bound the depth before). checkKeys only where a key is known to hold no NUL
+// (libplist aborts when asked for such a key).
+bool holdsOnlyText(plist_t root, size_t maxDepth, bool checkKeys, std::string* why);
 
 }  // namespace vl::plist_nodes

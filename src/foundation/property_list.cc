@@ -363,7 +363,8 @@ std::optional<Value> parse(std::string_view bytes, Error* error) {
                                               : "The data is not a valid XML property list."));
     return std::nullopt;
   }
-  if (!plist_nodes::holdsOnlyText(root, kMaxDepth, &why)) {
+  // Keys are safe to read: binary keys were checked for NUL above, and XML holds none.
+  if (!plist_nodes::holdsOnlyText(root, kMaxDepth, true, &why)) {
     setError(error, makeError(kErrorCodeRead, "The property list could not be read: " + why + "."));
     return std::nullopt;
   }

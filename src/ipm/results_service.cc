@@ -1,6 +1,7 @@
 #include "vorlund/ipm/results_service.h"
 
 #include <exception>
+#include <filesystem>
 
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/ipm/bus.h"
@@ -73,8 +74,12 @@ IpmValue show() {
 IpmValue reset() {
   std::shared_ptr<VLResults> run = VLResults::currentResults();
   if (!run->saveToDisk()) return IpmValue::ofError("Unable to save the run to " + run->getResultsFilePath());
-  // The next request starts a new run; this one stays in its results file and timeline.
-  VLResults::setCurrentResults(nullptr);
+  // A new run starts now; this one stays in its results file and timeline. Its resume data, which
+  // the service's periodic save wrote, must not come back as the next run, so the new run takes
+  // over at once and the old data goes.
+  VLResults::setCurrentResults(VLResults::make());
+  std::error_code ignored;
+  std::filesystem::remove(VLResults::resumeDataPath(), ignored);
   IpmDictionary reply;
   reply.set(kResultsKeyResultsFile, IpmValue::ofString(run->getResultsFilePath()));
   return IpmValue::ofDictionary(std::move(reply));
