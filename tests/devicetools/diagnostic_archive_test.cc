@@ -51,10 +51,6 @@ class Callbacks {
     changed_.wait_for(lock, std::chrono::seconds(20), [&] { return errors_.size() >= n; });
     return errors_;
   }
-  size_t count() {
-    std::lock_guard lock(mutex_);
-    return errors_.size();
-  }
 
  private:
   std::mutex mutex_;
@@ -109,9 +105,9 @@ class ArchiveDevice : public testing::Test {
   }
   std::vector<std::string> hungSamples() const {
     std::vector<std::string> samples;
-    std::string folder = sandbox_.root() + "/var/root/Library/Logs/Vorlund";
-    if (!fs::exists(folder)) return samples;
-    for (const auto& entry : fs::directory_iterator(folder)) {
+    std::error_code none;
+    for (const auto& entry :
+         fs::directory_iterator(sandbox_.root() + "/var/root/Library/Logs/Vorlund", none)) {
       if (entry.path().filename().string().rfind("snapdump_hung_", 0) == 0) {
         samples.push_back(entry.path().string());
       }
@@ -166,7 +162,7 @@ TEST_F(ArchiveDevice, OneCaptureRunsOneWaitsTheRestAreDropped) {
               0.25);
   }
   // The dropped request's callback never ran.
-  EXPECT_EQ(callbacks.count(), 3u);
+  EXPECT_EQ(callbacks.waitFor(0).size(), 3u);
 }
 
 TEST_F(ArchiveDevice, CaptureErrorsReachTheCallback) {
@@ -273,7 +269,6 @@ TEST_F(ArchiveDevice, AHungCaptureIsSampledOnce) {
     ASSERT_TRUE(trigger.request(callbacks.callback()));
     for (int old = 2; old <= 50; ++old) EXPECT_FALSE(trigger.request(callbacks.callback()));
     EXPECT_TRUE(hungSamples().empty());
-    EXPECT_EQ(capture_.count("Seems like snapdump is hung, taking a sample"), 0u);
 
     // The 52nd request, with no capture ever finished.
     EXPECT_FALSE(trigger.request(callbacks.callback()));
@@ -287,7 +282,7 @@ TEST_F(ArchiveDevice, AHungCaptureIsSampledOnce) {
     openGate();
     EXPECT_EQ(callbacks.waitFor(2).size(), 2u);
   }
-  EXPECT_EQ(callbacks.count(), 2u);
+  EXPECT_EQ(callbacks.waitFor(0).size(), 2u);
 }
 
 TEST_F(ArchiveDevice, SynchronousCaptureBypassesTheQueue) {
@@ -298,8 +293,6 @@ TEST_F(ArchiveDevice, SynchronousCaptureBypassesTheQueue) {
   setPreferences(Dictionary{});
   std::optional<Error> error = VLTriggerSnapdumpSync();
   ASSERT_TRUE(error);
-  EXPECT_TRUE(capture_.contains(1, "Framework",
-                                format("Snapdump failed with error '%@'", error->description())));
 
   setDiagnosticArchiver(std::make_shared<ThrowingArchiver>(false));
   EXPECT_FALSE(VLTriggerSnapdumpSync());

@@ -9,6 +9,7 @@
 
 #include "logging/logging_test_support.h"
 #include "support/test_support.h"
+#include "vorlund/foundation/format.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/process.h"
 #include "vorlund/logging/toolkit_logger.h"
@@ -86,15 +87,13 @@ TEST(ToolkitLogger, AsynchronousLinesKeepTheirOrderAcrossThreads) {
   ToolkitLogger logger;
   auto sink = std::make_shared<CollectingSink>();
   logger.addSink(sink, kToolkitMaskAll);
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&logger, t] {
-      for (int i = 0; i < 500; ++i) {
-        logger.log(true, kToolkitFlagInfo, "t" + std::to_string(t) + " " + std::to_string(i));
-      }
+      for (int i = 0; i < 500; ++i) logger.log(true, kToolkitFlagInfo, format("t%d %d", t, i));
     });
   }
-  for (auto& thread : threads) thread.join();
+  threads.clear();
   logger.drain();
 
   ASSERT_EQ(sink->lines().size(), 2000u);

@@ -149,22 +149,6 @@ TEST(VLLogger, FatalLinePausesBeforeReturning) {
   EXPECT_TRUE(hasLine(test::readFile(dir.file("fatal.log")), " > last words"));
 }
 
-TEST(VLLogger, CreateFileMakesFoldersAndKeepsOneHandlePerPath) {
-  test::Sandbox sandbox;
-  VLLogger logger;
-  std::string path = sandbox.path("a/b/c.log");
-  auto handle = VLLogger::createFile(path, logger);
-  ASSERT_NE(handle, nullptr);
-  EXPECT_EQ(VLLogger::createFile(path, logger), handle);
-
-  // Below a plain file no folder can be made: no handle, and the line goes to standard output.
-  test::writeFile(sandbox.path("plain"), "");
-  EXPECT_EQ(VLLogger::createFile(sandbox.path("plain/x.log"), logger), nullptr);
-  testing::internal::CaptureStdout();
-  logger.logMessage("nowhere to go", sandbox.path("plain/x.log"));
-  EXPECT_TRUE(hasLine(testing::internal::GetCapturedStdout(), " > nowhere to go"));
-}
-
 TEST(VLLogger, FailedWriteOnAFullFileSystemRaises) {
   test::Sandbox sandbox;
   // /var of the sandboxed device lies on a file system without free space.
