@@ -35,86 +35,58 @@ struct ScopedDiagnosticArchiveRequest {
   ~ScopedDiagnosticArchiveRequest() { logging::setDiagnosticArchiveRequest(nullptr); }
 };
 
-TEST(ChildProcess, ReportsWhetherStartedByTheServiceManager) {
-  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
-  std::printf("warden=%d\n", VLLogger().isWardenProcess() ? 1 : 0);
-}
-
-TEST(VLLogger, RecognisesTheServiceManagerAsParent) {
-  auto wardenOf = [](const std::string& parent) {
-    test::ChildRun run =
-        test::runChildTest("ChildProcess.ReportsWhetherStartedByTheServiceManager", parent);
-    EXPECT_EQ(run.exitCode, 0) << run.output;
-    if (run.output.find("warden=1\n") != std::string::npos) return 1;
-    if (run.output.find("warden=0\n") != std::string::npos) return 0;
-    return -1;
-  };
-  EXPECT_EQ(wardenOf("warden"), 1);
-  EXPECT_EQ(wardenOf("systemd"), 1);
-  EXPECT_EQ(wardenOf("wardens"), 0);
-  // A parent that is process 1 counts whatever its name.
-  EXPECT_TRUE(VLLogger::isWardenParent("init", 1));
-}
-
-TEST(ChildProcess, ShellStartedProcessLogsToStandardOutput) {
-  if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
-  VLLogger logger;
-  EXPECT_FALSE(logger.logFile().has_value());
-  EXPECT_FALSE(logger.createLogStreamForCurrentProcess());
-  logger.logMessage("straight to the terminal");
-  VLLogOld(VLLogLevelDebug, std::nullopt, "above the level");
-  VLLogOld(VLLogLevelError, std::nullopt, "old error");
-}
-
-TEST(VLLogger, ShellStartedProcessLogsToStandardOutput) {
-  test::Sandbox sandbox;
-  test::ChildRun run =
-      test::runChildTest("ChildProcess.ShellStartedProcessLogsToStandardOutput", "bash");
-  ASSERT_EQ(run.exitCode, 0) << run.output;
-  EXPECT_TRUE(hasLine(run.output, " > straight to the terminal")) << run.output;
-  EXPECT_TRUE(hasLine(run.output, " > old error")) << run.output;
-  EXPECT_EQ(run.output.find("above the level"), std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(sandbox.home() + "/Library/Logs/Vorlund"));
-}
-
-TEST(ChildProcess, WardenStartedProcessLogsToItsOwnFile) {
+// Logs where its parent sends it: under the service manager to a file of its own with a stream of
+// the service's events, otherwise to standard output.
+TEST(ChildProcess, LogsWhereItsParentSendsIt) {
   if (!test::isLogChild()) GTEST_SKIP() << "runs in a child process";
   test::FakeStreams streams;
   VLLogger logger;
   logger.setActivityStreamFactory(streams.factory());
-  ASSERT_TRUE(logger.logFile().has_value());
-  std::printf("logFile=%s\n", logger.logFile()->c_str());
-  // The file exists from the start.
-  EXPECT_TRUE(test::fileExists(*logger.logFile()));
+  std::printf("warden=%d\n", logger.isWardenProcess() ? 1 : 0);
+  EXPECT_EQ(logger.createLogStreamForCurrentProcess(), logger.isWardenProcess());
+  if (logger.isWardenProcess()) {
+    ASSERT_TRUE(logger.logFile().has_value());
+    std::printf("logFile=%s\n", logger.logFile()->c_str());
+    EXPECT_TRUE(test::fileExists(*logger.logFile()));  // from the start
+    EXPECT_EQ(streams.made.at(0)->processes, std::vector<std::string>{"Vorlund"});
+  }
   logger.logMessage("first line");
+  VLLogOld(VLLogLevelDebug, std::nullopt, "above the level");
   logger.logMessage("second line");
-
-  EXPECT_TRUE(logger.createLogStreamForCurrentProcess());
-  ASSERT_EQ(streams.made.size(), 1u);
-  EXPECT_EQ(streams.made[0]->processes, std::vector<std::string>{"Vorlund"});
-  EXPECT_TRUE(logger.logStreams().contains(*logger.logFile()));
 }
 
-TEST(VLLogger, WardenStartedProcessLogsToItsOwnFileAndTheTetherToItsMessagingFile) {
+TEST(VLLogger, LogsToAFileOfItsOwnUnderTheServiceManagerAndToStandardOutputOtherwise) {
   test::Sandbox sandbox;
   const std::string logs = sandbox.home() + "/Library/Logs/Vorlund/";
-  for (const char* name : {"StressTool", "vorlund_tether"}) {
-    process::ScopedName scoped(name);
-    test::ChildRun run =
-        test::runChildTest("ChildProcess.WardenStartedProcessLogsToItsOwnFile", "warden");
+  const std::string twoLines =
+      std::string(kStamp) + " > first line\n" + kStamp + " > second line\n";
+  struct Case {
+    const char* parent;
+    const char* name;
+    std::string file;  // a pattern; empty for standard output
+  } cases[] = {
+      {"warden", "StressTool", logs + R"(StressTool_\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log)"},
+      {"systemd", "vorlund_tether",
+       logs + "vorlund_tether_" + process::userName() + "_messaging.log"},
+      {"wardens", "StressTool", ""},
+      {"bash", "StressTool", ""},
+  };
+  for (const Case& c : cases) {
+    process::ScopedName name(c.name);
+    test::ChildRun run = test::runChildTest("ChildProcess.LogsWhereItsParentSendsIt", c.parent);
     ASSERT_EQ(run.exitCode, 0) << run.output;
     std::smatch match;
-    ASSERT_TRUE(std::regex_search(run.output, match, std::regex("logFile=(.*)\n"))) << run.output;
-    std::string file = match[1];
-    if (std::string(name) == "vorlund_tether") {
-      EXPECT_EQ(file, logs + "vorlund_tether_" + process::userName() + "_messaging.log");
-    } else {
-      EXPECT_TRUE(std::regex_match(file, std::regex(logs + R"(StressTool_\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log)")));
+    if (c.file.empty()) {
+      EXPECT_NE(run.output.find("warden=0\n"), std::string::npos) << c.parent;
+      EXPECT_TRUE(std::regex_search(run.output, std::regex(twoLines))) << run.output;
+      continue;
     }
-    EXPECT_TRUE(std::regex_match(
-        test::readFile(file),
-        std::regex(std::string(kStamp) + " > first line\n" + kStamp + " > second line\n")));
+    ASSERT_TRUE(std::regex_search(run.output, match, std::regex("logFile=(.*)\n"))) << run.output;
+    EXPECT_TRUE(std::regex_match(std::string(match[1]), std::regex(c.file))) << match[1];
+    EXPECT_TRUE(std::regex_match(test::readFile(match[1]), std::regex(twoLines)));
   }
+  // A parent that is process 1 counts whatever its name.
+  EXPECT_TRUE(VLLogger::isWardenParent("init", 1));
 }
 
 TEST(VLLogger, VLLogOldWritesByLevel) {
