@@ -299,13 +299,11 @@ TEST_F(ArchiveDevice, AFailedLogWriteRequestsAnArchive) {
                                 "Triggering a snapdump because there is no active snapdump"));
   // The process's trigger captures through the Linux archiver, which finds no command here.
   EXPECT_TRUE(eventually([&] {
-    for (const CapturedLine& line : capture_.lines()) {
-      if (line.message.rfind("Snapdump failed with error 'Error Domain=com.brindle.Vorlund", 0) ==
-          0) {
-        return true;
-      }
-    }
-    return false;
+    std::vector<CapturedLine> lines = capture_.lines();
+    return std::any_of(lines.begin(), lines.end(), [](const CapturedLine& line) {
+      return line.message.rfind("Snapdump failed with error 'Error Domain=com.brindle.Vorlund",
+                                0) == 0;
+    });
   }));
 }
 

@@ -121,29 +121,7 @@ TEST(VLLogger, FatalLinePausesBeforeReturning) {
   EXPECT_TRUE(hasLine(test::readFile(dir.file("fatal.log")), " > last words"));
 }
 
-TEST(VLLogger, FailedWriteOnAFullFileSystemRaises) {
-  test::Sandbox sandbox;
-  // /var of the sandboxed device lies on a file system without free space.
-  std::filesystem::create_directory_symlink("/proc", sandbox.root() + "/var");
-  int archives = 0;
-  ScopedDiagnosticArchiveRequest hook([&] { ++archives; });
-  VLLogger logger;
-  try {
-    logger.logMessage("cannot be written", "/dev/full");
-    FAIL() << "no exception";
-  } catch (const VLException& e) {
-    EXPECT_EQ(e.name(), "File System free space too small");
-    EXPECT_EQ(
-        e.reason().rfind(process::name() + " is unable to proceed since the free space on the file "
-                                           "system is {\n",
-                         0),
-        0u)
-        << e.reason();
-  }
-  EXPECT_EQ(archives, 1);
-}
-
-TEST(VLLogger, FailedWriteIsRetriedWhileSpaceRemains) {
+TEST(VLLogger, FailedWriteIsRetriedWhileSpaceRemainsAndRaisesOnAFullFileSystem) {
   test::Sandbox sandbox;
   test::TempDir dir;
   std::string file = dir.file("retry.log");
@@ -172,6 +150,22 @@ TEST(VLLogger, FailedWriteIsRetriedWhileSpaceRemains) {
   EXPECT_EQ(archives, 1);
   EXPECT_TRUE(std::regex_match(test::readFile(file),
                                std::regex(std::string(kStamp) + " > written on the second try\n")));
+
+  // /var of the sandboxed device lies on a file system without free space.
+  std::filesystem::create_directory_symlink("/proc", sandbox.root() + "/var");
+  ScopedDiagnosticArchiveRequest hook([&] { ++archives; });
+  try {
+    logger.logMessage("cannot be written", "/dev/full");
+    ADD_FAILURE() << "no exception";
+  } catch (const VLException& e) {
+    EXPECT_EQ(e.name(), "File System free space too small");
+    EXPECT_EQ(e.reason().rfind(process::name() + " is unable to proceed since the free space on "
+                                                 "the file system is {\n",
+                               0),
+              0u)
+        << e.reason();
+  }
+  EXPECT_EQ(archives, 2);
 }
 
 class Rollover : public testing::Test {
