@@ -142,38 +142,33 @@ TEST(ChildProcess, LogsDebugLinesWhenVerboseFromTheStart) {
   VLLog(VLLogLevelDebug, "Framework", "debug detail");
 }
 
-TEST(SharedToolkitLogger, WritesLinesWithoutDebugIntoTheRollingFile) {
-  test::Sandbox sandbox;
-  process::ScopedName name("LogChild");
-  test::ChildRun run = test::runChildTest("ChildProcess.LogsThroughTheSharedToolkit", "vl-shell");
-  ASSERT_EQ(run.exitCode, 0) << run.output;
-
-  auto files = toolkitFiles(sandbox.home());
-  ASSERT_EQ(files.size(), 1u);
-  EXPECT_TRUE(std::regex_match(paths::lastComponent(files[0]),
-                               std::regex(R"(LogChild-\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log)")))
-      << files[0];
-  std::string text = test::readFile(files[0]);
-  EXPECT_TRUE(std::regex_search(
-      text, std::regex(R"((^|\n)\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[\d+:\d+\] )"
-                       R"(\[Results\] progress 1\n)")))
-      << text;
-  EXPECT_NE(text.find("[Framework] last words here\n"), std::string::npos);
-  EXPECT_NE(text.find("[Results] queued 299\n"), std::string::npos);
-  EXPECT_EQ(text.find("debug"), std::string::npos);
-  EXPECT_EQ(text.find("unknown level"), std::string::npos);
-}
-
-TEST(SharedToolkitLogger, WritesDebugLinesWhenVerboseWasSetFirst) {
-  test::Sandbox sandbox;
-  process::ScopedName name("VerboseChild");
-  test::ChildRun run =
-      test::runChildTest("ChildProcess.LogsDebugLinesWhenVerboseFromTheStart", "vl-shell");
-  ASSERT_EQ(run.exitCode, 0) << run.output;
-
-  auto files = toolkitFiles(sandbox.home());
-  ASSERT_EQ(files.size(), 1u);
-  EXPECT_NE(test::readFile(files[0]).find("[Framework] Verbose Logging Enabled\n"), std::string::npos);
+TEST(SharedToolkitLogger, WritesLinesWithoutDebugIntoTheRollingFileUnlessVerboseWasSetFirst) {
+  for (const char* name : {"LogChild", "VerboseChild"}) {
+    test::Sandbox sandbox;
+    process::ScopedName scoped(name);
+    const bool verbose = std::string(name) == "VerboseChild";
+    test::ChildRun run =
+        test::runChildTest(verbose ? "ChildProcess.LogsDebugLinesWhenVerboseFromTheStart"
+                                   : "ChildProcess.LogsThroughTheSharedToolkit",
+                           "vl-shell");
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    auto files = toolkitFiles(sandbox.home());
+    ASSERT_EQ(files.size(), 1u);
+    std::string text = test::readFile(files[0]);
+    if (verbose) {
+      EXPECT_NE(text.find("[Framework] Verbose Logging Enabled\n"), std::string::npos) << text;
+      continue;
+    }
+    EXPECT_TRUE(std::regex_match(paths::lastComponent(files[0]),
+                                 std::regex(R"(LogChild-\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log)")));
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex(R"((^|\n)\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[\d+:\d+\] )"
+                         R"(\[Results\] progress 1\n)")));
+    EXPECT_NE(text.find("[Framework] last words here\n"), std::string::npos);
+    EXPECT_NE(text.find("[Results] queued 299\n"), std::string::npos);
+    EXPECT_EQ(text.find("debug"), std::string::npos);
+    EXPECT_EQ(text.find("unknown level"), std::string::npos);
+  }
 }
 
 }  // namespace
