@@ -83,11 +83,7 @@ TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   EXPECT_EQ(VLExecuteShellCommand("printf 'x\\ny'", {}, true, 5), "x\ny");
   EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of printf 'x\\ny' was 0"));
 
-  test::ScopedEnv noPath("PATH", std::nullopt);
-  EXPECT_EQ(VLCreateBashCommand("true")->environment()->at("PATH"), "(null):/usr/local/bin");
-}
-
-TEST(ShellCommand, FeedsStandardInputFromAPipeOrAFile) {
+  // Standard input from a pipe or a file.
   auto pipe = Pipe::make();
   ASSERT_TRUE(pipe->write("from a pipe"));
   pipe->closeWriting();
@@ -97,6 +93,9 @@ TEST(ShellCommand, FeedsStandardInputFromAPipeOrAFile) {
   test::writeFile(dir.file("input"), "from a file\n");
   auto handle = FileHandle::adopt(open(dir.file("input").c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(VLExecuteShellCommand("wc -l", handle, true, 5), "1\n");
+
+  test::ScopedEnv noPath("PATH", std::nullopt);
+  EXPECT_EQ(VLCreateBashCommand("true")->environment()->at("PATH"), "(null):/usr/local/bin");
 }
 
 TEST(ShellCommand, OutputRules) {
@@ -304,7 +303,7 @@ TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
       << lines[1].message;
 }
 
-TEST(ProcessTable, FindsARealChildByItsShortName) {
+TEST(ProcessTable, FindsARealChildByItsShortNameAndCountsTheCores) {
   test::TempDir dir;
   // The kernel keeps 15 characters of the name: "vlpidprobe_long".
   const std::string program = dir.file("vlpidprobe_long_name");
@@ -320,6 +319,9 @@ TEST(ProcessTable, FindsARealChildByItsShortName) {
   for (const char* other : {"vlpidprobe_long_name", "vlpidprobe_lon", ""}) {
     EXPECT_EQ(VLGetPIDForProcess(other), -1) << other;
   }
+  test::ChildResult getconf = test::runChild({"getconf", "_NPROCESSORS_ONLN"});
+  ASSERT_EQ(getconf.exitStatus, 0);
+  EXPECT_EQ(VLGetNumberOfCoresOnHost(), std::stoll(getconf.out));
 }
 
 TEST(ProcessTable, MemoryFromTheMemoryTable) {
@@ -341,12 +343,6 @@ TEST(ProcessTable, MemoryFromTheMemoryTable) {
                               0),
             0u)
       << bad.message;
-}
-
-TEST(ProcessTable, CoresOfTheHost) {
-  test::ChildResult getconf = test::runChild({"getconf", "_NPROCESSORS_ONLN"});
-  ASSERT_EQ(getconf.exitStatus, 0);
-  EXPECT_EQ(VLGetNumberOfCoresOnHost(), std::stoll(getconf.out));
 }
 
 TEST(WaitForSeconds, SleepsTheScaledTime) {

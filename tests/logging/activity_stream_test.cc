@@ -102,25 +102,6 @@ TEST_F(LogStreaming, TellsLongProcessNamesByTheirExecutableOrCommandLine) {
                                    stamp(1769847302) + " (wpa_supplicant_) > by cmdline\n");
 }
 
-TEST_F(LogStreaming, EventsWithoutDateOrMessageBecomeStatisticIssues) {
-  std::vector<std::string> reasons;
-  logging::setStatisticIssueRecorder([&](const std::string& reason) { reasons.push_back(reason); });
-  std::string a = dir_.file("a.log");
-  logger_.streamOSLogToFile(a, {"Vorlund"});
-  ActivityEvent undated = logEvent("Vorlund", "Results", "undated", 0);
-  undated.timestamp.reset();
-  ActivityEvent empty = plainEvent("Vorlund", "", 1769847302);
-  empty.message.reset();
-
-  EXPECT_TRUE(
-      streams_.made[0]->deliver({undated, empty, plainEvent("Vorlund", "kept", 1769847305)}));
-  logging::setStatisticIssueRecorder(nullptr);
-
-  EXPECT_EQ(reasons, std::vector<std::string>(
-                         2, "Received activity stream event without date and/or message"));
-  EXPECT_EQ(test::readFile(a), stamp(1769847305) + " (Vorlund) > kept\n");
-}
-
 TEST_F(LogStreaming, AFileThatCannotBeOpenedSendsTheLineToStandardOutput) {
   test::writeFile(dir_.file("plain"), "");
   std::string a = dir_.file("a.log");
@@ -134,13 +115,23 @@ TEST_F(LogStreaming, AFileThatCannotBeOpenedSendsTheLineToStandardOutput) {
   EXPECT_EQ(test::readFile(a).find("abandoned"), std::string::npos);
 }
 
-TEST_F(LogStreaming, StoppingAFileShrinksTheTableOnly) {
+TEST_F(LogStreaming, DropsEventsWithoutDateOrMessageAndStopsOneFileOnly) {
   std::string a = dir_.file("a.log");
   std::string b = dir_.file("b.log");
   logger_.streamOSLogToFile(a, {"Vorlund"});
   logger_.streamOSLogToFile(b, {"Vorlund"});
   auto stream = streams_.made.back();
-  stream->deliver({plainEvent("Vorlund", "to both", 1769847302)});
+  std::vector<std::string> reasons;
+  logging::setStatisticIssueRecorder([&](const std::string& reason) { reasons.push_back(reason); });
+  ActivityEvent undated = logEvent("Vorlund", "Results", "undated", 0);
+  undated.timestamp.reset();
+  ActivityEvent empty = plainEvent("Vorlund", "", 1769847302);
+  empty.message.reset();
+  EXPECT_TRUE(stream->deliver({undated, empty, plainEvent("Vorlund", "to both", 1769847305)}));
+  logging::setStatisticIssueRecorder(nullptr);
+  EXPECT_EQ(reasons, std::vector<std::string>(
+                         2, "Received activity stream event without date and/or message"));
+  EXPECT_EQ(test::readFile(a), stamp(1769847305) + " (Vorlund) > to both\n");
 
   EXPECT_TRUE(logger_.stopSteamToFile(a));
   EXPECT_TRUE(capture_.contains(VLLogLevelNotice, "Framework",
@@ -149,15 +140,11 @@ TEST_F(LogStreaming, StoppingAFileShrinksTheTableOnly) {
   stream->deliver({plainEvent("Vorlund", "to b only", 1769847303)});
   EXPECT_EQ(test::readFile(a).find("to b only"), std::string::npos);
   EXPECT_NE(test::readFile(b).find("to b only"), std::string::npos);
-
   EXPECT_FALSE(logger_.stopSteamToFile(a));
   EXPECT_TRUE(capture_.contains(VLLogLevelError, "Framework",
                                 "No log streaming to '" + a + "', cannot stop nonexistent stream"));
-}
 
-TEST_F(LogStreaming, StreamCallbacksFindNoFileAndLeaveTheTableAlone) {
-  logger_.streamOSLogToFile(dir_.file("a.log"), {"Vorlund"});
-  auto stream = streams_.made[0];
+  // The stream's own reports find no file and leave the table alone.
   capture_.clear();
   logger_.streamDidStart(*stream);
   logger_.streamDidFail(*stream, Error::withDescription("com.brindle.Vorlund", 1, "gone"));
