@@ -291,8 +291,7 @@ TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
   auto task = VLCreateBashCommand("true");
   setrlimit(RLIMIT_NOFILE, &saved);
 
-  EXPECT_FALSE(task->standardError());
-  EXPECT_FALSE(task->standardOutput());
+  EXPECT_FALSE(task->standardError() || task->standardOutput());
   auto lines = capture.lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[1].message.rfind("Saw an exception trying to set up NSPipes... Error Domain="
