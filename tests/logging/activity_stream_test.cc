@@ -47,54 +47,34 @@ class LogStreaming : public testing::Test {
   LogCapture capture_;
 };
 
-TEST_F(LogStreaming, StartsOneStreamAndRefusesARedundantOne) {
-  std::string path = dir_.file("wifi.log");
-  EXPECT_TRUE(logger_.streamOSLogToFile(path, {"wpa_supplicant", "iwd"}));
+TEST_F(LogStreaming, OneStreamForAllFilesCopiesEventsIntoTheFilesOfTheirProcess) {
+  std::string a = dir_.file("a.log");
+  std::string b = dir_.file("deeper/b.log");
+  EXPECT_TRUE(logger_.streamOSLogToFile(a, {"Vorlund", "iwd"}));
   EXPECT_TRUE(capture_.contains(
       VLLogLevelNotice, "Framework",
-      "Attempting to start log stream at '" + path + "' with process list [wpa_supplicant, iwd]"));
+      "Attempting to start log stream at '" + a + "' with process list [Vorlund, iwd]"));
   ASSERT_EQ(streams_.made.size(), 1u);
-  auto stream = streams_.made[0];
-  EXPECT_EQ(stream->processes, (std::vector<std::string>{"wpa_supplicant", "iwd"}));
-  EXPECT_EQ(stream->options, 261u);
-  EXPECT_EQ(stream->delegate, &logger_);
-  EXPECT_TRUE(stream->started);
-
-  EXPECT_FALSE(logger_.streamOSLogToFile(path, {"bluetoothd"}));
+  EXPECT_EQ(streams_.made[0]->options, 261u);
+  EXPECT_TRUE(streams_.made[0]->started);
+  EXPECT_FALSE(logger_.streamOSLogToFile(a, {"bluetoothd"}));
   EXPECT_TRUE(
       capture_.contains(VLLogLevelError, "Framework",
-                        "Log already streaming to '" + path + "', cannot start redundant stream"));
-  EXPECT_EQ(streams_.made.size(), 1u);
-  EXPECT_FALSE(stream->stopped);
-  EXPECT_EQ(logger_.logStreams().get(path), Value(Array{"wpa_supplicant", "iwd"}));
-}
+                        "Log already streaming to '" + a + "', cannot start redundant stream"));
 
-TEST_F(LogStreaming, AnotherFileRestartsTheStreamWithEveryProcess) {
-  logger_.streamOSLogToFile(dir_.file("a.log"), {"Vorlund", "iwd"});
-  logger_.streamOSLogToFile(dir_.file("b.log"), {"bluetoothd", "iwd"});
+  // Another file restarts the stream with every process; each file keeps its own list.
+  logger_.streamOSLogToFile(b, {"bluetoothd", "Vorlund"});
   EXPECT_TRUE(capture_.contains(VLLogLevelNotice, "Framework",
                                 "Invalidating current stream to modify stream parameters"));
   ASSERT_EQ(streams_.made.size(), 2u);
   EXPECT_TRUE(streams_.made[0]->stopped);
-  EXPECT_TRUE(streams_.made[1]->started);
   EXPECT_EQ(streams_.made[1]->processes,
-            (std::vector<std::string>{"bluetoothd", "iwd", "Vorlund"}));
-  // Each file keeps its own list.
-  EXPECT_EQ(logger_.logStreams().get(dir_.file("b.log")), Value(Array{"bluetoothd", "iwd"}));
-  EXPECT_EQ(logger_.logStreams().size(), 2u);
-}
+            (std::vector<std::string>{"bluetoothd", "Vorlund", "iwd"}));
+  EXPECT_EQ(logger_.logStreams().get(a), Value(Array{"Vorlund", "iwd"}));
 
-TEST_F(LogStreaming, CopiesEventsIntoTheFilesOfTheirProcess) {
-  std::string a = dir_.file("a.log");
-  std::string b = dir_.file("deeper/b.log");
-  logger_.streamOSLogToFile(a, {"Vorlund"});
-  logger_.streamOSLogToFile(b, {"bluetoothd", "Vorlund"});
-  auto stream = streams_.made.back();
-
-  EXPECT_TRUE(stream->deliver({logEvent("Vorlund", "Results", "merged", 1769847302.25),
-                               plainEvent("bluetoothd", "powered on", 1769847303.5),
-                               plainEvent("ModemManager", "not followed", 1769847304)}));
-
+  EXPECT_TRUE(streams_.made[1]->deliver({logEvent("Vorlund", "Results", "merged", 1769847302.25),
+                                         plainEvent("bluetoothd", "powered on", 1769847303.5),
+                                         plainEvent("ModemManager", "not followed", 1769847304)}));
   EXPECT_EQ(test::readFile(a), stamp(1769847302.25) + " (Vorlund.Results) > merged\n");
   EXPECT_EQ(test::readFile(b), stamp(1769847302.25) + " (Vorlund.Results) > merged\n" +
                                    stamp(1769847303.5) + " (bluetoothd) > powered on\n");
@@ -122,25 +102,6 @@ TEST_F(LogStreaming, TellsLongProcessNamesByTheirExecutableOrCommandLine) {
                                    stamp(1769847302) + " (wpa_supplicant_) > by cmdline\n");
 }
 
-TEST_F(LogStreaming, EventsWithoutDateOrMessageBecomeStatisticIssues) {
-  std::vector<std::string> reasons;
-  logging::setStatisticIssueRecorder([&](const std::string& reason) { reasons.push_back(reason); });
-  std::string a = dir_.file("a.log");
-  logger_.streamOSLogToFile(a, {"Vorlund"});
-  ActivityEvent undated = logEvent("Vorlund", "Results", "undated", 0);
-  undated.timestamp.reset();
-  ActivityEvent empty = plainEvent("Vorlund", "", 1769847302);
-  empty.message.reset();
-
-  EXPECT_TRUE(
-      streams_.made[0]->deliver({undated, empty, plainEvent("Vorlund", "kept", 1769847305)}));
-  logging::setStatisticIssueRecorder(nullptr);
-
-  EXPECT_EQ(reasons, std::vector<std::string>(
-                         2, "Received activity stream event without date and/or message"));
-  EXPECT_EQ(test::readFile(a), stamp(1769847305) + " (Vorlund) > kept\n");
-}
-
 TEST_F(LogStreaming, AFileThatCannotBeOpenedSendsTheLineToStandardOutput) {
   test::writeFile(dir_.file("plain"), "");
   std::string a = dir_.file("a.log");
@@ -149,37 +110,41 @@ TEST_F(LogStreaming, AFileThatCannotBeOpenedSendsTheLineToStandardOutput) {
   testing::internal::CaptureStdout();
   streams_.made.back()->deliver(
       {plainEvent("Vorlund", "first", 1769847302), plainEvent("Vorlund", "abandoned", 1769847303)});
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(out, stamp(1769847302) + " (Vorlund) > first\n");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), stamp(1769847302) + " (Vorlund) > first\n");
   // The rest of the batch is abandoned.
   EXPECT_EQ(test::readFile(a).find("abandoned"), std::string::npos);
 }
 
-TEST_F(LogStreaming, StoppingAFileShrinksTheTableOnly) {
+TEST_F(LogStreaming, DropsEventsWithoutDateOrMessageAndStopsOneFileOnly) {
   std::string a = dir_.file("a.log");
   std::string b = dir_.file("b.log");
   logger_.streamOSLogToFile(a, {"Vorlund"});
   logger_.streamOSLogToFile(b, {"Vorlund"});
   auto stream = streams_.made.back();
-  stream->deliver({plainEvent("Vorlund", "to both", 1769847302)});
+  std::vector<std::string> reasons;
+  logging::setStatisticIssueRecorder([&](const std::string& reason) { reasons.push_back(reason); });
+  ActivityEvent undated = logEvent("Vorlund", "Results", "undated", 0);
+  undated.timestamp.reset();
+  ActivityEvent empty = plainEvent("Vorlund", "", 1769847302);
+  empty.message.reset();
+  EXPECT_TRUE(stream->deliver({undated, empty, plainEvent("Vorlund", "to both", 1769847305)}));
+  logging::setStatisticIssueRecorder(nullptr);
+  EXPECT_EQ(reasons, std::vector<std::string>(
+                         2, "Received activity stream event without date and/or message"));
+  EXPECT_EQ(test::readFile(a), stamp(1769847305) + " (Vorlund) > to both\n");
 
   EXPECT_TRUE(logger_.stopSteamToFile(a));
   EXPECT_TRUE(capture_.contains(VLLogLevelNotice, "Framework",
                                 "Attempting to stop log stream at '" + a + "'"));
-  EXPECT_FALSE(logger_.openFiles().contains(a));
   EXPECT_FALSE(stream->stopped);
   stream->deliver({plainEvent("Vorlund", "to b only", 1769847303)});
   EXPECT_EQ(test::readFile(a).find("to b only"), std::string::npos);
   EXPECT_NE(test::readFile(b).find("to b only"), std::string::npos);
-
   EXPECT_FALSE(logger_.stopSteamToFile(a));
   EXPECT_TRUE(capture_.contains(VLLogLevelError, "Framework",
                                 "No log streaming to '" + a + "', cannot stop nonexistent stream"));
-}
 
-TEST_F(LogStreaming, StreamCallbacksFindNoFileAndLeaveTheTableAlone) {
-  logger_.streamOSLogToFile(dir_.file("a.log"), {"Vorlund"});
-  auto stream = streams_.made[0];
+  // The stream's own reports find no file and leave the table alone.
   capture_.clear();
   logger_.streamDidStart(*stream);
   logger_.streamDidFail(*stream, Error::withDescription("com.brindle.Vorlund", 1, "gone"));
@@ -203,13 +168,10 @@ class RecordingDelegate : public ActivityStreamDelegate {
     notes_.push_back(what);
     changed_.notify_all();
   }
-  bool waitFor(size_t count) {
+  // The notes once there are count of them, or after 10 s however many there are.
+  std::vector<std::string> waitFor(size_t count) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(10),
-                             [&] { return notes_.size() >= count; });
-  }
-  std::vector<std::string> notes() {
-    std::lock_guard lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return notes_.size() >= count; });
     return notes_;
   }
 
@@ -219,34 +181,25 @@ class RecordingDelegate : public ActivityStreamDelegate {
   std::vector<std::string> notes_;
 };
 
-TEST(JournalActivityStream, StartsAndStopsOverAnEmptyJournal) {
+TEST(JournalActivityStream, StartsAndStopsOverAnEmptyJournalAndReportsOneItCannotOpen) {
   test::TempDir dir;
-  RecordingDelegate delegate;
-  {
-    auto stream = makeJournalActivityStream(dir.path());
-    stream->setFilterProcesses({"Vorlund"});
-    stream->setOptions(261);
-    stream->setDelegate(&delegate);
-    stream->start();
-    ASSERT_TRUE(delegate.waitFor(1));
-    stream->stop();
+  for (bool missing : {false, true}) {
+    RecordingDelegate delegate;
+    {
+      auto stream = makeJournalActivityStream(missing ? dir.file("missing") : dir.path());
+      stream->setFilterProcesses({"Vorlund"});
+      stream->setOptions(261);
+      stream->setDelegate(&delegate);
+      stream->start();
+      ASSERT_EQ(delegate.waitFor(1).size(), 1u);
+      if (!missing) stream->stop();
+    }
+    std::vector<std::string> notes = delegate.waitFor(0);
+    if (!missing)
+      EXPECT_EQ(notes, (std::vector<std::string>{"started", "stopped"}));
+    else
+      EXPECT_TRUE(notes.size() == 1 && notes[0].rfind("failed: cannot open the journal: ", 0) == 0);
   }
-  EXPECT_EQ(delegate.notes(), (std::vector<std::string>{"started", "stopped"}));
-}
-
-TEST(JournalActivityStream, ReportsAJournalItCannotOpen) {
-  test::TempDir dir;
-  RecordingDelegate delegate;
-  {
-    auto stream = makeJournalActivityStream(dir.file("missing"));
-    stream->setFilterProcesses({"Vorlund"});
-    stream->setDelegate(&delegate);
-    stream->start();
-    ASSERT_TRUE(delegate.waitFor(1));
-  }
-  ASSERT_EQ(delegate.notes().size(), 1u);
-  EXPECT_EQ(delegate.notes()[0].rfind("failed: cannot open the journal: ", 0), 0u)
-      << delegate.notes()[0];
 }
 
 }  // namespace
