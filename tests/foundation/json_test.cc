@@ -65,7 +65,6 @@ TEST(JsonTest, DisplayWritesEverything) {
   EXPECT_EQ(back->asDictionary()->keys(), d.keys());
 
   // Scalars and broken strings display too.
-  EXPECT_EQ(json::displayString(Value("plain")), "\"plain\"");
   EXPECT_FALSE(json::displayString(Value(std::string("bad \xff byte"))).empty());
   EXPECT_EQ(json::displayString(Value(Data::fromString("ab"))), "\"YWI=\"");
   EXPECT_EQ(json::displayString(Value(Data::fromString("abc"))), "\"YWJj\"");

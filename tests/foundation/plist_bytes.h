@@ -21,8 +21,7 @@ inline std::string binaryPlist(const std::string& objects, const std::vector<uin
   return out + trailer;
 }
 
-// levels arrays that each hold the next one twice, ending in true: a few hundred bytes that a
-// naive reader expands into 2^levels copies.
+// levels arrays that each hold the next one twice: a naive reader expands them 2^levels fold.
 inline std::string widening(int levels) {
   std::string objects;
   std::vector<uint8_t> offsets;

