@@ -1,17 +1,21 @@
+// Paths, process names, date strings, user defaults and notifications.
 #include "vorlund/foundation/paths.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+
+#include <thread>
 
 #include "support/test_support.h"
 #include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/notification_center.h"
 #include "vorlund/foundation/process.h"
-#include "vorlund/foundation/time_scale.h"
+#include "vorlund/foundation/property_list.h"
+#include "vorlund/foundation/user_defaults.h"
 
 namespace vl {
 namespace {
 
-TEST(PathsTest, TildeUsesHomeAndDevicePathsResolveUnderRoot) {
+TEST(PathsTest, TildeUsesHomeDevicePathsResolveUnderRootAndComponentsSplit) {
   test::ScopedEnv home("HOME", "/home/tester");
   {
     test::ScopedEnv root("VORLUND_ROOT", std::nullopt);
@@ -20,13 +24,9 @@ TEST(PathsTest, TildeUsesHomeAndDevicePathsResolveUnderRoot) {
   }
   test::ScopedEnv root("VORLUND_ROOT", "/sandbox/root/");
   EXPECT_EQ(paths::resolve("/tmp/Faultbin/"), "/sandbox/root/tmp/Faultbin/");
-  EXPECT_EQ(paths::resolve("/var"), "/sandbox/root/var");
   EXPECT_EQ(paths::resolve("~/x"), "/home/tester/x");
   EXPECT_EQ(paths::resolve("relative/x"), "relative/x");
-}
 
-TEST(PathsTest, Components) {
-  EXPECT_EQ(paths::lastComponent("/a/b.log"), "b.log");
   EXPECT_EQ(paths::lastComponent("/a/b/"), "b");
   EXPECT_EQ(paths::deletingLastComponent("/a/b.log"), "/a");
   EXPECT_EQ(paths::deletingLastComponent("/b"), "/");
@@ -34,36 +34,13 @@ TEST(PathsTest, Components) {
   EXPECT_EQ(paths::join("/a/", "/b"), "/a/b");
 }
 
-TEST(PathsTest, AtomicWriteReplacesWholeAndLeavesOldFileOnFailure) {
-  test::TempDir dir;
-  std::string file = dir.file("deep/er/results.plist");
-  ASSERT_TRUE(paths::createDirectories(paths::deletingLastComponent(file)));
-  ASSERT_TRUE(paths::writeFileAtomically(file, "first"));
-  ASSERT_TRUE(paths::writeFileAtomically(file, "second"));
-  EXPECT_EQ(paths::readFile(file), "second");
-  if (geteuid() != 0) {  // root ignores folder permissions
-    chmod(paths::deletingLastComponent(file).c_str(), 0555);
-    EXPECT_FALSE(paths::writeFileAtomically(file, "third"));
-    chmod(paths::deletingLastComponent(file).c_str(), 0755);
-    EXPECT_EQ(paths::readFile(file), "second");
-  }
-  EXPECT_FALSE(paths::writeFileAtomically(dir.file("missing/folder/x"), "x"));
-  EXPECT_FALSE(paths::readFile(dir.file("missing")).has_value());
-}
-
-TEST(ProcessTest, ScopedOverridesNestAndRestore) {
-  const std::string real = process::name();
+TEST(ProcessTest, ScopedNamesNestAndRestore) {
+  process::ScopedName name("vorlund_tether");
   {
-    process::ScopedName name("vorlund_tether");
-    {
-      process::ScopedName inner("Vorlund");
-      EXPECT_EQ(process::name(), "Vorlund");
-    }
-    EXPECT_EQ(process::name(), "vorlund_tether");
+    process::ScopedName inner("Vorlund");
+    EXPECT_EQ(process::name(), "Vorlund");
   }
-  EXPECT_EQ(process::name(), real);
-  process::ScopedArguments args({"/usr/bin/x", "a"});
-  EXPECT_EQ(process::arguments(), (std::vector<std::string>{"/usr/bin/x", "a"}));
+  EXPECT_EQ(process::name(), "vorlund_tether");
   EXPECT_EQ(process::parentId(), static_cast<int>(getppid()));
 }
 
@@ -75,22 +52,80 @@ TEST(DateStringTest, RoundTripInLocalTime) {
   EXPECT_EQ(dateFromString("2026-01-31-08-15-02"), date);
   EXPECT_EQ(formatLocalTime(Date{1769843702.123456}, "%Y-%m-%d %H:%M:%S.%f"),
             "2026-01-31 08:15:02.123456");
-  EXPECT_FALSE(dateFromString("2026-01-31 08:15:02").has_value());
-  EXPECT_FALSE(dateFromString("2026-13-31-08-15-02").has_value());
-  EXPECT_FALSE(dateFromString("").has_value());
+  for (const char* bad : {"2026-01-31 08:15:02", "2026-13-31-08-15-02", ""}) {
+    EXPECT_FALSE(dateFromString(bad).has_value()) << bad;
+  }
   // Years before 1000 keep four digits, so that they read back.
   Date early{-31039200000.0};  // in the year 986
   EXPECT_EQ(dateString(early).size(), 19u) << dateString(early);
   EXPECT_EQ(dateFromString(dateString(early)), early);
 }
 
-TEST(TimeScaleTest, ScalesDurationsAndRestores) {
-  {
-    time::ScopedScale fast(0.001);
-    EXPECT_EQ(time::scaled(10), std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(time::scale(), 1.0);
-  EXPECT_EQ(time::scaled(-1), std::chrono::nanoseconds(0));
+TEST(UserDefaultsTest, ArgumentDomainWinsOverTheProgramsDefaultsFile) {
+  test::Sandbox sandbox;
+  process::ScopedName name("vorlund-defaults");
+  UserDefaults& defaults = UserDefaults::standard();
+  // Without a file only the arguments count.
+  process::ScopedArguments first({"/usr/bin/x", "-StressSubtype", "Bluetooth"});
+  EXPECT_EQ(defaults.dictionaryRepresentation(), (Dictionary{{"StressSubtype", "Bluetooth"}}));
+  const std::string path = sandbox.home() + "/Library/Preferences/vorlund-defaults.plist";
+  EXPECT_EQ(UserDefaults::defaultsPath(), path);
+  ASSERT_TRUE(paths::createDirectories(paths::deletingLastComponent(path)));
+  ASSERT_TRUE(plist::writeFile(
+      Value(Dictionary{{"StressType", "FromFile"}, {"Count", int64_t{3}}, {"Level", int64_t{1}}}),
+      path));
+  process::ScopedArguments arguments({"/usr/bin/vorlund-defaults", "stray", "-StressType", "WiFi",
+                                      "-Level",
+                                      "<plist version=\"1.0\"><integer>7</integer></plist>",
+                                      "-Offset", "-5", "-Broken", "<plist><oops", "-Dangling"});
+  EXPECT_EQ(defaults.string("StressType"), "WiFi");
+  EXPECT_EQ(defaults.string("Count"), std::nullopt);
+  EXPECT_TRUE(defaults.object("Dangling").isNone());
+  Dictionary all = defaults.dictionaryRepresentation();
+  EXPECT_EQ(all.keys(),
+            (std::vector<std::string>{"StressType", "Count", "Level", "Offset", "Broken"}));
+  EXPECT_EQ(all, (Dictionary{{"StressType", "WiFi"},
+                             {"Count", int64_t{3}},
+                             {"Level", 7},
+                             {"Offset", "-5"},
+                             {"Broken", "<plist><oops"}}));
+
+  // Nothing is cached: a changed file is seen at once.
+  ASSERT_TRUE(plist::writeFile(Value(Dictionary{{"Count", Value(int64_t{4})}}), path));
+  EXPECT_EQ(defaults.object("Count"), Value(int64_t{4}));
+}
+
+TEST(NotificationCenterTest, DeliversInOrderOnThePostingThreadWhileObserversComeAndGo) {
+  NotificationCenter center;
+  std::vector<std::string> seen;
+  std::thread::id deliveredOn;
+  NotificationCenter::ObserverToken self = 0;
+  NotificationCenter::ObserverToken victim = 0;
+  self = center.addObserver("n", [&](const Notification& n) {
+    seen.push_back("self " + n.userInfo.get("result").stringOr(""));
+    deliveredOn = std::this_thread::get_id();
+    center.removeObserver(self);
+  });
+  center.addObserver("other", [&](const Notification&) { seen.push_back("other"); });
+  center.addObserver("", [&](const Notification& n) { seen.push_back("all " + n.name); });
+  center.addObserver("n", [&](const Notification&) {
+    seen.push_back("remover");
+    center.removeObserver(victim);
+    center.addObserver("n", [&](const Notification&) { seen.push_back("late"); });
+  });
+  victim = center.addObserver("n", [&](const Notification&) { seen.push_back("victim"); });
+
+  std::thread poster([&] { center.post("n", Dictionary{{"result", Value("r1")}}); });
+  const std::thread::id posterId = poster.get_id();
+  poster.join();
+  EXPECT_EQ(deliveredOn, posterId);
+  // The victim was removed before its turn; the observer added during the post waits for the next.
+  EXPECT_EQ(seen, (std::vector<std::string>{"self r1", "all n", "remover"}));
+  seen.clear();
+  center.post("n");
+  EXPECT_EQ(seen, (std::vector<std::string>{"all n", "remover", "late"}));
+  center.removeObserver(12345);  // unknown tokens are ignored
+  EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
 }
 
 }  // namespace
