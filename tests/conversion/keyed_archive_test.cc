@@ -252,6 +252,14 @@ TEST(KeyedArchiveTest, HostileStructuresAreRefusedNotExpanded) {
   EXPECT_FALSE(archive(nested(600), &error));
   EXPECT_NE(error.localizedDescription().find("nested too deeply"), std::string::npos);
   EXPECT_EQ(roundTrip(nested(400)), nested(400));
+
+  // Inputs the fuzzers found: a key holding a NUL (the property-list library aborts when asked for
+  // it) and strings that are not UTF-8.
+  for (const char* finding : {"archive_nul_in_key.bin", "plist_reader_non_utf8_archive.plist"}) {
+    std::string bytes =
+        test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/fuzz-findings/" + finding);
+    EXPECT_FALSE(unarchive(bytes, sampleClasses(), &error)) << finding;
+  }
 }
 
 // Archives from another implementation, written by tests/testdata/archives/make_archives.py in a
