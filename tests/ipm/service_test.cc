@@ -85,27 +85,6 @@ TEST(ServiceTest, AnswersMessagesEndToEnd) {
   EXPECT_EQ(error.localizedDescription(), "Another process already owns com.brindle.Vorlund");
 }
 
-TEST(ServiceTest, RunsTestCaseRequestsAndReturnsTheArchivedResult) {
-  test::Sandbox sandbox;
-  auto service =
-      startService({{kVLMessageTypeTestCaseRequest, testCaseRequestHandler([](const auto& object) {
-                       auto result = VLTestCaseResult::withTestCaseObject(object);
-                       result->failWithReason(object->options()->get("FailWith").stringOr(""));
-                       result->addMetric(Value(Number(int64_t{42})), std::string("Answer"));
-                       return result;
-                     })}});
-  ASSERT_TRUE(service);
-  auto failing = VLTestCaseObject::make();
-  failing->setName("Failing");
-  failing->setOptions(Dictionary{{"FailWith", Value(std::string("no signal"))}});
-  Error error;
-  auto result = executeTestCaseInService(failing, &error);
-  ASSERT_TRUE(result) << error.description();
-  EXPECT_EQ(result->name(), "Failing");
-  EXPECT_EQ(result->bucket(), "no signal");
-  EXPECT_EQ(result->getMetrics().get("Answer").int64Or(0), 42);
-}
-
 TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
   test::Sandbox sandbox;
   auto service = startService(
