@@ -62,29 +62,20 @@ TEST(StressSettingsTest, TypeAndSubtypeFallBackThroughTheirSources) {
 TEST(PrimaryProcessesTest, AreasHoldTheLinuxDaemonsAndSubtypesCombineThem) {
   vl::test::Sandbox sandbox;
   Dictionary table = VLGetPrimaryProcessesWithSubtype("Default");
-  std::vector<std::string> areas(std::begin(kVLPrimaryProcessAreas),
-                                 std::end(kVLPrimaryProcessAreas));
-  EXPECT_EQ(table.keys(), areas);
-  EXPECT_EQ(table.get("wifi"), Value(Array{"wpa_supplicant", "iwd", "NetworkManager", "hostapd"}));
+  EXPECT_EQ(table.keys(), std::vector<std::string>(std::begin(kVLPrimaryProcessAreas),
+                                                   std::end(kVLPrimaryProcessAreas)));
   // No modem: no cellular daemons anywhere.
   EXPECT_EQ(table.get("cellular"), Value(Array{}));
   EXPECT_FALSE(table.get("wificalling").asArray()->contains(Value("ModemManager")));
 
   std::filesystem::create_directories(sandbox.root() + "/sys/class/wwan/wwan0");
   table = VLGetPrimaryProcessesWithSubtype("sanity");
-  EXPECT_EQ(table.get("cellular"),
-            Value(Array{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy"}));
   EXPECT_EQ(table.get("sanity"),
             Value(Array{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy", "wpa_supplicant",
                         "iwd", "NetworkManager", "hostapd", "bluetoothd", "obexd"}));
   EXPECT_FALSE(table.contains("overall"));
-
-  Dictionary overall = VLGetPrimaryProcessesWithSubtype("overall");
-  const Array& everything = *overall.get("overall").asArray();
-  for (const char* area : kVLPrimaryProcessAreas) {
-    for (const Value& name : *overall.get(area).asArray()) EXPECT_TRUE(everything.contains(name));
-  }
-  EXPECT_EQ(everything.size(), 21u);  // each daemon once
+  // Each daemon once.
+  EXPECT_EQ(VLGetPrimaryProcessesWithSubtype("overall").get("overall").asArray()->size(), 21u);
 }
 
 TEST(DeviceInformationTest, SerialNumberSourcesInOrder) {

@@ -1,20 +1,14 @@
 // vorlundctl decode and encode, run as the user runs them.
 #include <gtest/gtest.h>
 
-#include "support/child_process.h"
-#include "support/test_support.h"
-#include "vorlund/foundation/json.h"
+#include "tools/ctl.h"
 
 namespace vl {
 namespace {
 
-const std::string kCtl = VORLUNDCTL_PATH;
-const std::string kSample = std::string(VORLUND_SOURCE_DIR) + "/samples/test_case.json";
+using test::ctl;
 
-test::ChildResult ctl(std::vector<std::string> args) {
-  args.insert(args.begin(), kCtl);
-  return test::runChild(args);
-}
+const std::string kSample = std::string(VORLUND_SOURCE_DIR) + "/samples/test_case.json";
 
 class VorlundctlTest : public ::testing::Test {
  protected:
