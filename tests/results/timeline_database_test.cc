@@ -153,20 +153,6 @@ TEST_F(TimelineTest, AverageResultsWriteOneRowPerMetricAndNoDefaultRow) {
   EXPECT_EQ(sqliteTool(copy, "SELECT COUNT(*) FROM TestCases"), "6\n");
 }
 
-TEST_F(TimelineTest, AFailedResultWithoutTagsWritesOneDefaultRowWithItsBucket) {
-  auto failed = makeResult("Call Setup", kVLTestCaseResultTypePassFail);
-  failed->failWithReason("No Service");
-  ASSERT_TRUE(timeline_.saveResultToDatabase(*failed, 3));
-  EXPECT_EQ(sqliteTool(path_, "SELECT result, typeof(metric_name), value_number FROM TestCases"),
-            "1|null|2147483647.0\n");
-  // A failed average without metrics writes its default row too.
-  auto average = makeResult("Ping", kVLTestCaseResultTypeAverage);
-  average->failWithReason("Timeout");
-  ASSERT_TRUE(timeline_.saveResultToDatabase(*average, 4));
-  EXPECT_EQ(sqliteTool(path_, "SELECT test_case_iteration, bucket FROM TestCases ORDER BY id"),
-            "3|No Service\n4|Timeout\n");
-}
-
 TEST_F(TimelineTest, IssueRowsCarryTheirHistoryAndAreFoundAgain) {
   vl::LogCapture capture;
   Date time{1767229200.0};
@@ -225,30 +211,6 @@ TEST_F(TimelineTest, AHistoryThatIsTooLongOrNotJsonIsStoredEmpty) {
             1u);
   EXPECT_EQ(sqliteTool(path_, "SELECT reason, length(history) FROM Issues ORDER BY id"),
             "exact|1000000\nlong|0\nwide|1000000\nbinary|0\nnan|0\n");
-}
-
-TEST_F(TimelineTest, TheConfigTableMirrorsTheLatestSummary) {
-  Dictionary summary{
-      {"Test Settings", Dictionary{{"City", "Oslo"}, {"Loops", 3}, {"Hosts", Array{"a"}}}},
-      {"City", "Oslo"},
-      {"Hardware Info", Dictionary{{"SerialNumber", "C02XYZ"}, {"Model", "Board 'A'"}}},
-      {"Software Info", Dictionary{{"Model", "shadowed"}, {"StressType", "shadowed"}}},
-      {"StressType", "WiFi"},
-      {"PlistVersion", 3.1},
-      {"MergedResults", 0},
-      {"LastUpdated", Date{1767229200.0}},
-      {"Ignored", Array{"x"}},
-  };
-  ASSERT_TRUE(timeline_.saveConfigToDatabase(summary));
-  // The value column is text, so numbers read back as their text.
-  EXPECT_EQ(sqliteTool(path_, "SELECT key, value FROM Config ORDER BY id"),
-            "Loops|3\nCity|Oslo\nSerialNumber|C02XYZ\nModel|Board 'A'\n"
-            "StressType|WiFi\nPlistVersion|3.1\nMergedResults|0\nLastUpdated|" +
-                vl::dateString(Date{1767229200.0}) + "\n");
-
-  // Each save replaces the table.
-  ASSERT_TRUE(timeline_.saveConfigToDatabase(Dictionary{{"StressType", "Cellular"}}));
-  EXPECT_EQ(sqliteTool(path_, "SELECT key, value FROM Config"), "StressType|Cellular\n");
 }
 
 TEST(TimelineOpenTest, CorruptAndForeignFilesRaiseDBInitializationFailed) {
