@@ -345,20 +345,6 @@ TEST_F(LookupTest, EnvironmentsAreRecomputedFromTheConfiguration) {
   EXPECT_EQ(other->environments(), Array());
 }
 
-TEST_F(LookupTest, ARequestDictionaryRefinesAPredefinedTestCase) {
-  run_.setPreference("Count", 5);
-  auto object =
-      VLGetObjectForDictionary(Dictionary{{"Name", "Probe Lookup"},
-                                          {"Type", "Average"},
-                                          {"Options", Dictionary{{"Count", 9}, {"Extra", true}}},
-                                          {"Tags", Array{"night"}}});
-  ASSERT_TRUE(object);
-  EXPECT_EQ(object->type(), "Average");
-  EXPECT_EQ(object->options(),
-            (Dictionary{{"Count", 9}, {"Mode", "a"}, {"Host", "x"}, {"Extra", true}}));
-  EXPECT_EQ(object->tags(), Array{"night"});
-}
-
 TEST_F(LookupTest, ATestCaseOfABundleNotYetLoadedLoadsItAndRuns) {
   // As in the stress service, which receives test cases that other processes looked up.
   auto object = testCase("Probe Bundled Only", "bundledProbe");

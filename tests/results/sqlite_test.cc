@@ -92,29 +92,6 @@ TEST_F(SqliteTest, FailuresAreReturnedWithSqlitesReason) {
   EXPECT_EQ(db_.lastInsertRowId(), 0);
 }
 
-TEST(SqliteOpenTest, OpenFlagsDecideWhetherAFileIsMade) {
-  vl::test::TempDir dir;
-  Error error;
-  Database missingFolder(dir.file("no/such/folder/x.db"));
-  EXPECT_FALSE(missingFolder.open(vl::sqlite::kOpenReadWrite | vl::sqlite::kOpenCreate, &error));
-  EXPECT_EQ(missingFolder.lastErrorCode(), SQLITE_CANTOPEN);
-
-  Database readOnly(dir.file("absent.db"));
-  EXPECT_FALSE(readOnly.open(vl::sqlite::kOpenReadOnly));
-  EXPECT_FALSE(vl::test::fileExists(dir.file("absent.db")));
-
-  Database created(dir.file("made.db"));
-  ASSERT_TRUE(created.open());
-  ASSERT_TRUE(created.executeStatements("CREATE TABLE a(x)"));
-  EXPECT_TRUE(created.open());  // already open: still fine
-  created.close();
-
-  Database reader(dir.file("made.db"));
-  ASSERT_TRUE(reader.open(vl::sqlite::kOpenReadOnly));
-  EXPECT_FALSE(reader.executeUpdate("INSERT INTO a VALUES (1)", {}, &error));
-  EXPECT_EQ(error.code, SQLITE_READONLY);
-}
-
 TEST(SqlitePlaceholderTest, OnlyPlaceholdersOutsideQuotedTextBecomeParameters) {
   EXPECT_EQ(vl::sqlite::bindablePlaceholders("VALUES (%@,%@)"), "VALUES (?,?)");
   EXPECT_EQ(vl::sqlite::bindablePlaceholders("WHERE a='%@' AND b=%@ AND \"%@\"=1"),
