@@ -72,26 +72,21 @@ TEST(TestCaseResultTest, BreakdownByDeviceAppendsTheSerialNumberAndCopyingAppend
   EXPECT_EQ(result->bucket(), "timeout");
 }
 
-TEST(TestCaseResultTest, CopyKeepsOutcomeDataAndTimesButNotCodeFlagsOrDefinition) {
+TEST(TestCaseResultTest, CopyKeepsOutcomeMetricsAndTagsButNotCodeOrFlags) {
   vl::test::RunSandbox run;
   auto source = VLTestCaseResult::withTestCaseObject(wifiDefinition());
-  source->setEndTime(vl::Date{1700000100});
   source->addMetric(12.5, "Throughput");
   source->setResultCode(42);
-  source->setTechnologiesInvolved(8);
   source->setNoOp(true);
   source->setBucket(std::string("kept"));
   source->pass();
-
   auto copy = source->copy();
   EXPECT_TRUE(copy->didPass());
   EXPECT_EQ(copy->bucket(), "kept");
   EXPECT_EQ(copy->getMetrics(), (Dictionary{{"Throughput", 12.5}}));
   EXPECT_EQ(copy->getTags(), source->getTags());
-  EXPECT_EQ(copy->getEndTime(), source->getEndTime());
   EXPECT_EQ(copy->resultCode(), -1);
   EXPECT_FALSE(copy->isNoOp());
-
   // A default result copies as a failure with the source's bucket.
   auto fresh = completeResult();
   fresh->setBucket(std::string("never ran"));

@@ -270,37 +270,6 @@ vl::ClassSet statisticClasses() {
   return classes;
 }
 
-std::shared_ptr<VLTestCaseStatistic> mergedAverage() {
-  auto result = makeResult("Throughput", "Average", Outcome::Pass, "", {{"Mbps", 80.0}});
-  result->addTag("2.4GHz", "band");
-  auto statistic = statisticOf(result);
-  EXPECT_EQ(statistic->mergeWithStatistic(*statisticOf(
-                makeResult("Throughput", "Average", Outcome::Fail, "Stalled", {{"Mbps", 1.0}}))),
-            0);
-  EXPECT_EQ(statistic->mergeWithStatistic(*statisticOf(
-                makeResult("Throughput", "Average", Outcome::Pass, "", {{"Mbps", 100.0}}))),
-            0);
-  return statistic;
-}
-
-TEST(TestCaseStatisticTest, KeyedArchiveRoundTripsOnlyWhereStatisticsAreAllowed) {
-  auto statistic = mergedAverage();
-  statistic->setConsecutiveFailures(4);
-  vl::Error error;
-  std::optional<std::string> bytes = vl::archive(Value(statistic), &error);
-  ASSERT_TRUE(bytes) << error.description();
-  std::optional<Value> decoded = vl::unarchive(*bytes, statisticClasses(), &error);
-  ASSERT_TRUE(decoded) << error.description();
-  auto copy = decoded->record<VLTestCaseStatistic>();
-  ASSERT_NE(copy, nullptr);
-  EXPECT_TRUE(copy->isEqual(*statistic));
-  EXPECT_EQ(copy->tags(), (Dictionary{{"band", "2.4GHz"}}));
-
-  // Not among the classes that cross a process boundary unless the reader allows it.
-  EXPECT_FALSE(vl::unarchive(*bytes, VLValidExternalClassesForCoding(), &error));
-  EXPECT_EQ(error.code, vl::kKeyedArchiveReadCorruptError);
-}
-
 // Writes what a statistic's archive would hold, with chosen values, under the statistic's class.
 class ForgedStatistic : public vl::CodableRecord {
  public:
@@ -344,26 +313,6 @@ TEST(TestCaseStatisticTest, DecodingChecksClassesOfEveryKey) {
     std::optional<Value> decoded = vl::unarchive(*bytes, statisticClasses(), &error);
     EXPECT_EQ(decoded.has_value(), c.decodes) << error.description();
   }
-}
-
-TEST(TestCaseStatisticTest, DictionaryForm) {
-  auto statistic = mergedAverage();
-  Dictionary dictionary = statistic->getDictionaryRepresentation();
-  EXPECT_THAT(dictionary.keys(), ElementsAre("Name", "Instances", "Metrics", "Failures",
-                                             "FailureRate", "Type", "Class"));
-  EXPECT_EQ(dictionary.get("Instances").asNumber()->typeCode(), 'Q');
-  EXPECT_EQ(statistic->description(), dictionary.description());
-
-  auto back = VLTestCaseStatistic::withDictionary(dictionary);
-  back->setTags(statistic->tags());
-  EXPECT_TRUE(back->isEqual(*statistic));
-
-  // Keys of the wrong type keep the defaults.
-  auto odd = VLTestCaseStatistic::withDictionary(Dictionary{
-      {"Name", 4}, {"Instances", "four"}, {"Metrics", vl::Array{}}, {"FailureRate", 0.5}});
-  EXPECT_EQ(odd->name(), "Unknown Name");
-  EXPECT_EQ(odd->instances(), 0u);
-  EXPECT_EQ(odd->failureRate(), 0.5);
 }
 
 }  // namespace
