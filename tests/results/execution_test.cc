@@ -104,30 +104,6 @@ class ExecutionTest : public ::testing::Test {
   process::ScopedName host_{"Vorlund"};
 };
 
-TEST_F(ExecutionTest, SelectorWithAndWithoutColonCallsTheSameMethodOnOneInstance) {
-  LogCapture capture;
-  auto plain = testCase("Probe Pass", "runProbe");
-  auto colon = testCase("Probe Other", "runProbe:");
-  plain->setInstanceId("stale");
-
-  auto first = VLExecuteTestCase(plain);
-  auto second = VLExecuteTestCase(colon);
-  auto third = VLExecuteTestCase(plain);
-
-  ASSERT_TRUE(first && second && third);
-  EXPECT_TRUE(second->didPass());
-  auto calls = ExecutionProbe::takeCalls();
-  ASSERT_EQ(calls.size(), 3u);
-  // One instance of the class serves every test case; each execution gets a fresh UUID.
-  EXPECT_EQ(calls[0].implementer, calls[2].implementer);
-  EXPECT_NE(calls[0].instanceId, "stale");
-  EXPECT_NE(calls[0].instanceId, calls[2].instanceId);
-  EXPECT_EQ(plain->instanceId(), calls[2].instanceId);
-  EXPECT_EQ(capture.count("Executing Probe Pass with " +
-                          format("%@", Value(VLGetClassForTestCase(plain)))),
-            2u);
-}
-
 TEST_F(ExecutionTest, TestCasesThatCannotRunGiveNoOpResultsAndIssues) {
   LogCapture capture;
 

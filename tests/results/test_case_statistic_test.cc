@@ -125,29 +125,6 @@ TEST(TestCaseStatisticTest, MadeFromResult) {
   EXPECT_EQ(VLTestCaseStatistic::hashForTestCase(*VLTestCaseResult::make()), "");
 }
 
-TEST(TestCaseStatisticTest, PassFailMergeWeighsReasonsByRoundedFailureCounts) {
-  // 10 instances with 1 failure (all "Timeout") and 10 with 3 (2 "Refused", 1 "Timeout").
-  auto a = makeStatistic("Ping", "PassFail", 10, 0.1, {{"Timeout", 1.0}});
-  auto b =
-      makeStatistic("Ping", "PassFail", 10, 0.3, {{"Refused", 2.0 / 3.0}, {"Reset", 1.0 / 3.0}});
-  vl::LogCapture capture;
-  ASSERT_EQ(a->mergeWithStatistic(*b), kVLTestCaseStatisticMergeSucceeded);
-  EXPECT_DOUBLE_EQ(a->failureRate(), 0.2);
-  EXPECT_EQ(a->failures(), (Dictionary{{"Timeout", 0.25}, {"Refused", 0.5}, {"Reset", 0.25}}));
-  EXPECT_TRUE(
-      capture.contains(VLLogLevelDebug, "framework", "Merging results for 'Ping' (10 + 10 = 20)"));
-  EXPECT_EQ(b->instances(), 10u);  // the argument is untouched
-
-  // Results merged one by one; the held statistic keeps its consecutive failures.
-  auto held = statisticOf(makeResult("Ping", "PassFail", Outcome::Pass));
-  for (const char* bucket : {"Timeout", "Timeout", "Refused", ""}) {
-    auto next = makeResult("Ping", "PassFail", *bucket ? Outcome::Fail : Outcome::Pass, bucket);
-    ASSERT_EQ(held->mergeWithStatistic(*statisticOf(next)), 0);
-  }
-  EXPECT_DOUBLE_EQ(number(held->failures(), "Timeout"), 2.0 / 3.0);
-  EXPECT_EQ(held->consecutiveFailures(), 0u);
-}
-
 TEST(TestCaseStatisticTest, MismatchesLeaveTheReceiverUnchanged) {
   struct Case {
     const char* label;
@@ -160,8 +137,6 @@ TEST(TestCaseStatisticTest, MismatchesLeaveTheReceiverUnchanged) {
   const std::vector<Case> cases = {
       {"different name", makeStatistic("Pong", "Average", 4, 0.0, {}, {{"Latency", {10, 1, 8, 12}}}), 2},
       {"different type", makeStatistic("Ping", "PassFail", 4, 0.0), 4},
-      {"the name is checked first", makeStatistic("Pong", "PassFail", 4, 0.0), 2},
-      {"histogram against average", makeStatistic("Ping", "HistogramByTime", 4, 0.0), 4},
       {"different metric", makeStatistic("Ping", "Average", 4, 0.0, {}, {{"Jitter", {1, 0, 1, 1}}}), 3},
   };
   // clang-format on
