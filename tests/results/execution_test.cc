@@ -321,20 +321,6 @@ TEST_F(LookupTest, EnvironmentsAreRecomputedFromTheConfiguration) {
   EXPECT_EQ(other->environments(), Array());
 }
 
-TEST_F(LookupTest, ATestCaseOfABundleNotYetLoadedLoadsItAndRuns) {
-  // As in the stress service, which receives test cases that other processes looked up.
-  auto object = testCase("Probe Bundled Only", "bundledProbe");
-  LogCapture capture;
-  auto implementer = VLGetClassForTestCase(object);
-  ASSERT_TRUE(implementer) << "the class lookup loads the bundle that declares the test case";
-  EXPECT_EQ(VLGetClassForTestCase(object), implementer);
-  EXPECT_FALSE(
-      test::linesStartingWith(capture, VLLogLevelDebug, "Framework", "Currently loaded classes are")
-          .empty());
-  auto result = VLExecuteTestCase(object);
-  EXPECT_TRUE(result && result->didPass());
-}
-
 TEST_F(LookupTest, AdHocTestCasesNeedEveryMandatoryField) {
   LogCapture capture;
   Dictionary nameless{{"Selector", "runProbe"}};

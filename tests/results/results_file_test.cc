@@ -111,26 +111,6 @@ TEST(ResultsFileTest, FormatThreeCountsGiveMtbfAndTheTechnologyIgnoresCase) {
   EXPECT_EQ(results->resultsFileDictionary().get("WirelessTechnology"), Value("None"));
 }
 
-TEST(ResultsFileTest, EachSaveRewritesTheTimelineConfigTable) {
-  vl::test::RunSandbox run;
-  auto results = run.results();
-  fillRun(*results);
-  results->setConfig("Nightly");
-  ASSERT_TRUE(results->saveToDisk());
-
-  const std::string timeline = results->timelinePath();
-  EXPECT_EQ(
-      sqliteTool(timeline,
-                 "SELECT DISTINCT key, value FROM Config WHERE key IN ('StressType', "
-                 "'WirelessTechnology', 'Config', 'City', 'CampedRAT') ORDER BY key"),
-      "CampedRAT|\nCity|Cupertino\nConfig|Nightly\nStressType|wifi\nWirelessTechnology|WiFi\n");
-
-  results->setConfig("Weekend");
-  ASSERT_TRUE(results->saveToDisk());
-  EXPECT_EQ(sqliteTool(timeline, "SELECT DISTINCT value FROM Config WHERE key = 'Config'"),
-            "Weekend\n");
-}
-
 TEST(ResumeDataTest, ASuspendedRunResumesWhereItStopped) {
   vl::test::RunSandbox run;
   auto results = run.results();

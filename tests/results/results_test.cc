@@ -173,17 +173,14 @@ TEST(ResultsTest, InvalidNoOpAndMissedResultsAreNotAdded) {
   auto results = run.results();
   vl::LogCapture capture;
   auto invalid = VLTestCaseResult::withName("Broken");
-  results->addTestCaseResult(invalid, true);
-  EXPECT_TRUE(
-      capture.contains(VLLogLevelError, "Results", "Unable to add " + invalid->description()));
-  results->addTestCaseResult(VLTestCaseResult::asNoOp(), true);
   auto missed = result("Missed", true);
   missed->setAddToMissedTestCases(true);
-  results->addTestCaseResult(missed, true);
-
+  for (const auto& r : {invalid, VLTestCaseResult::asNoOp(), missed})
+    results->addTestCaseResult(r, true);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelError, "Results", "Unable to add " + invalid->description()));
   EXPECT_TRUE(results->testCaseStatistics().empty());
-  EXPECT_TRUE(results->getHistory().empty());
-  EXPECT_EQ(results->issueList().size(), 1u);  // the invalid result's own failure issue
+  EXPECT_EQ(results->iterations(), 0);
 }
 
 TEST(ResultsTest, FailureCallbacksFollowFailureCallbackMax) {
