@@ -125,7 +125,9 @@ TEST_F(TimelineTest, AverageResultsWriteOneRowPerMetricAndNoDefaultRow) {
   // The rows are in the log; a Config rewrite (each save) folds them into the file, so that a
   // copy of the file alone holds them all.
   EXPECT_EQ(sqliteTool(path_, "PRAGMA journal_mode"), "wal\n");
-  ASSERT_TRUE(timeline_.saveConfigToDatabase(Dictionary{{"StressType", "wifi"}}));
+  ASSERT_TRUE(timeline_.saveConfigToDatabase(Dictionary{
+      {"Test Settings", Dictionary{{"City", "Oslo"}}}, {"StressType", "wifi"}, {"X", Array{1}}}));
+  EXPECT_EQ(sqliteTool(path_, "SELECT key, value FROM Config"), "City|Oslo\nStressType|wifi\n");
   const std::string copy = path_ + ".copy";
   std::filesystem::copy_file(path_, copy);
   EXPECT_EQ(sqliteTool(copy, "SELECT COUNT(*) FROM TestCases"), "6\n");
