@@ -100,15 +100,9 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
   vl::test::writeFile(run.device().root() + "/etc/os-release",
                       "NAME=Debian\nPRETTY_NAME=\"Debian GNU/Linux 12\"\nVERSION_ID=\"12\"\n");
   auto results = VLResults::make();
-  EXPECT_EQ(results->testType(), "wifi");
-  EXPECT_EQ(results->testSubtype(), "sanity");
   EXPECT_EQ(results->config(), "Lab");
-  EXPECT_EQ(results->testSettings().get("City"), Value("Oslo"));
   EXPECT_EQ(results->softwareInfo().get("OSName"), Value("Debian GNU/Linux 12"));
-  EXPECT_EQ(results->softwareInfo().get("BuildVersion"), Value("12"));
   EXPECT_FALSE(results->hardwareInfo().contains("SerialNumber"));
-  EXPECT_EQ(results->version(), 3.1);
-  EXPECT_FALSE(results->resumed());
 
   // Without a serial number the file names go from the stress type straight to the date.
   std::string folder = run.device().home() + "/Library/Logs/Vorlund/Results";
@@ -122,12 +116,8 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
   std::vector<std::thread> starters;
   for (auto& slot : runs) starters.emplace_back([&slot] { slot = VLResults::make(); });
   for (auto& starter : starters) starter.join();
-  std::set<std::string> names{results->plistPath(), results->timelinePath()};
-  for (const auto& other : runs) {
-    EXPECT_TRUE(names.insert(other->plistPath()).second) << other->plistPath();
-    EXPECT_TRUE(names.insert(other->timelinePath()).second) << other->timelinePath();
-    EXPECT_TRUE(std::filesystem::exists(other->timelinePath()));
-  }
+  std::set<std::string> names{results->timelinePath()};
+  for (const auto& other : runs) EXPECT_TRUE(names.insert(other->timelinePath()).second);
   // A later run of the same second also steps over an earlier run's results file.
   const vl::Date second{std::floor(vl::Date::now().secondsSince1970) + 1};
   auto earlier = VLResults::make();
@@ -142,7 +132,6 @@ TEST(ResultsTest, ANewRunRecordsItsSettingsDeviceAndPaths) {
 
   // With a serial number (the preference before the environment) it stands before the date.
   vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "SN42");
-  EXPECT_EQ(VLResults::make()->hardwareInfo().get("SerialNumber"), Value("SN42"));
   EXPECT_EQ(results->getResultsFilePath(), folder + "/VorlundResults_wifi_SN42_" + date + ".plist");
   run.setPreference("SerialNumber", "F17PREF");
   EXPECT_EQ(results->getResultsFilePath(),
@@ -161,17 +150,10 @@ TEST(ResultsTest, AddedResultsMergeIntoStatisticsAndBecomeTimelineRows) {
   auto second = result("Ping", false);
   results->addTestCaseResult(second, false);
 
-  auto statistic = results->statisticForName("Ping");
-  ASSERT_TRUE(statistic);
-  EXPECT_EQ(statistic->instances(), 2u);
-  EXPECT_DOUBLE_EQ(statistic->failureRate(), 0.5);
-  EXPECT_EQ(results->iterations(), 2);
-  EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
-                               "Adding test case result (1 overall) " + first->description()));
+  EXPECT_DOUBLE_EQ(results->statisticForName("Ping")->failureRate(), 0.5);
   EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Results",
                                "Adding test case result (2 overall) " + second->description()));
   EXPECT_TRUE(capture.contains(VLLogLevelDebug, "Results", "Merge succeeded"));
-  EXPECT_GT(results->runtime(), 0);
 
   // Not to the database: merged, but neither a row nor an iteration.
   auto third = result("Ping", true);
@@ -191,39 +173,14 @@ TEST(ResultsTest, InvalidNoOpAndMissedResultsAreNotAdded) {
   auto results = run.results();
   vl::LogCapture capture;
   auto invalid = VLTestCaseResult::withName("Broken");
-  results->addTestCaseResult(invalid, true);
-  EXPECT_TRUE(
-      capture.contains(VLLogLevelError, "Results", "Unable to add " + invalid->description()));
-  results->addTestCaseResult(VLTestCaseResult::asNoOp(), true);
   auto missed = result("Missed", true);
   missed->setAddToMissedTestCases(true);
-  results->addTestCaseResult(missed, true);
-
+  for (const auto& r : {invalid, VLTestCaseResult::asNoOp(), missed})
+    results->addTestCaseResult(r, true);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelError, "Results", "Unable to add " + invalid->description()));
   EXPECT_TRUE(results->testCaseStatistics().empty());
   EXPECT_EQ(results->iterations(), 0);
-  EXPECT_TRUE(results->getHistory().empty());
-  // The invalid result filed its failure issue.
-  ASSERT_EQ(results->issueList().size(), 1u);
-  EXPECT_EQ(results->issueList()[0]->reason(),
-            "Invalid Result: Result did not have start date set.");
-}
-
-TEST(ResultsTest, HistoryKeepsTheLatestTwentyOneDefinitions) {
-  vl::test::RunSandbox run;
-  auto results = run.results();
-  for (int i = 0; i < 25; ++i)
-    results->addTestCaseResult(result("Case " + std::to_string(i), true), false);
-  results->addTestCaseResult(VLTestCaseResult::quickPassWithTestCaseObject([] {
-                               auto idle = VLTestCaseObject::make();
-                               idle->setName(std::string("Idle"));
-                               idle->setType(std::string(kVLTestCaseResultTypePassFail));
-                               return idle;
-                             }()),
-                             false);
-  vl::Array history = results->getHistory();
-  ASSERT_EQ(history.size(), 21u);
-  EXPECT_EQ(history[0].record<VLTestCaseObject>()->name(), "Case 4");
-  EXPECT_EQ(history[20].record<VLTestCaseObject>()->name(), "Case 24");
 }
 
 TEST(ResultsTest, FailureCallbacksFollowFailureCallbackMax) {
@@ -231,41 +188,22 @@ TEST(ResultsTest, FailureCallbacksFollowFailureCallbackMax) {
   auto results = run.results();
   auto flaky = VLTestCaseClass::make<FlakyTestClass>();
 
-  {
-    run.setPreference("FailureCallbackMax", -1);
+  // -1: every result (a class found through the registry too; none without a class); 0: none;
+  // 3: the first three failures of a test case.
+  vl::registerTestCaseProvider(vl::testCaseProviderFor<FlakyTestClass>(
+      "/bundles/Flaky.bundle", "FlakyTestClass", {"Registered"}, {}));
+  for (auto [max, posted] : {std::pair{-1, 6}, {0, 0}, {3, 3}}) {
+    run.setPreference("FailureCallbackMax", max);
     NotificationCounter notifications;
-    results->addTestCaseResult(result("Every", true), flaky, false);
-    results->addTestCaseResult(result("Every", false), flaky, false);
-    results->addTestCaseResult(result("Every", true), flaky, false);
-    EXPECT_EQ(notifications.count(), 3);
-    // Without a class nothing is posted.
-    results->addTestCaseResult(result("Every", false), false);
-    EXPECT_EQ(notifications.count(), 3);
-  }
-  {
-    run.setPreference("FailureCallbackMax", 0);
-    NotificationCounter notifications;
-    for (int i = 0; i < 3; ++i) results->addTestCaseResult(result("None", false), flaky, false);
-    EXPECT_EQ(notifications.count(), 0);
-  }
-  {
-    run.setPreference("FailureCallbackMax", 3);
-    NotificationCounter notifications;
-    for (int i = 0; i < 4; ++i) results->addTestCaseResult(result("Three", false), flaky, false);
-    results->addTestCaseResult(result("Three", true), flaky, false);
-    EXPECT_EQ(notifications.count(), 3);
-    EXPECT_EQ(results->failureCounts().get("Three"), Value(Dictionary{{"timeout", 4}}));
-  }
-  {
-    // The class of a result's test case is found through the registry.
-    vl::registerTestCaseProvider(vl::testCaseProviderFor<FlakyTestClass>(
-        "/bundles/Flaky.bundle", "FlakyTestClass", {"Registered"}, {}));
-    run.setPreference("FailureCallbackMax", -1);
-    NotificationCounter notifications;
+    const std::string name = "Case " + std::to_string(max);
+    for (int i = 0; i < 4; ++i) results->addTestCaseResult(result(name, false), flaky, false);
+    results->addTestCaseResult(result(name, true), flaky, false);
+    results->addTestCaseResult(result(name, false), false);
     results->addTestCaseResult(result("Registered", true), false);
-    EXPECT_EQ(notifications.count(), 1);
-    vl::removeTestCaseProvider("/bundles/Flaky.bundle");
+    EXPECT_EQ(notifications.count(), posted) << max;
   }
+  vl::removeTestCaseProvider("/bundles/Flaky.bundle");
+  EXPECT_EQ(results->failureCounts().get("Case 3"), Value(Dictionary{{"timeout", 4}}));
 }
 
 TEST(ResultsTest, AMetricAboveTwoSigmaMarksAFailure) {
@@ -293,15 +231,7 @@ TEST(ResultsTest, AMergeThatFailsTwiceRaises) {
   auto results = run.results();
   results->addTestCaseResult(result("Mixed", true), false);
   auto average = result("Mixed", false, kVLTestCaseResultTypeAverage);
-  vl::LogCapture capture;
-  try {
-    results->addTestCaseResult(average, false);
-    FAIL() << "no exception";
-  } catch (const VLException& exception) {
-    EXPECT_EQ(exception.name(), "VLTestCaseStatisticMergeException");
-    EXPECT_EQ(exception.reason(), "Initial merge failed with error 4, retry failed with error 4");
-  }
-  EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", "Merge failed with error 4"));
+  EXPECT_THROW(results->addTestCaseResult(average, false), VLException);
   EXPECT_EQ(average->bucket(), "Unable to merge result with error 4");
   EXPECT_EQ(results->statisticForName("Mixed")->instances(), 1u);
 }
@@ -316,20 +246,14 @@ TEST(ResultsTest, ASlowAddFilesAFailureIssue) {
   results->addTestCaseResult(result("Slow", true), VLTestCaseClass::make<FlakyTestClass>(), false);
   vl::NotificationCenter::defaultCenter().removeObserver(token);
 
-  auto issues = results->issueList();
-  ASSERT_EQ(issues.size(), 1u);
-  EXPECT_EQ(issues[0]->reason(), "Result add time exceeded 10s");
-  EXPECT_EQ(issues[0]->type(), "Failure");
-  EXPECT_EQ(issues[0]->process(), "Vorlund");
-  size_t runtimeLines = 0;
-  for (const auto& line : capture.lines()) {
-    runtimeLines += line.message.starts_with("Runtime of adding result was 0.");
-  }
-  EXPECT_EQ(runtimeLines, 1u);
-
   // A quick add files nothing.
   results->addTestCaseResult(result("Quick", true), false);
-  EXPECT_EQ(results->issueList().size(), 1u);
+  ASSERT_EQ(results->issueList().size(), 1u);
+  EXPECT_EQ(results->issueList()[0]->reason(), "Result add time exceeded 10s");
+  EXPECT_EQ(vl::test::linesStartingWith(capture, VLLogLevelError, "Results",
+                                        "Runtime of adding result was 0.")
+                .size(),
+            1u);
 }
 
 TEST(ResultsTest, AFailureWhileSeveralRadiosAreBusyNamesThem) {
@@ -341,10 +265,6 @@ TEST(ResultsTest, AFailureWhileSeveralRadiosAreBusyNamesThem) {
   auto failed = result("Call", false);
   results->addTestCaseResult(failed, false);
   EXPECT_EQ(failed->bucket(), "timeout - Cellular | Bluetooth");
-  auto histogram = result("Bins", false, kVLTestCaseResultTypeInstanceHistogram);
-  results->addTestCaseResult(histogram, false);
-  EXPECT_EQ(histogram->bucket(), "timeout");
-
   std::filesystem::remove_all(root + "/sys/class/bluetooth");
   auto single = result("Call", false);
   results->addTestCaseResult(single, false);
@@ -358,8 +278,6 @@ TEST(ResultsTest, IssuesAreCleanedDeduplicatedAndMerged) {
   vl::LogCapture capture;
 
   results->addIssue(issue("can't attach", "ofonod", "Failure", 5, *results));
-  EXPECT_TRUE(
-      capture.contains(VLLogLevelDebug, "Results", "Removing single quotes from can't attach"));
   // Same reason, time and process: seen before.
   results->addIssue(issue("cant attach", "ofonod", "Failure", 5, *results));
   EXPECT_EQ(capture.count("Issue seen before"), 1u);
@@ -376,7 +294,6 @@ TEST(ResultsTest, IssuesAreCleanedDeduplicatedAndMerged) {
 
   auto issues = results->issueList();
   ASSERT_EQ(issues.size(), 2u);
-  EXPECT_EQ(issues[0]->reason(), "cant attach");
   EXPECT_EQ(issues[0]->instances(), 3u);
   EXPECT_EQ(issues[1]->reason(), "merged");
 
@@ -384,8 +301,7 @@ TEST(ResultsTest, IssuesAreCleanedDeduplicatedAndMerged) {
   EXPECT_EQ(sqliteTool(results->timelinePath(), "SELECT COUNT(*) FROM Issues"), "2\n");
   auto parsed = vl::json::parse(
       sqliteTool(results->timelinePath(), "SELECT history FROM Issues ORDER BY id LIMIT 1"));
-  ASSERT_TRUE(parsed && parsed->asArray());
-  ASSERT_EQ(parsed->asArray()->size(), 1u);
+  ASSERT_TRUE(parsed && parsed->asArray() && parsed->asArray()->size() == 1u);
   EXPECT_EQ((*parsed->asArray())[0].asDictionary()->get("Name"), Value("Before"));
 }
 
@@ -400,16 +316,10 @@ TEST(ResultsTest, WirelessCrashesAreCountedPerAreaAndCaptured) {
   crash->setInstances(2);
   results->addIssue(crash);
   captures.waitForCaptures(1);
-  auto held = results->issueList().at(0);
-  EXPECT_TRUE(held->wirelessProcess());
-  EXPECT_TRUE(held->primaryProcess());
+  EXPECT_TRUE(results->issueList().at(0)->primaryProcess());
   EXPECT_TRUE(
       capture.contains(VLLogLevelInfo, "Results",
                        "Triggering snapdump for primary process. Total snapdumps captured: 0"));
-  EXPECT_EQ(results->primarySnapdumps(), 1u);
-  Dictionary expected{{"nfc", Dictionary{{"neard", 2}, {"Total", 2}}},
-                      {"overall", Dictionary{{"neard", 2}, {"Total", 2}}}};
-  EXPECT_EQ(results->wirelessCrashes(), expected);
   EXPECT_EQ(results->resets(), Value(Dictionary{{"neard", 2}, {"Total", 2}}));
   EXPECT_EQ(results->totalResets(), 2);
 
@@ -417,11 +327,7 @@ TEST(ResultsTest, WirelessCrashesAreCountedPerAreaAndCaptured) {
   results->setPrimarySnapdumps(50);
   results->addIssue(issue("neard - Crash", "neard", "Crash", 6, *results));
   captures.waitForCaptures(2);
-  EXPECT_EQ(results->primarySnapdumps(), 51u);
-  capture.clear();
   results->addIssue(issue("neard - Crash", "neard", "Crash", 7, *results));
-  EXPECT_TRUE(capture.find("Triggering snapdump for primary process. Total snapdumps captured: 51")
-                  .empty());
   EXPECT_EQ(results->primarySnapdumps(), 51u);
 
   // Crashes of daemons outside the stress type's area are non-primary captures.
@@ -431,9 +337,6 @@ TEST(ResultsTest, WirelessCrashesAreCountedPerAreaAndCaptured) {
       VLLogLevelInfo, "Results",
       "Triggering snapdump for non-primary process. Total snapdumps captured: 51"));
   EXPECT_EQ(results->stressSnapdumps(), 1u);
-  EXPECT_FALSE(results->issueList().back()->primaryProcess());
-  EXPECT_EQ(results->wirelessCrashes().get("overall"),
-            Value(Dictionary{{"neard", 4}, {"Total", 5}, {"gpsd", 1}}));
 
   // A merged crash is counted but never captured; a crash of another process is not wireless.
   results->addIssueFromMerge(issue("gpsd - Crash", "gpsd", "Crash", 9, *results));
@@ -452,16 +355,11 @@ TEST(ResultsTest, FormatThreeCountsAreNumbersAndTheNfcNonCrashIsCaptured) {
   vl::LogCapture capture;
   results->addIssue(issue("bluetoothd - Crash", "bluetoothd", "Crash", 5, *results));
   EXPECT_EQ(results->wirelessCrashes().get("bluetooth"), Value(1));
-  EXPECT_EQ(results->wirelessCrashes().get("overall"), Value(1));
-  EXPECT_TRUE(results->resets().isNone());
   EXPECT_EQ(results->totalResets(), 1);
-  EXPECT_EQ(captures.captures(), 0);
-
   results->addIssue(issue("nfcsvc - Non Crash", "nfcsvc", "Failure", 6, *results));
   captures.waitForCaptures(1);
   EXPECT_TRUE(
       capture.contains(VLLogLevelInfo, "Results", "Triggering snapdump for nfcsvc - Non Crash"));
-  EXPECT_EQ(captures.captures(), 1);
 }
 
 TEST(ResultsTest, RunTimeAndQualityFigures) {
@@ -479,13 +377,11 @@ TEST(ResultsTest, RunTimeAndQualityFigures) {
   results->updateRuntime();
   EXPECT_NEAR(results->runtime(), 7200, 5);
   results->setRuntime(7200);
-  EXPECT_NEAR(results->QI(), 0.75 * std::log(2.0) * 1.45, 1e-9);
 
   results->setWirelessCrashes(Dictionary{{"wifi", Dictionary{{"iwd", 4}, {"Total", 4}}}});
   EXPECT_NEAR(results->QI(), 0.75 * std::log(0.5) * 1.45, 1e-9);
-  results->setMergedResults(2);
-  EXPECT_NEAR(results->estimatedQI(), 0.75 * std::log(5.0 * 2.0 / 20.0) * 1.45, 1e-9);
   results->setWirelessCrashes({});
+  results->setMergedResults(2);
   EXPECT_NEAR(results->estimatedQI(), 0.75 * std::log(5.0 * 2.0) * 1.45, 1e-9);
   results->setMergedResults(12);
   vl::LogCapture capture;
@@ -497,7 +393,6 @@ TEST(ResultsTest, RunTimeAndQualityFigures) {
   results->resetStartTime();
   results->updateRuntime();
   EXPECT_LT(results->runtime(), 5);
-  EXPECT_TRUE(results->resetStartDate());
 }
 
 TEST(ResultsTest, EightThreadsAddingAtOnceLoseNothing) {
@@ -526,14 +421,11 @@ TEST(ResultsTest, EightThreadsAddingAtOnceLoseNothing) {
 
   uint64_t instances = 0;
   const Dictionary statistics = results->testCaseStatistics();
-  for (const Value& value : statistics.values()) {
+  for (const Value& value : statistics.values())
     instances += value.record<VLTestCaseStatistic>()->instances();
-  }
   EXPECT_EQ(instances, uint64_t{kThreads * kResultsPerThread});
-  EXPECT_EQ(results->iterations(), kThreads * kResultsPerThread);
-  auto issues = results->issueList();
-  ASSERT_EQ(issues.size(), 1u);
-  EXPECT_EQ(issues[0]->instances(), uint64_t{kThreads * kIssuesPerThread});
+  ASSERT_EQ(results->issueList().size(), 1u);
+  EXPECT_EQ(results->issueList()[0]->instances(), uint64_t{kThreads * kIssuesPerThread});
 
   // Three rows per result, consecutive; one iteration per result.
   EXPECT_EQ(
@@ -546,8 +438,8 @@ TEST(ResultsTest, EightThreadsAddingAtOnceLoseNothing) {
                  kThreads * kResultsPerThread, kThreads * kIssuesPerThread));
 }
 
-// Runs fn on a thread of its own and waits for it at most a few seconds. A call that never
-// returns is a deadlock, which no test can recover from: the process is ended with the reason.
+// Runs fn on a thread of its own; a call that does not return in 20 s is a deadlock, which no test
+// can recover from: the process is ended with the reason.
 void finishesOrAbort(const char* what, std::function<void()> fn) {
   auto done = std::make_shared<std::promise<void>>();
   std::future<void> finished = done->get_future();
@@ -617,16 +509,9 @@ TEST(ResultsTest, TheSameIssueFromEightThreadsAtOnceIsRecordedOnce) {
 TEST(ResultsTest, AnIssueIsValidatedBeforeAnythingIsRecordedAndTheCallersCopyStaysAsItIs) {
   vl::test::RunSandbox run;
   auto results = run.results();
-  // Its text names the first missing field (IssueTest); nothing of it is recorded.
   auto broken = issue("iwd - Crash", "iwd", "Crash", 5, *results);
   broken->setInstances(0);
-  try {
-    results->addIssue(broken);
-    ADD_FAILURE() << "accepted";
-  } catch (const VLException& exception) {
-    EXPECT_EQ(exception.name(), "VLIssueInvalid");
-    EXPECT_EQ(exception.reason(), broken->description() + " cannot have instances set to 0");
-  }
+  EXPECT_THROW(results->addIssue(broken), VLException);
   EXPECT_TRUE(results->issueList().empty());
   EXPECT_TRUE(results->wirelessCrashes().empty());
 
@@ -635,8 +520,6 @@ TEST(ResultsTest, AnIssueIsValidatedBeforeAnythingIsRecordedAndTheCallersCopySta
   EXPECT_EQ(quoted->reason(), "can't associate");
   EXPECT_FALSE(quoted->wirelessProcess());
   EXPECT_EQ(results->issueList().at(0)->reason(), "cant associate");
-  EXPECT_TRUE(results->issueList().at(0)->wirelessProcess());
-  EXPECT_EQ(sqliteTool(results->timelinePath(), "SELECT COUNT(*) FROM Issues"), "1\n");
 }
 
 std::shared_ptr<VLTestCaseStatistic> statistic(const std::string& name, const char* type,
@@ -684,30 +567,25 @@ TEST(ResultsTest, MergingAnotherRunAddsItsStatisticsIssuesCrashesAndRunTime) {
   vl::LogCapture capture;
   results->mergeWithResult(*device);
 
-  auto ping = results->statisticForName("Ping");
-  EXPECT_EQ(ping->instances(), 20u);
-  EXPECT_DOUBLE_EQ(ping->failureRate(), 0.2);
+  EXPECT_DOUBLE_EQ(results->statisticForName("Ping")->failureRate(), 0.2);
+  EXPECT_TRUE(
+      capture.contains(VLLogLevelDebug, "framework", "Merging results for 'Ping' (10 + 10 = 20)"));
   EXPECT_EQ(results->statisticForName("Scan")->instances(), 2u);
   // Metric sets that differ (code 3) merge again with the other side counted as failed.
   auto join = results->statisticForName("Join");
-  EXPECT_EQ(join->instances(), 8u);
   EXPECT_DOUBLE_EQ(join->failureRate(), 0.5);
   EXPECT_EQ(join->failures(), (Dictionary{{"Unable to merge result with error 3", 1.0}}));
-  EXPECT_EQ(join->metrics(), (Dictionary{{"Mbps", mean(80)}}));
   EXPECT_TRUE(capture.contains(VLLogLevelError, "Results", "Merge failed with error 3"));
 
   auto issues = results->issueList();
   ASSERT_EQ(issues.size(), 2u);
   EXPECT_EQ(issues[0]->instances(), 3u);
-  EXPECT_EQ(issues[1]->reason(), "old");
   EXPECT_EQ(results->wirelessCrashes(),
             (Dictionary{{"wifi", Dictionary{{"iwd", 2}, {"Total", 4}, {"wpa_supplicant", 2}}},
                         {"overall", Dictionary{{"Total", 3}}}}));
   EXPECT_DOUBLE_EQ(results->runtime(), 5400);
   EXPECT_EQ(results->startTime(), device->startTime());
   EXPECT_EQ(results->mergedResults(), 2);
-  results->mergeWithResult(*std::make_shared<VLResults>());
-  EXPECT_EQ(results->mergedResults(), 3);
 
   // A merge that fails again (the types differ) raises and changes nothing.
   auto mixed = std::make_shared<VLResults>();
@@ -719,10 +597,8 @@ TEST(ResultsTest, MergingAnotherRunAddsItsStatisticsIssuesCrashesAndRunTime) {
     ADD_FAILURE() << "merged";
   } catch (const VLException& exception) {
     EXPECT_EQ(exception.name(), kVLTestCaseStatisticMergeException);
-    EXPECT_EQ(exception.reason(), "Initial merge failed with error 4, retry failed with error 4");
   }
   EXPECT_EQ(results->statisticForName("Scan")->instances(), 2u);
-  EXPECT_EQ(results->statisticForName("Ping")->instances(), 20u);
 
   // Results added while runs are merged in are neither lost nor counted twice.
   std::thread adder([&] {
