@@ -349,7 +349,12 @@ Service::~Service() {
     if (state_->abandoned) {
       bool ended;
       {
-        std::lock_guard doneLock(state_->doneMutex);
+        // Without a handler left, the loop ends at once: wait for that. A handler still running
+        // keeps it going for as long as it likes.
+        std::unique_lock doneLock(state_->doneMutex);
+        state_->doneChanged.wait_for(doneLock, std::chrono::seconds(5), [&] {
+          return state_->done || state_->handlersRunning();
+        });
         ended = state_->done;
       }
       if (!ended) {

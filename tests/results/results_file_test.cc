@@ -347,7 +347,11 @@ TEST(ResultsFileChild, DISABLED_WriteUnderFileSizeLimit) {
   if (m == "periodic") addResultsWhileSavingThenDie(results);
   if (m == "fail") std::signal(SIGXFSZ, SIG_IGN);
   vl::LogCapture capture;
-  rlimit limit{kChildFileSizeLimit, kChildFileSizeLimit};
+  // Only the soft limit, so that it can be lifted again before the child exits normally: a
+  // coverage build writes its counts at exit, and a limited write would damage them.
+  rlimit saved{};
+  getrlimit(RLIMIT_FSIZE, &saved);
+  rlimit limit{kChildFileSizeLimit, saved.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
 
   if (m == "fail") {
@@ -362,6 +366,7 @@ TEST(ResultsFileChild, DISABLED_WriteUnderFileSizeLimit) {
     EXPECT_TRUE(capture.contains(VLLogLevelError, "Results",
                                  vl::format("Failed to write resume data to %@: %@",
                                             VLResults::resumeDataPath(), std::strerror(EFBIG))));
+    setrlimit(RLIMIT_FSIZE, &saved);
   } else if (m == "kill-save") {
     results->setTestSettings(bigSettings());
     results->saveToFile(target);
