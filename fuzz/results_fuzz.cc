@@ -1,7 +1,6 @@
 // Feeds arbitrary bytes to the readers of a run's files: a keyed archive goes to the decoder of the
 // resume data (with the classes a resume file may hold), anything else to VLResults::withFile as
 // a results file. What they accept is summarised and archived again, as a run would.
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -9,34 +8,21 @@
 
 #include "fuzz_support.h"
 #include "vorlund/conversion/keyed_archive.h"
-#include "vorlund/conversion/object_data.h"
-#include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/results/results.h"
-#include "vorlund/results/test_case_statistic.h"
 
 namespace {
 
-// The resume data's classes: the external set and the statistics, which only resume files carry.
-const vl::ClassSet& resumeClasses() {
-  static const vl::ClassSet classes = [] {
-    vl::ClassSet set = VLValidExternalClassesForCoding();
-    set.insert(VLTestCaseStatistic::kClassName);
-    return set;
-  }();
-  return classes;
-}
-
 void readResumeData(std::string_view bytes) {
   vl::Error error;
-  std::optional<vl::Value> root = vl::unarchive(bytes, resumeClasses(), &error);
+  std::optional<vl::Value> root = vl::unarchive(bytes, VLResults::resumeDataClasses(), &error);
   if (!root) return;
   root->description();
   std::optional<std::string> again = vl::archive(*root, &error);
   vl::fuzz::require(again.has_value(), "decoded resume data can be archived again",
                     error.description());
-  std::optional<vl::Value> reread = vl::unarchive(*again, resumeClasses(), &error);
+  std::optional<vl::Value> reread = vl::unarchive(*again, VLResults::resumeDataClasses(), &error);
   vl::fuzz::require(reread.has_value(), "resume data archived again decodes", error.description());
   // Descriptions of records print their addresses, so the content is compared as archived bytes.
   vl::fuzz::require(vl::archive(*reread) == again, "resume data keeps its content when re-archived");

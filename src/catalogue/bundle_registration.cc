@@ -109,43 +109,38 @@ TestMethod findTestMethod(const VLTestCaseClass& object, std::string_view select
     std::lock_guard lock(r.mutex);
     classes = r.classes;
   }
-  auto methodOf = [&](const BundleClass& c) -> TestMethod {
-    for (const auto& [name, method] : c.methods) {
-      if (name == wanted) return method;
+  // The method of the first class, in registration order, that passes the test.
+  auto firstMethod = [&](const auto& applies) -> TestMethod {
+    for (const auto& c : classes) {
+      if (!applies(*c)) continue;
+      for (const auto& [name, method] : c->methods) {
+        if (name == wanted) return method;
+      }
     }
     return {};
   };
+  auto isKind = [&](const BundleClass& c) { return c.isKindOfClass && c.isKindOfClass(object); };
   // An object a registry created runs its own registration's methods, then those of the classes
   // of the same shared object (or of the program) that it derives from; never another bundle's,
   // even where that bundle's class has the same C++ name and so passes the kind-of test.
   if (std::optional<VLTestCaseClass::RegisteredClass> own = object.registeredClass()) {
-    for (const auto& c : classes) {
-      if (c->name == own->name && c->origin == own->origin) {
-        if (TestMethod method = methodOf(*c)) return method;
-      }
+    if (TestMethod method = firstMethod([&](const BundleClass& c) {
+          return c.name == own->name && c.origin == own->origin;
+        })) {
+      return method;
     }
-    for (const auto& c : classes) {
-      if (c->origin != own->origin && !c->origin.empty()) continue;
-      if (c->isKindOfClass && c->isKindOfClass(object)) {
-        if (TestMethod method = methodOf(*c)) return method;
-      }
-    }
-    return {};
+    return firstMethod([&](const BundleClass& c) {
+      return (c.origin == own->origin || c.origin.empty()) && isKind(c);
+    });
   }
-  std::string ownName = object.className();
   // Several copies of one bundle may register the same class name; the one whose instances this
   // object belongs to is the one that can run it.
-  for (const auto& c : classes) {
-    if (c->name == ownName && c->isKindOfClass && c->isKindOfClass(object)) {
-      if (TestMethod method = methodOf(*c)) return method;
-    }
+  const std::string ownName = object.className();
+  if (TestMethod method =
+          firstMethod([&](const BundleClass& c) { return c.name == ownName && isKind(c); })) {
+    return method;
   }
-  for (const auto& c : classes) {
-    if (c->isKindOfClass && c->isKindOfClass(object)) {
-      if (TestMethod method = methodOf(*c)) return method;
-    }
-  }
-  return {};
+  return firstMethod(isKind);
 }
 
 ScopedRegistrationOrigin::ScopedRegistrationOrigin(std::string origin)

@@ -27,6 +27,14 @@ Registries& registries() {
   return *instance;
 }
 
+// Whether object is the provider's instance: created as exactly its registered class for a bundle's
+// provider (another bundle's class of the same C++ name also passes the kind-of test), else a kind
+// of its principal class.
+bool madeBy(const TestCaseProvider& provider, const VLTestCaseClass& object) {
+  if (provider.registeredClass) return object.registeredClass() == provider.registeredClass;
+  return provider.isKindOfClass && provider.isKindOfClass(object);
+}
+
 std::string_view withoutColon(std::string_view selector) {
   if (!selector.empty() && selector.back() == ':') selector.remove_suffix(1);
   return selector;
@@ -59,10 +67,7 @@ void removeTestCaseProvider(const std::string& path) {
     r.providers.erase(it);
   }
   std::lock_guard lock(r.classesMutex);
-  std::erase_if(r.classes, [&](const auto& object) {
-    if (removed->registeredClass) return object->registeredClass() == removed->registeredClass;
-    return removed->isKindOfClass && removed->isKindOfClass(*object);
-  });
+  std::erase_if(r.classes, [&](const auto& object) { return madeBy(*removed, *object); });
 }
 
 std::shared_ptr<const TestCaseProvider> findTestCaseProviderForPath(const std::string& path) {
@@ -158,12 +163,8 @@ std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
   if (!provider) return nullptr;
 
   vl::Registries& r = vl::registries();
-  auto isInstanceOfProvider = [&](const VLTestCaseClass& object) {
-    if (provider->registeredClass) return object.registeredClass() == provider->registeredClass;
-    return provider->isKindOfClass && provider->isKindOfClass(object);
-  };
   for (const auto& object : vl::snapshotLoaded(r.classesMutex, r.classes)) {
-    if (isInstanceOfProvider(*object)) {
+    if (vl::madeBy(*provider, *object)) {
       VLLog(VLLogLevelDebug, nullptr, "Class already loaded...%@", object);
       return object;
     }
@@ -182,7 +183,7 @@ std::shared_ptr<VLTestCaseClass> VLGetClassForTestCase(
   std::lock_guard lock(r.classesMutex);
   // Another thread may have created the same class meanwhile; one instance serves them all.
   for (const auto& object : r.classes) {
-    if (isInstanceOfProvider(*object)) return object;
+    if (vl::madeBy(*provider, *object)) return object;
   }
   r.classes.push_back(created);
   return created;

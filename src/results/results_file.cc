@@ -172,17 +172,6 @@ vl::Dictionary resumeDictionaryOf(const VLResults& results) {
   return resume;
 }
 
-// The classes a resume file may hold. The statistics are records the external set does not admit
-// (they never cross a process boundary on their own), so they are allowed for this decode only.
-const vl::ClassSet& resumeDataClasses() {
-  static const vl::ClassSet classes = [] {
-    vl::ClassSet set = VLValidExternalClassesForCoding();
-    set.insert(VLTestCaseStatistic::kClassName);
-    return set;
-  }();
-  return classes;
-}
-
 // Typed access to the resume dictionary. An absent key gives nullptr; a key of another type
 // throws, so that foreign or damaged resume data falls back to a fresh run as a whole.
 [[noreturn]] void wrongType(const char* key, const vl::Value& value, const char* expected) {
@@ -372,7 +361,7 @@ std::shared_ptr<VLResults> VLResults::withResumeData() {
   std::shared_ptr<VLResults> results;
   try {
     vl::Error error;
-    std::optional<vl::Value> root = vl::unarchive(*bytes, resumeDataClasses(), &error);
+    std::optional<vl::Value> root = vl::unarchive(*bytes, VLResults::resumeDataClasses(), &error);
     if (!root) {
       VLLog(VLLogLevelError, kFrameworkCategory, "NSKeyedUnarchiver returned with error: %@",
             error);
@@ -467,4 +456,13 @@ void VLResults::restoreStateFromSavedPlist(const vl::Dictionary& plist) {
     setTestCaseStatistics(statistics);
   }
   VLLog(VLLogLevelInfo, kResultsCategory, "Restored testCaseStats With : %@", testCaseStatistics());
+}
+
+const vl::ClassSet& VLResults::resumeDataClasses() {
+  static const vl::ClassSet classes = [] {
+    vl::ClassSet set = VLValidExternalClassesForCoding();
+    set.insert(VLTestCaseStatistic::kClassName);
+    return set;
+  }();
+  return classes;
 }

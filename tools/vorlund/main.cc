@@ -97,7 +97,7 @@ bool waitForSignalOrLostBus(int signalFd, int lostBus) {
 
 // The group whose members may call the service on the system bus: "ServiceGroup" as a group name
 // or number. None on the session bus, which is the user's own. A group that does not exist leaves
-// root alone able to call.
+// only root (and the root group) able to call.
 std::optional<gid_t> allowedGroup() {
   if (vl::ipm::selectedBus() != vl::ipm::BusKind::kSystem) return std::nullopt;
   const vl::Value preference = VLGetPreferences().get(kServiceGroupPreference);

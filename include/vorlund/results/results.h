@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "vorlund/catalogue/test_case_class.h"
+#include "vorlund/conversion/keyed_archive.h"
 #include "vorlund/foundation/value.h"
 #include "vorlund/results/issue.h"
 #include "vorlund/results/test_case_result.h"
@@ -193,6 +194,9 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
 
   // "~/Library/Caches/vorlund_results_resume_data.plist", tilde expanded.
   static std::string resumeDataPath();
+  // The classes resume data may hold: VLValidExternalClassesForCoding() and the statistics, which
+  // never cross a process boundary on their own and so are allowed for this decode only.
+  static const vl::ClassSet& resumeDataClasses();
   // Whether a resume data file exists.
   static bool hasResumeData();
   // The results file's dictionary, keys in this order: "Test Settings", "City" (only when the test
