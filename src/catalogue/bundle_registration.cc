@@ -124,9 +124,8 @@ TestMethod findTestMethod(const VLTestCaseClass& object, std::string_view select
   // of the same shared object (or of the program) that it derives from; never another bundle's,
   // even where that bundle's class has the same C++ name and so passes the kind-of test.
   if (std::optional<VLTestCaseClass::RegisteredClass> own = object.registeredClass()) {
-    if (TestMethod method = firstMethod([&](const BundleClass& c) {
-          return c.name == own->name && c.origin == own->origin;
-        })) {
+    if (TestMethod method = firstMethod(
+            [&](const BundleClass& c) { return c.name == own->name && c.origin == own->origin; })) {
       return method;
     }
     return firstMethod([&](const BundleClass& c) {
