@@ -187,10 +187,12 @@ void VLTimelineDatabase::initializeLocked(const std::string& path) {
   db_ = std::make_unique<sqlite::Database>(path_);
   db_->setBusyTimeout(std::chrono::duration_cast<std::chrono::milliseconds>(
       vl::time::scaled(kTimelineBusyTimeoutSeconds)));
-  // A commit is then one synced write that overwrites the log in place: no journal to create and
-  // delete, no change of file size, and no checkpoint of its own (see saveConfigToDatabase).
+  // A commit is then one synced append to the log: no journal to create and delete, and no
+  // checkpoint at close. The log is emptied once it holds kTimelineCheckpointPages pages, so that
+  // each open reads little of it (see saveConfigToDatabase too).
   db_->setPersistentWal(true);
   db_->setCheckpointOnClose(false);
+  db_->setLogLimit(vl::kTimelineCheckpointPages);
   VLLog(VLLogLevelInfo, kCategory, "Database object is %@", db_->description());
 
   if (!verifyTablesLocked()) {
@@ -264,13 +266,10 @@ bool VLTimelineDatabase::verifyTablesLocked() {
 bool VLTimelineDatabase::openLocked() {
   if (!initialized_) initializeLocked(path_);
   Error error;
-  // Both are settings of the connection, so every open makes them: a commit is on disk before the
-  // call that wrote it returns, and a log grown past kTimelineCheckpointPages is folded back into
-  // the file by the commit that grew it.
+  // A setting of the connection, so every open makes it: a commit is on disk before the call that
+  // wrote it returns.
   if (db_->open(sqlite::kOpenReadWrite | sqlite::kOpenCreate, &error) &&
-      db_->executeStatements(format("PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=%d",
-                                    vl::kTimelineCheckpointPages),
-                             &error))
+      db_->executeStatements("PRAGMA synchronous=FULL", &error))
     return true;
   VLLog(VLLogLevelError, kCategory, "Failed to open the timeline at %@: %@", path_, error);
   db_->close();
@@ -503,7 +502,7 @@ bool VLTimelineDatabase::saveConfigToDatabase(const Dictionary& summary) {
   }
   // Each save of the results file also makes the database file whole on its own, for tools that
   // copy it without its log.
-  if (!db_->executeStatements("PRAGMA wal_checkpoint(PASSIVE)", &error)) {
+  if (!db_->checkpointAndEmptyLog(&error)) {
     VLLog(VLLogLevelError, kCategory, "Failed to fold the timeline's log into %@...%@", path_,
           error);
   }

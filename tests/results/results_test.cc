@@ -239,7 +239,8 @@ TEST(ResultsTest, AMergeThatFailsTwiceRaises) {
 TEST(ResultsTest, ASlowAddFilesAFailureIssue) {
   vl::test::RunSandbox run(Dictionary{{"StressType", "wifi"}, {"FailureCallbackMax", -1}});
   auto results = run.results();
-  vl::time::ScopedScale fast(0.001);
+  // 10 s become 100 ms: far above a quick add's commit, even on a loaded disk.
+  vl::time::ScopedScale fast(0.01);
   auto token = vl::NotificationCenter::defaultCenter().addObserver(
       kVLResultNotification, [](const vl::Notification&) { vl::time::sleepFor(11); });
   vl::LogCapture capture;

@@ -133,6 +133,39 @@ TEST_F(TimelineTest, AverageResultsWriteOneRowPerMetricAndNoDefaultRow) {
   EXPECT_EQ(sqliteTool(copy, "SELECT COUNT(*) FROM TestCases"), "6\n");
 }
 
+// Each use opens the file anew, so the log must be emptied by the commits themselves; a reader of
+// another process may hold it, and then only delays the emptying.
+TEST_F(TimelineTest, TheLogStaysSmallOverALongRunAndAReaderOnlyDelaysItsEmptying) {
+  const std::string log = path_ + "-wal";
+  auto logPages = [&] {
+    std::error_code missing;
+    auto bytes = std::filesystem::file_size(log, missing);
+    return missing || bytes < 32 ? 0 : static_cast<int>((bytes - 32) / (4096 + 24));
+  };
+  auto result = makeResult("Ping", kVLTestCaseResultTypePassFail);
+  for (int tag = 0; tag < 5; ++tag) result->addTag(Value("value"), "tag" + std::to_string(tag));
+  result->pass();
+  int64_t iteration = 0;
+  int largest = 0;
+  for (; iteration < 100; ++iteration) {
+    ASSERT_TRUE(timeline_.saveResultToDatabase(*result, iteration));
+    largest = std::max(largest, logPages());
+  }
+  EXPECT_GT(largest, 0);
+  EXPECT_LT(largest, vl::kTimelineCheckpointPages);
+
+  vl::sqlite::Database reader(path_);
+  ASSERT_TRUE(reader.open(vl::sqlite::kOpenReadOnly));
+  auto rows = reader.executeQuery("SELECT id FROM TestCases");
+  ASSERT_TRUE(rows && rows->next());
+  for (int i = 0; i < 40; ++i) ASSERT_TRUE(timeline_.saveResultToDatabase(*result, iteration++));
+  EXPECT_GE(logPages(), vl::kTimelineCheckpointPages);
+  rows->close();
+  ASSERT_TRUE(timeline_.saveResultToDatabase(*result, iteration++));
+  EXPECT_LT(logPages(), vl::kTimelineCheckpointPages);
+  EXPECT_EQ(sqliteTool(path_, "SELECT COUNT(*) FROM TestCases"), "705\n");
+}
+
 TEST_F(TimelineTest, IssueRowsCarryTheirHistoryAndAreFoundAgain) {
   vl::LogCapture capture;
   Date time{1767229200.0};

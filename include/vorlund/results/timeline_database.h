@@ -4,10 +4,11 @@
 //
 // The file is opened and closed around each use. It is in write-ahead-log mode with
 // synchronous=FULL: every result is written in one transaction that is on disk (in the log) before
-// the call returns, and readers through SQLite see it at once. The log is kept between uses and
-// folded back into the database file when it grows past kTimelineCheckpointPages and at every
-// rewrite of the Config table (each save of the results file), so the file alone, copied without
-// its "-wal", holds everything up to the last save.
+// the call returns, and readers through SQLite see it at once. The log is kept between uses; it is
+// copied back into the database file and emptied when it reaches kTimelineCheckpointPages and at
+// every rewrite of the Config table (each save of the results file), so the file alone, copied
+// without its "-wal", holds everything up to the last save. A reader in another process that holds
+// the log at that moment only delays the emptying to a later commit.
 #pragma once
 
 #include <cstdint>
@@ -40,8 +41,10 @@ inline constexpr int kTimelineHistoryWidth = 1000000;
 inline constexpr int64_t kTimelineNoNumber = 2147483647;
 // The longest history text an Issues row stores; a longer one is stored empty.
 inline constexpr size_t kTimelineMaximumHistoryLength = 1000000;
-// The size of the log, in pages, at which a commit folds it back into the database file.
-inline constexpr int kTimelineCheckpointPages = 100;
+// The size of the log, in pages, at which a commit empties it into the database file. Every open
+// reads the whole log, every emptying costs a sync of the database file: about 16 results apart
+// keeps both small.
+inline constexpr int kTimelineCheckpointPages = 32;
 // How long a write waits for another process that holds the database lock.
 inline constexpr double kTimelineBusyTimeoutSeconds = 10.0;
 

@@ -9,6 +9,9 @@ namespace vl::sqlite {
 static_assert(kOpenReadOnly == SQLITE_OPEN_READONLY && kOpenReadWrite == SQLITE_OPEN_READWRITE &&
               kOpenCreate == SQLITE_OPEN_CREATE);
 
+// SQLite's own threshold of automatic checkpoints, which a connection starts with.
+constexpr int kSqliteDefaultAutocheckpointPages = 1000;
+
 void DbCloser::operator()(sqlite3* db) const noexcept { sqlite3_close_v2(db); }
 
 std::string bindablePlaceholders(std::string_view sql) {
@@ -69,6 +72,7 @@ bool Database::open(int flags, Error* error) {
   db_ = std::move(db);
   if (persistentWal_) setPersistentWal(true);
   if (!checkpointOnClose_) setCheckpointOnClose(false);
+  if (logLimitPages_ > 0) setLogLimit(logLimitPages_);
   return succeed();
 }
 
@@ -94,6 +98,36 @@ void Database::setCheckpointOnClose(bool checkpoint) {
   checkpointOnClose_ = checkpoint;
   if (db_)
     sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, checkpoint ? 0 : 1, nullptr);
+}
+
+void Database::setLogLimit(int pages) {
+  logLimitPages_ = pages;
+  if (!db_) return;
+  if (pages <= 0) {
+    sqlite3_wal_autocheckpoint(db_.get(), kSqliteDefaultAutocheckpointPages);
+    return;
+  }
+  // Called after each commit, once the write lock is given back.
+  auto emptyWhenFull = [](void* context, sqlite3*, const char*, int logPages) {
+    auto* self = static_cast<Database*>(context);
+    if (logPages >= self->logLimitPages_) self->checkpointAndEmptyLog();
+    return SQLITE_OK;
+  };
+  sqlite3_wal_hook(db_.get(), emptyWhenFull, this);
+}
+
+bool Database::checkpointAndEmptyLog(Error* error) {
+  if (!db_) return notOpen(error);
+  // A reader of another process may hold the log for long; waiting for it would hold up the
+  // commit that asked. Its log is emptied by a later commit instead.
+  sqlite3_busy_timeout(db_.get(), 0);
+  int rc = sqlite3_wal_checkpoint_v2(db_.get(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                     nullptr);
+  sqlite3_busy_timeout(db_.get(), static_cast<int>(busyTimeout_.count()));
+  if (rc != SQLITE_OK) {
+    return fail(makeError(sqlite3_extended_errcode(db_.get()), sqlite3_errmsg(db_.get())), error);
+  }
+  return succeed();
 }
 
 bool Database::executeStatements(std::string_view sql, Error* error) {

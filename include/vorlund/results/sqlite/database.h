@@ -75,6 +75,17 @@ class Database {
   // back only by checkpoints (automatic ones as it grows, or "PRAGMA wal_checkpoint").
   // Kept for later opens when the connection is closed.
   void setCheckpointOnClose(bool checkpoint);
+  // In write-ahead-log mode, empties the log after every commit that leaves it holding `pages`
+  // pages or more (see checkpointAndEmptyLog); 0 leaves SQLite's own automatic checkpoint. Needed
+  // by a file that is opened anew for each use: a new connection rebuilds the log's index from the
+  // log file and forgets which pages earlier checkpoints copied back, so SQLite's automatic
+  // checkpoint never lets the log start over, and the log (and the reading of it at every open)
+  // grows with every commit. Kept for later opens when the connection is closed.
+  void setLogLimit(int pages);
+  // Copies every page of the log back into the database file, syncs it and cuts the log to
+  // nothing, without waiting for other connections. False, with error, when another connection is
+  // reading or writing: the log then stays as it was, whole, for a later checkpoint.
+  bool checkpointAndEmptyLog(Error* error = nullptr);
 
   // Runs one or more ';'-separated statements without parameters, discarding rows. False, with
   // error, at the first that fails (the earlier ones stay done).
@@ -113,6 +124,7 @@ class Database {
   std::chrono::milliseconds busyTimeout_{0};
   bool persistentWal_ = false;
   bool checkpointOnClose_ = true;
+  int logLimitPages_ = 0;
   Error lastError_;
 };
 
