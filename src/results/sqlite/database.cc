@@ -121,8 +121,8 @@ bool Database::checkpointAndEmptyLog(Error* error) {
   // A reader of another process may hold the log for long; waiting for it would hold up the
   // commit that asked. Its log is emptied by a later commit instead.
   sqlite3_busy_timeout(db_.get(), 0);
-  int rc = sqlite3_wal_checkpoint_v2(db_.get(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr,
-                                     nullptr);
+  int rc =
+      sqlite3_wal_checkpoint_v2(db_.get(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
   sqlite3_busy_timeout(db_.get(), static_cast<int>(busyTimeout_.count()));
   if (rc != SQLITE_OK) {
     return fail(makeError(sqlite3_extended_errcode(db_.get()), sqlite3_errmsg(db_.get())), error);
