@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "vorlund/devicetools/crash_scanner.h"
 #include "vorlund/results/issue.h"
 #include "vorlund/results/results.h"
 
@@ -19,14 +20,7 @@ Recorder& recorder() {
   return *instance;
 }
 
-void addIssue(const std::string& process, const std::string& type, bool primaryProcess,
-              const std::string& reason) {
-  auto issue = VLIssue::make();
-  issue->setReason(reason);
-  issue->setProcess(process);
-  issue->setType(type);
-  issue->setTime(vl::Date::now());
-  issue->setPrimaryProcess(primaryProcess);
+void deliver(const std::shared_ptr<VLIssue>& issue) {
   vl::IssueRecorder record;
   {
     std::lock_guard lock(recorder().mutex);
@@ -38,6 +32,30 @@ void addIssue(const std::string& process, const std::string& type, bool primaryP
     VLResults::currentResults()->addIssue(issue);
   }
 }
+
+void addIssue(const std::string& process, const std::string& type, bool primaryProcess,
+              const std::string& reason) {
+  auto issue = VLIssue::make();
+  issue->setReason(reason);
+  issue->setProcess(process);
+  issue->setType(type);
+  issue->setTime(vl::Date::now());
+  issue->setPrimaryProcess(primaryProcess);
+  deliver(issue);
+}
+
+// The crash scanner beneath files what it finds here, with the report's own time.
+[[maybe_unused]] const bool kFaultbinRecorderInstalled = [] {
+  vl::setFaultbinIssueRecorder([](const vl::FaultbinIssue& found) {
+    auto issue = VLIssue::make();
+    issue->setReason(found.reason);
+    issue->setProcess(found.process);
+    issue->setType(found.type);
+    issue->setTime(found.time);
+    deliver(issue);
+  });
+  return true;
+}();
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 #include "catalogue/value_printers.h"
 #include "results/run_sandbox.h"
 #include "vorlund/conversion/object_data.h"
+#include "vorlund/devicetools/crash_scanner.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/error.h"
 #include "vorlund/logging/log_hooks.h"
@@ -106,6 +107,37 @@ TEST(IssueTest, ReportingFunctionsAddToTheCurrentResults) {
     EXPECT_EQ(issues[i]->type(), expected[i].type);
     EXPECT_EQ(issues[i]->primaryProcess(), expected[i].primary);
   }
+}
+
+// The crash scanner beneath hands its finds to the results layer: into the current results, or to
+// the recorder of a program that keeps the run elsewhere.
+TEST(IssueTest, CrashScansReachTheCurrentResultsOrTheInstalledRecorder) {
+  vl::test::RunSandbox run;
+  std::string folder = vl::faultbinFoldersForUser("tmp").front();
+  std::filesystem::create_directories(folder);
+  // The run takes no issue older than itself: the report is dated a minute from now.
+  const std::string date =
+      vl::formatLocalTime(vl::Date{vl::Date::now().secondsSince1970 + 60}, "%Y-%m-%d-%H%M%S");
+  std::filesystem::copy_file(
+      std::string(VORLUND_TESTDATA_DIR) + "/faultbin/wpa_supplicant_2023-05-01-123456.ips",
+      folder + "wpa_supplicant_" + date + ".ips");
+  const vl::Date reportTime = *vl::parseFaultbinFileName("x_" + date).time;
+
+  _VLProcessCrashesInFaultbinFolder("tmp");
+  auto issues = run.results()->issueList();
+  ASSERT_EQ(issues.size(), 1u);
+  EXPECT_EQ(issues[0]->reason(), "wpa_supplicant - Crash");
+  EXPECT_EQ(issues[0]->process(), "wpa_supplicant");
+  EXPECT_EQ(issues[0]->type(), "Crash");
+  EXPECT_EQ(issues[0]->time(), reportTime);
+
+  std::vector<std::shared_ptr<VLIssue>> recorded;
+  vl::setIssueRecorder([&](const std::shared_ptr<VLIssue>& issue) { recorded.push_back(issue); });
+  _VLProcessCrashesInFaultbinFolder("tmp");
+  vl::setIssueRecorder(nullptr);
+  ASSERT_EQ(recorded.size(), 1u);
+  EXPECT_TRUE(recorded[0]->isEqualToIssue(*issues[0]));
+  EXPECT_EQ(run.results()->issueList()[0]->instances(), 1u);
 }
 
 }  // namespace

@@ -9,6 +9,11 @@
 // On a stop signal the run is suspended first, then running test cases get a bounded time to finish
 // (their results are then written too), so the service ends well inside systemd's stop time-out.
 //
+// The crash logs are scanned at start, after every test case the service runs, and every
+// "CrashScanInterval" seconds (default 300), each request resting 60 seconds after the last one for
+// the same user. The folders scanned are those of the service's own user and of "root": the
+// daemons whose crashes matter run as root, the test code as the service's user.
+//
 // Requests run on a bounded pool of workers. On the system bus only root and the members of the
 // group named by the preference "ServiceGroup" (default "vorlund") are served.
 #include <grp.h>
@@ -22,10 +27,13 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/conversion/file_handle.h"
+#include "vorlund/devicetools/crash_scanner.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/foundation/process.h"
 #include "vorlund/foundation/time_scale.h"
@@ -48,6 +56,13 @@ constexpr double kStopWaitSeconds = 20.0;
 constexpr const char* kServiceGroupPreference = "ServiceGroup";
 constexpr const char* kDefaultServiceGroup = "vorlund";
 
+// The users whose Faultbin folders the service scans.
+std::vector<std::string> faultbinUsers() {
+  std::string user = vl::process::userName();
+  if (user == "root") return {user};
+  return {user, "root"};
+}
+
 // Runs one requested test case here and records its result in this process's run. The service
 // runs test code itself whatever its process is called: sending the request on to the stress
 // service would be sending it to itself.
@@ -62,6 +77,7 @@ std::shared_ptr<VLTestCaseResult> executeAndRecord(
     VLLog(VLLogLevelError, kCategory, "Unable to add the result of %@ to the run: %s",
           object->name().value_or(""), e.what());
   }
+  for (const std::string& user : faultbinUsers()) VLProcessCrashesInFaultbinFolder(user);
   return result;
 }
 
@@ -179,8 +195,12 @@ int main() {
   // The resumed run is written back at once and then every "ResultsSaveInterval" seconds, so that
   // a service killed without warning loses at most the last interval.
   std::unique_ptr<vl::PeriodicSave> saving = vl::startPeriodicSave(nullptr);
+  std::unique_ptr<vl::Timer> scanning = vl::startPeriodicFaultbinScans(faultbinUsers());
 
   bool busLost = waitForSignalOrLostBus(signalFd->fileDescriptor(), lostBus->fileDescriptor());
+  scanning->cancel();
+  // A scan still running would add to the run while it is suspended, or outlive the process.
+  vl::waitForFaultbinScans();
   saving->stop();
   // The run is on disk before anything can hold the stop up; test cases that finish within the
   // bound add their results, and the run is written again.
