@@ -12,6 +12,7 @@
 #include <string>
 
 #include "bench_sandbox.h"
+#include "vorlund/catalogue/preferences.h"
 #include "vorlund/devicetools/crash_scanner.h"
 #include "vorlund/logging/log.h"
 #include "vorlund/logging/toolkit_logger.h"
@@ -49,6 +50,9 @@ std::string report(const std::string& process, bool crashed, bool simulated) {
 const std::string& reportFolder() {
   static const std::string folder = [] {
     vl::bench::sandbox();
+    // A run has its preferences; without them every classified crash would log their absence.
+    VLSavePreference(vl::Value(vl::Array{vl::Value("gpsd")}),
+                     kVLIncludeSimulatedCrashesForPreference);
     std::string path = vl::faultbinFoldersForUser(kUser).front();
     std::filesystem::create_directories(path);
     const char* processes[] = {"wpa_supplicant", "bluetoothd", "ModemManager", "iwd", "gpsd"};
