@@ -17,6 +17,8 @@ int main(int argc, char** argv) {
   vorlundctl::addResultsCommand(app);
   vorlundctl::addListCommand(app);
   vorlundctl::addRunCommand(app);
+  vorlundctl::addDeviceCommand(app);
+  vorlundctl::addMemdumpCommand(app);
 
   try {
     app.parse(argc, argv);
