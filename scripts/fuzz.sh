@@ -21,6 +21,7 @@ declare -A testdata=(
   [ipm_message_fuzz]=""
   [memory_table_fuzz]="memory-table"
   [crash_report_fuzz]="faultbin"
+  [memory_diagnostics_fuzz]="memory memory-table"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

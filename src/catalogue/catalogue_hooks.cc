@@ -9,6 +9,7 @@ namespace {
 struct Hook {
   std::mutex mutex;
   std::function<void(const std::string&)> recorder;
+  std::function<bool()> basebandProbe;
 };
 
 Hook& hook() {
@@ -34,6 +35,24 @@ void recordFailureIssue(const std::string& reason) {
     recorder(reason);
   } catch (const std::exception&) {
     // Recording a failure must not become one.
+  }
+}
+
+void setBasebandProbe(std::function<bool()> probe) {
+  std::lock_guard lock(hook().mutex);
+  hook().basebandProbe = std::move(probe);
+}
+
+bool deviceHasBaseband() {
+  std::function<bool()> probe;
+  {
+    std::lock_guard lock(hook().mutex);
+    probe = hook().basebandProbe;
+  }
+  try {
+    return probe && probe();
+  } catch (const std::exception&) {
+    return false;
   }
 }
 

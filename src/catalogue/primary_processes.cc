@@ -5,8 +5,8 @@
 #include <initializer_list>
 #include <vector>
 
+#include "vorlund/catalogue/catalogue_hooks.h"
 #include "vorlund/catalogue/preferences.h"
-#include "vorlund/catalogue/technologies_in_use.h"
 #include "vorlund/catalogue/test_bundle.h"
 #include "vorlund/foundation/process.h"
 #include "vorlund/foundation/user_defaults.h"
@@ -101,7 +101,7 @@ std::string VLGetCurrentConfig() {
 
 vl::Dictionary VLGetPrimaryProcessesWithSubtype(const std::string& subtype) {
   const Names cellular =
-      vl::basebandPresent() ? Names{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy"} : Names{};
+      vl::catalogue::deviceHasBaseband() ? Names{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy"} : Names{};
   const Names location{"gpsd", "geoclue"};
   const Names motion{"iio-sensor-proxy"};
   const Names wifi{"wpa_supplicant", "iwd", "NetworkManager", "hostapd"};

@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "devicetools/memory_table.h"
 #include "vorlund/devicetools/shell.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/foundation/regex.h"
@@ -40,10 +41,10 @@ int64_t VLGetNumberOfCoresOnHost() {
   return count > 0 ? static_cast<int64_t>(count) : 1;
 }
 
-int32_t VLGetPIDForProcess(const std::string& name) {
-  DIR* proc = ::opendir("/proc");
-  if (!proc) return -1;
+std::vector<int32_t> vl::processIdentifiers() {
   std::vector<int32_t> pids;
+  DIR* proc = ::opendir("/proc");
+  if (!proc) return pids;
   while (dirent* entry = ::readdir(proc)) {
     char* end = nullptr;
     long pid = std::strtol(entry->d_name, &end, 10);
@@ -51,7 +52,11 @@ int32_t VLGetPIDForProcess(const std::string& name) {
   }
   ::closedir(proc);
   std::sort(pids.begin(), pids.end());
-  for (int32_t pid : pids) {
+  return pids;
+}
+
+int32_t VLGetPIDForProcess(const std::string& name) {
+  for (int32_t pid : vl::processIdentifiers()) {
     // A process that ended meanwhile has no comm any more; it simply does not match.
     std::optional<std::string> comm = readSmallFile(vl::format("/proc/%d/comm", pid));
     if (!comm) continue;
@@ -61,14 +66,21 @@ int32_t VLGetPIDForProcess(const std::string& name) {
   return -1;
 }
 
-std::optional<double> vl::memoryFromMemoryTable(std::string_view output, const std::string& name,
-                                                std::string* matched, Error* error) {
-  std::optional<Regex> pattern = Regex::compile(format(kMemoryLinePattern, name), {}, error);
+std::optional<double> vl::megabytesOnMemoryTableLine(std::string_view output,
+                                                     const char* linePattern,
+                                                     const std::string& name, std::string* matched,
+                                                     Error* error) {
+  std::optional<Regex> pattern = Regex::compile(format(linePattern, name), {}, error);
   if (!pattern) return std::nullopt;
   std::optional<RegexMatch> match = pattern->firstMatch(output);
   if (!match || !match->group(1)) return std::nullopt;
   if (matched) *matched = match->text();
   return std::strtod(match->group(1)->c_str(), nullptr);
+}
+
+std::optional<double> vl::memoryFromMemoryTable(std::string_view output, const std::string& name,
+                                                std::string* matched, Error* error) {
+  return megabytesOnMemoryTableLine(output, kMemoryLinePattern, name, matched, error);
 }
 
 double VLGetMemoryForProcess(const std::string& name) {

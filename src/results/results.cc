@@ -5,14 +5,16 @@
 #include <chrono>
 #include <cmath>
 
-#include "results/device_summary.h"
+#include "results/logging_summary.h"
 #include "results/results_impl.h"
 #include "vorlund/catalogue/catalogue_hooks.h"
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/primary_processes.h"
-#include "vorlund/catalogue/technologies_in_use.h"
 #include "vorlund/catalogue/test_case_registry.h"
+#include "vorlund/deviceinfo/device_identity.h"
+#include "vorlund/deviceinfo/technologies_in_use.h"
 #include "vorlund/devicetools/diagnostic_archive.h"
+#include "vorlund/devicetools/memory_diagnostics.h"
 #include "vorlund/foundation/json.h"
 #include "vorlund/foundation/notification_center.h"
 #include "vorlund/foundation/time_scale.h"
@@ -64,6 +66,8 @@ int64_t integerPreference(const vl::Dictionary& preferences, const char* key, in
   // The catalogue files its "Failure" issues (an unlistable bundle directory) here.
   vl::catalogue::setFailureIssueRecorder(
       [](const std::string& reason) { VLAddFailureToResults(reason); });
+  // Memory diagnostics name their folders after the current run's start.
+  vl::devicetools::setRunStartTimeSource([] { return VLResults::currentResults()->startTime(); });
   return true;
 }();
 
@@ -107,8 +111,8 @@ std::shared_ptr<VLResults> VLResults::makeUnnamed() {
   results->impl_->testType = VLGetCurrentTestMode();
   results->impl_->testSubtype = VLGetCurrentTestSubtype();
   results->impl_->config = VLGetCurrentConfig();
-  results->impl_->hardwareInfo = vl::results::hardwareSummary();
-  results->impl_->softwareInfo = vl::results::softwareSummary();
+  results->impl_->hardwareInfo = vl::hardwareSummary();
+  results->impl_->softwareInfo = vl::softwareSummary();
   results->impl_->loggingInfo = vl::results::loggingSummary();
   results->impl_->testSettings = VLGetPreferences();
   return results;

@@ -12,6 +12,7 @@
 #include "vorlund/conversion/keyed_archive.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/conversion/technology.h"
+#include "vorlund/deviceinfo/radio_state.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/logging/log.h"
@@ -78,10 +79,6 @@ std::string wirelessTechnologyForStressType(const std::string& stressType) {
   return VLConvertTechnologyEnumToString(VLTechnologyNone);
 }
 
-// The radio access technology a subscription (1 or 2) is camped on. There is no radio-state query
-// on this platform yet, and unknown device values are empty, so this is "" for both.
-std::string campedRadioTechnology(int /*subscription*/) { return {}; }
-
 // The wireless-crash count of one area: the entry itself (format 3.0) or its "Total".
 double crashCount(const vl::Value& entry) {
   if (const vl::Dictionary* counts = entry.asDictionary())
@@ -108,8 +105,8 @@ vl::Dictionary summaryOf(const VLResults& results, vl::Date saveDate) {
   summary.set(kKeyMergedResults, results.mergedResults());
   summary.set(kKeyRunTime, results.runtime());
   summary.set(kKeyStartTime, results.startTime());
-  summary.set(kKeyCampedRAT, campedRadioTechnology(1));
-  summary.set(kKeyCampedRAT2, campedRadioTechnology(2));
+  summary.set(kKeyCampedRAT, vl::campedRadioTechnology(1));
+  summary.set(kKeyCampedRAT2, vl::campedRadioTechnology(2));
   return summary;
 }
 

@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "results/results_impl.h"
-#include "vorlund/catalogue/device_serial.h"
+#include "vorlund/deviceinfo/device_serial.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/logging/log.h"

@@ -4,10 +4,10 @@
 
 #include <array>
 
-#include "vorlund/catalogue/device_serial.h"
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/conversion/object_data.h"
+#include "vorlund/deviceinfo/device_serial.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/logging/log.h"
 #include "vorlund/results/issue_reporting.h"

@@ -6,9 +6,8 @@
 
 #include "catalogue/value_printers.h"
 #include "support/test_support.h"
-#include "vorlund/catalogue/device_serial.h"
+#include "vorlund/catalogue/catalogue_hooks.h"
 #include "vorlund/catalogue/preferences.h"
-#include "vorlund/catalogue/technologies_in_use.h"
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/foundation/process.h"
 #include "vorlund/foundation/property_list.h"
@@ -68,7 +67,7 @@ TEST(PrimaryProcessesTest, AreasHoldTheLinuxDaemonsAndSubtypesCombineThem) {
   EXPECT_EQ(table.get("cellular"), Value(Array{}));
   EXPECT_FALSE(table.get("wificalling").asArray()->contains(Value("ModemManager")));
 
-  std::filesystem::create_directories(sandbox.root() + "/sys/class/wwan/wwan0");
+  vl::catalogue::setBasebandProbe([] { return true; });
   table = VLGetPrimaryProcessesWithSubtype("sanity");
   EXPECT_EQ(table.get("sanity"),
             Value(Array{"ModemManager", "ofonod", "qmi-proxy", "mbim-proxy", "wpa_supplicant",
@@ -76,37 +75,7 @@ TEST(PrimaryProcessesTest, AreasHoldTheLinuxDaemonsAndSubtypesCombineThem) {
   EXPECT_FALSE(table.contains("overall"));
   // Each daemon once.
   EXPECT_EQ(VLGetPrimaryProcessesWithSubtype("overall").get("overall").asArray()->size(), 21u);
-}
-
-TEST(DeviceInformationTest, SerialNumberSourcesInOrder) {
-  vl::test::Sandbox sandbox;
-  vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
-  EXPECT_EQ(vl::deviceSerialNumber(), "");
-  vl::test::writeFile(sandbox.root() + "/etc/machine-id", "0123abcd\n");
-  EXPECT_EQ(vl::deviceSerialNumber(), "0123abcd");
-  vl::test::writeFile(sandbox.root() + "/sys/class/dmi/id/product_serial", " PF3ABC \n");
-  EXPECT_EQ(vl::deviceSerialNumber(), "PF3ABC");
-  vl::test::ScopedEnv serial("VORLUND_SERIAL_NUMBER", "ENV123");
-  EXPECT_EQ(vl::deviceSerialNumber(), "ENV123");
-  writePreferences(Dictionary{{"SerialNumber", "PREF9"}});
-  EXPECT_EQ(vl::deviceSerialNumber(), "PREF9");
-}
-
-TEST(DeviceInformationTest, TechnologiesInUseFromTheDeviceClasses) {
-  vl::test::Sandbox sandbox;
-  EXPECT_TRUE(vl::technologiesInUse().empty());
-  EXPECT_FALSE(vl::basebandPresent());
-  const std::string net = sandbox.root() + "/sys/class/net";
-  std::filesystem::create_directories(net + "/wlan0/wireless");
-  vl::test::writeFile(net + "/wlan0/operstate", "down\n");
-  std::filesystem::create_directories(net + "/eth0");
-  vl::test::writeFile(net + "/eth0/operstate", "up\n");
-  EXPECT_TRUE(vl::technologiesInUse().empty());
-  vl::test::writeFile(net + "/wlan0/operstate", "up\n");
-  std::filesystem::create_directories(sandbox.root() + "/sys/class/bluetooth/hci0");
-  std::filesystem::create_directories(sandbox.root() + "/sys/class/wwan/wwan0");
-  EXPECT_EQ(vl::technologiesInUse(), (std::vector<std::string>{"Cellular", "WiFi", "Bluetooth"}));
-  EXPECT_TRUE(vl::basebandPresent());
+  vl::catalogue::setBasebandProbe({});
 }
 
 class RadioTestClass : public VLTestCaseClass {

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "devicetools/fake_tools.h"
 #include "devicetools/processes.h"
 #include "support/child_process.h"
 #include "support/test_support.h"
@@ -33,6 +34,7 @@ namespace vl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using test::FakeTools;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -45,23 +47,6 @@ size_t openDescriptorCount() {
 }
 
 std::string argumentsText(const std::string& command) { return Array{"-c", command}.description(); }
-
-void writeTool(const std::string& path, const std::string& body) {
-  test::writeFile(path, "#!/bin/bash\n" + body + "\n");
-  chmod(path.c_str(), 0755);
-}
-
-// A folder of fake tools put first on PATH.
-class FakeTools {
- public:
-  FakeTools() : path_("PATH", dir_.path() + ":" + std::string(getenv("PATH"))) {}
-  void add(const std::string& name, const std::string& body) { writeTool(dir_.file(name), body); }
-  std::string file(const std::string& name) const { return dir_.file(name); }
-
- private:
-  test::TempDir dir_;
-  test::ScopedEnv path_;
-};
 
 TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   LogCapture capture;

@@ -21,6 +21,8 @@ void addRunCommand(CLI::App& app);
 void addEncodeCommand(CLI::App& app);
 void addResultsCommand(CLI::App& app);
 void addScanCommand(CLI::App& app);
+void addDeviceCommand(CLI::App& app);
+void addMemdumpCommand(CLI::App& app);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

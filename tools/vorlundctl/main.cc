@@ -18,6 +18,8 @@ int main(int argc, char** argv) {
   vorlundctl::addListCommand(app);
   vorlundctl::addRunCommand(app);
   vorlundctl::addScanCommand(app);
+  vorlundctl::addDeviceCommand(app);
+  vorlundctl::addMemdumpCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "vorlund/foundation/error.h"
 
@@ -25,6 +26,9 @@ int32_t VLGetPIDForProcess(const std::string& name);
 double VLGetMemoryForProcess(const std::string& name);
 
 namespace vl {
+// The identifiers of the processes in /proc, ascending; empty when /proc cannot be read.
+std::vector<int32_t> processIdentifiers();
+
 // The parser behind VLGetMemoryForProcess, a pure function over the memory table's text: the first
 // megabyte figure of the first line that matches the line pattern with name put in as it is. None
 // when nothing matches, with *matched left alone, or when the pattern does not compile (name holds

@@ -1,9 +1,10 @@
-#include "vorlund/catalogue/technologies_in_use.h"
+#include "vorlund/deviceinfo/technologies_in_use.h"
 
 #include <filesystem>
 #include <optional>
 #include <system_error>
 
+#include "vorlund/catalogue/catalogue_hooks.h"
 #include "vorlund/foundation/paths.h"
 
 namespace vl {
@@ -38,6 +39,12 @@ bool bluetoothControllerPresent() {
   }
   return false;
 }
+
+// The catalogue's primary-process table lists the cellular daemons only on a device with a modem.
+[[maybe_unused]] const bool kBasebandProbeInstalled = [] {
+  catalogue::setBasebandProbe([] { return basebandPresent(); });
+  return true;
+}();
 
 }  // namespace
 

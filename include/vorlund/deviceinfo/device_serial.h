@@ -1,5 +1,7 @@
 // The device's serial number, as results name the device: the "SerialNumber" preference, then
 // $VORLUND_SERIAL_NUMBER, then the machine's DMI serial, then its machine identifier.
+// Part of deviceinfo, which sits above the catalogue (it reads the preferences) and below the
+// device tools and the results, which name the device with it.
 #pragma once
 
 #include <string>

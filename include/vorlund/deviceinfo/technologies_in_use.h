@@ -1,5 +1,6 @@
 // Which wireless technologies the device is using right now, read from the kernel's device
 // classes under the device root: a result that fails while several radios are busy says so.
+// Linking this module in also tells the catalogue's primary-process table whether a modem exists.
 #pragma once
 
 #include <string>
