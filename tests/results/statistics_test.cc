@@ -28,7 +28,7 @@ Array range(int64_t first, int64_t last) {
   return array;
 }
 
-TEST(StatisticsTest, SeriesFigures) {
+TEST(StatisticsTest, SeriesFiguresAndEdgeSeries) {
   struct SeriesCase {
     const char* label;
     Array values;
@@ -50,9 +50,7 @@ TEST(StatisticsTest, SeriesFigures) {
     EXPECT_DOUBLE_EQ(VLMin(c.values), c.min);
     EXPECT_DOUBLE_EQ(VLMedian(c.values), c.median);
   }
-}
 
-TEST(StatisticsTest, EdgeSeries) {
   vl::LogCapture capture;
   EXPECT_TRUE(std::isnan(VLMean(Array{})) && std::isnan(VLVariance(Array{})) &&
               std::isnan(VLStandardDeviation(Array{})));

@@ -53,20 +53,8 @@ TEST(TestCaseResultTest, DefinitionGivesNameTypeTagsAndTechnologiesOfItsClass) {
   EXPECT_EQ(VLTestCaseResult::withTestCaseObject(wifiDefinition())->technologiesInvolved(), 0);
 }
 
-TEST(TestCaseResultTest, BreakdownByDeviceAppendsTheSerialNumberAndCopyingAppendsItAgain) {
-  vl::test::RunSandbox run(
-      Dictionary{{"BreakdownFailuresByDevice", true}, {"SerialNumber", "C02XK1"}});
-  auto result = completeResult();
-  result->failWithReason("timeout");
-  EXPECT_EQ(result->bucket(), "timeout | C02XK1");
-  EXPECT_EQ(result->copy()->bucket(), "timeout | C02XK1 | C02XK1");
-
-  run.setPreference("BreakdownFailuresByDevice", false);
-  result->failWithReason("timeout");
-  EXPECT_EQ(result->bucket(), "timeout");
-}
-
-TEST(TestCaseResultTest, CopyKeepsOutcomeMetricsAndTagsButNotCodeOrFlags) {
+TEST(TestCaseResultTest,
+     CopyKeepsOutcomeMetricsAndTagsButNotCodeOrFlagsAndBreakdownAppendsTheSerial) {
   vl::test::RunSandbox run;
   auto source = VLTestCaseResult::withTestCaseObject(wifiDefinition());
   source->addMetric(12.5, "Throughput");
@@ -85,6 +73,15 @@ TEST(TestCaseResultTest, CopyKeepsOutcomeMetricsAndTagsButNotCodeOrFlags) {
   auto fresh = completeResult();
   fresh->setBucket(std::string("never ran"));
   EXPECT_TRUE(fresh->copy()->didFail());
+
+  // Breakdown by device appends the serial number to a bucket, and copying appends it again.
+  run.writePreferences(Dictionary{{"BreakdownFailuresByDevice", true}, {"SerialNumber", "C02XK1"}});
+  fresh->failWithReason("timeout");
+  EXPECT_EQ(fresh->bucket(), "timeout | C02XK1");
+  EXPECT_EQ(fresh->copy()->bucket(), "timeout | C02XK1 | C02XK1");
+  run.setPreference("BreakdownFailuresByDevice", false);
+  fresh->failWithReason("timeout");
+  EXPECT_EQ(fresh->bucket(), "timeout");
 }
 
 TEST(TestCaseResultTest, MetricsAndTagsRefuseNoneKeysAndValuesWithTheirLines) {

@@ -178,8 +178,6 @@ TEST(TestCaseStatisticTest, AveragePoolsMeanAndDeviationOverPassingInstances) {
   };
   // clang-format off
   const std::vector<Case> cases = {
-      {"equal counts, no spread", makeStatistic("T", "Average", 4, 0.0, {}, {{"m", {10, 0, 10, 10}}}),
-       makeStatistic("T", "Average", 4, 0.0, {}, {{"m", {20, 0, 20, 20}}}), 8, 0.0, {15, 5, 10, 20}},
       // fA = 2, pA = 8; fB = 2, pB = 3: mean (80 + 63) / 11 = 13,
       // deviation sqrt((8 * (4 + 9) + 3 * (9 + 64)) / 11) = sqrt(323 / 11).
       {"failures excluded, spreads pooled",
