@@ -57,7 +57,8 @@ TEST(IssueTest, ValidityNamesTheFirstMissingFieldInOrder) {
   EXPECT_TRUE(complete->isValid());
 }
 
-TEST(IssueTest, EqualityComparesTimeReasonAndProcessOnly) {
+TEST(IssueTest, EqualityAndTheDictionaryForm) {
+  // Equal on time, reason and process only; two issues without them are never equal.
   auto a = crashIssue();
   auto b = crashIssue();
   b->setType(std::string("Failure"));
@@ -66,18 +67,14 @@ TEST(IssueTest, EqualityComparesTimeReasonAndProcessOnly) {
   b->setProcess(std::string("iwd"));
   EXPECT_FALSE(a->isEqualToIssue(*b));
   EXPECT_FALSE(VLIssue::make()->isEqualToIssue(*VLIssue::make()));
-}
 
-TEST(IssueTest, TheDictionaryFormKeepsItsOrderAndReadsBack) {
-  Dictionary dictionary = crashIssue()->getDictionaryRepresentation();
+  Dictionary dictionary = a->getDictionaryRepresentation();
   std::vector<std::string> keys{"Reason",        "Process",         "Type",      "Time",
                                 "MTBFImpacting", "WirelessProcess", "Instances", "Class"};
   EXPECT_EQ(dictionary.keys(), keys);
   EXPECT_EQ(VLIssue::withDictionary(dictionary)->getDictionaryRepresentation(), dictionary);
   // A key of another type keeps the default.
-  auto broken = VLIssue::withDictionary(Dictionary{{"Reason", 5}, {"Instances", 2}});
-  EXPECT_FALSE(broken->reason());
-  EXPECT_EQ(broken->instances(), 2u);
+  EXPECT_FALSE(VLIssue::withDictionary(Dictionary{{"Reason", 5}})->reason());
 }
 
 TEST(IssueTest, ReportingFunctionsAddToTheCurrentResults) {
@@ -87,26 +84,15 @@ TEST(IssueTest, ReportingFunctionsAddToTheCurrentResults) {
   VLAddStatisticToResults("Sample requested but not implemented in any bundles");
   vl::logging::recordStatisticIssue("malformed event");
 
-  auto issues = run.results()->issueList();
-  ASSERT_EQ(issues.size(), 4u);
-  struct Expected {
-    const char* reason;
-    const char* process;
-    const char* type;
-    bool primary;
-  };
-  const Expected expected[] = {
-      {"bluetoothd - Crash", "bluetoothd", "Crash", true},
-      {"disk full", "Vorlund", "Failure", false},
-      {"Sample requested but not implemented in any bundles", "Vorlund", "Statistic", false},
-      {"malformed event", "Vorlund", "Statistic", false},
-  };
-  for (size_t i = 0; i < issues.size(); ++i) {
-    EXPECT_EQ(issues[i]->reason(), expected[i].reason);
-    EXPECT_EQ(issues[i]->process(), expected[i].process);
-    EXPECT_EQ(issues[i]->type(), expected[i].type);
-    EXPECT_EQ(issues[i]->primaryProcess(), expected[i].primary);
+  std::vector<std::string> seen;
+  for (const auto& issue : run.results()->issueList()) {
+    seen.push_back(*issue->reason() + "|" + *issue->process() + "|" + *issue->type() +
+                   (issue->primaryProcess() ? "|primary" : ""));
   }
+  EXPECT_EQ(seen, (std::vector<std::string>{
+                      "bluetoothd - Crash|bluetoothd|Crash|primary", "disk full|Vorlund|Failure",
+                      "Sample requested but not implemented in any bundles|Vorlund|Statistic",
+                      "malformed event|Vorlund|Statistic"}));
 }
 
 // The crash scanner beneath hands its finds to the results layer: into the current results, or to

@@ -1,6 +1,6 @@
-// The results file and the resume data of a run, on real files in a sandboxed device: names, key
-// order, the Config table, suspend and resume,
-// bad resume data, restoring from a results file, and writes that fail or are killed midway.
+// The results file and the resume data of a run, on real files in a sandboxed device: key order,
+// suspend and resume, bad resume data, restoring from a results file, and writes that fail or are
+// killed midway.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -67,49 +67,6 @@ void fillRun(VLResults& results) {
 
 // Dates in XML property lists keep whole seconds.
 double wholeSeconds(vl::Date date) { return std::floor(date.secondsSince1970); }
-
-TEST(ResultsFileTest, KeysComeInOrderForOurReaderAndForPlistlib) {
-  vl::test::RunSandbox run;
-  auto results = run.results();
-  fillRun(*results);
-  results->setRuntime(7200);
-  results->setMergedResults(3);
-  Dictionary crashes = results->wirelessCrashes();
-  crashes.set("wifi", Dictionary{{"wpa_supplicant", 4}, {"Total", 4}});
-  crashes.set("bluetooth", Dictionary{{"Total", 0}});
-  results->setWirelessCrashes(crashes);
-  const std::string path = run.device().path("out/results.plist");
-
-  ASSERT_TRUE(results->saveToFile(path));
-
-  std::optional<Dictionary> file = vl::plist::readDictionary(path);
-  ASSERT_TRUE(file);
-  EXPECT_EQ(file->keys(), kResultsFileKeys);
-  EXPECT_EQ(file->get("City"), Value("Cupertino"));
-  EXPECT_EQ(file->get("StartTime").asDate()->secondsSince1970, wholeSeconds(results->startTime()));
-  // One uwbd crash counts in "uwb" and "overall"; a count of 0 gives the run time.
-  EXPECT_EQ(file->get("MTBF"),
-            Value(Dictionary{
-                {"uwb", 7200.0}, {"overall", 7200.0}, {"wifi", 1800.0}, {"bluetooth", 7200.0}}));
-  const Array* issues = file->get("Issues").asArray();
-  ASSERT_TRUE(issues && issues->size() == 2u);
-  EXPECT_EQ((*issues)[1].asDictionary()->get("Reason"), Value("Scan stalled"));
-  EXPECT_EQ(file->get("TestCases").asDictionary()->get("Ping").asDictionary()->get("FailureRate"),
-            Value(0.5));
-}
-
-TEST(ResultsFileTest, FormatThreeCountsGiveMtbfAndTheTechnologyIgnoresCase) {
-  vl::test::RunSandbox run({{"StressType", "Bluetooth"}, {"StressSubtype", "Default"}});
-  auto results = run.results();
-  results->setVersion(3.0);
-  results->setRuntime(1000);
-  results->setWirelessCrashes(Dictionary{{"wifi", 4}, {"nfc", 0}});
-  Dictionary file = results->resultsFileDictionary();
-  EXPECT_EQ(file.get("WirelessTechnology"), Value("Bluetooth"));
-  EXPECT_EQ(file.get("MTBF"), Value(Dictionary{{"wifi", 250.0}, {"nfc", 1000.0}}));
-  results->setTestType("soak");
-  EXPECT_EQ(results->resultsFileDictionary().get("WirelessTechnology"), Value("None"));
-}
 
 TEST(ResumeDataTest, ASuspendedRunResumesWhereItStopped) {
   vl::test::RunSandbox run;
@@ -232,19 +189,33 @@ TEST(ResumeDataTest, BadResumeDataGivesAFreshRunWithTheSystemsLines) {
   }
 }
 
-TEST(ResultsFileTest, AResultsFileRestoresTheRunItWasSavedFrom) {
+TEST(ResultsFileTest, AResultsFileKeepsItsKeyOrderAndRestoresTheRunItWasSavedFrom) {
   vl::test::RunSandbox run;
   auto results = run.results();
   fillRun(*results);
   results->setConfig("Nightly");
-  results->setRuntime(5400);
+  results->setRuntime(7200);
   results->setMergedResults(2);
-  const std::string path = run.device().path("device1.plist");
+  Dictionary crashes = results->wirelessCrashes();
+  crashes.set("wifi", Dictionary{{"wpa_supplicant", 4}, {"Total", 4}});
+  crashes.set("bluetooth", Dictionary{{"Total", 0}});
+  results->setWirelessCrashes(crashes);
+  const std::string path = run.device().path("out/device1.plist");
   ASSERT_TRUE(results->saveToFile(path));
+
+  Dictionary first = *vl::plist::readDictionary(path);
+  EXPECT_EQ(first.keys(), kResultsFileKeys);
+  EXPECT_EQ(first.get("City"), Value("Cupertino"));
+  EXPECT_EQ(first.get("StartTime").asDate()->secondsSince1970, wholeSeconds(results->startTime()));
+  // One uwbd crash counts in "uwb" and "overall"; a count of 0 gives the run time.
+  EXPECT_EQ(first.get("MTBF"),
+            Value(Dictionary{
+                {"uwb", 7200.0}, {"overall", 7200.0}, {"wifi", 1800.0}, {"bluetooth", 7200.0}}));
+  EXPECT_EQ(first.get("TestCases").asDictionary()->get("Ping").asDictionary()->get("FailureRate"),
+            Value(0.5));
+
   vl::LogCapture capture;
-
   auto restored = VLResults::withFile(path);
-
   ASSERT_TRUE(restored);
   EXPECT_TRUE(
       capture.contains(VLLogLevelInfo, "Results",
@@ -254,7 +225,6 @@ TEST(ResultsFileTest, AResultsFileRestoresTheRunItWasSavedFrom) {
   // save date), and it has no timeline to mirror into.
   const std::string again = run.device().path("again.plist");
   ASSERT_TRUE(restored->saveToFile(again));
-  Dictionary first = *vl::plist::readDictionary(path);
   Dictionary second = *vl::plist::readDictionary(again);
   first.erase("LastUpdated");
   second.erase("LastUpdated");

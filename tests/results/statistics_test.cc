@@ -28,17 +28,12 @@ Array range(int64_t first, int64_t last) {
   return array;
 }
 
-struct SeriesCase {
-  const char* label;
-  Array values;
-  double mean;
-  double variance;
-  double max;
-  double min;
-  double median;
-};
-
-TEST(StatisticsTest, SeriesFigures) {
+TEST(StatisticsTest, SeriesFiguresAndEdgeSeries) {
+  struct SeriesCase {
+    const char* label;
+    Array values;
+    double mean, variance, max, min, median;
+  };
   const std::vector<SeriesCase> cases = {
       // The population variance (the sample variance would be 1).
       {"odd count, unsorted", numbers({3, 1, 2}), 2.0, 2.0 / 3.0, 3.0, 1.0, 2.0},
@@ -55,9 +50,7 @@ TEST(StatisticsTest, SeriesFigures) {
     EXPECT_DOUBLE_EQ(VLMin(c.values), c.min);
     EXPECT_DOUBLE_EQ(VLMedian(c.values), c.median);
   }
-}
 
-TEST(StatisticsTest, EdgeSeries) {
   vl::LogCapture capture;
   EXPECT_TRUE(std::isnan(VLMean(Array{})) && std::isnan(VLVariance(Array{})) &&
               std::isnan(VLStandardDeviation(Array{})));
@@ -80,14 +73,13 @@ TEST(StatisticsTest, EdgeSeries) {
   EXPECT_EQ(values, before);
 }
 
-struct QuartileCase {
-  const char* label;
-  Array values;
-  double lower;
-  double upper;
-};
-
-TEST(StatisticsTest, QuartileCutoffs) {
+TEST(StatisticsTest, QuartilesOutliersAndSlopes) {
+  struct QuartileCase {
+    const char* label;
+    Array values;
+    double lower;
+    double upper;
+  };
   const std::vector<QuartileCase> cases = {
       {"1..10", range(1, 10), 3.0, 8.0},
       {"1..11, middle element in neither half", range(1, 11), 3.0, 9.0},
@@ -100,22 +92,16 @@ TEST(StatisticsTest, QuartileCutoffs) {
     EXPECT_DOUBLE_EQ(VLUpperQuartileCutoff(c.values), c.upper);
     EXPECT_DOUBLE_EQ(VLInterQuartileRange(c.values), c.upper - c.lower);
   }
-}
-
-struct OutlierCase {
-  double value;
-  bool outlier;
-};
-
-TEST(StatisticsTest, OutlierFenceIsOneInterquartileRange) {
   // 1..50: L = 13, U = 38, R = 25, so the fences are -12 and 63 (1.5 ranges would give 75.5).
-  const Array data = range(1, 50);
-  const std::vector<OutlierCase> cases = {
-      {63.0, false}, {63.5, true}, {-12.0, false}, {-12.5, true}};
-  for (const OutlierCase& c : cases) {
-    SCOPED_TRACE(c.value);
-    EXPECT_EQ(VLIsOutlier(data, Number(c.value)), c.outlier);
-  }
+  for (auto [value, outlier] :
+       {std::pair{63.0, false}, {63.5, true}, {-12.0, false}, {-12.5, true}})
+    EXPECT_EQ(VLIsOutlier(range(1, 50), Number(value)), outlier) << value;
+
+  EXPECT_DOUBLE_EQ(VLBestFitSlope(numbers({0, 1, 2, 3}), numbers({5, 4.5, 4, 3.5})), -0.5);
+  // Sxy = 22, Sx = 6, Sy = 9, Sxx = 14, n = 3: (22 - 18) / (14 - 12) = 2.
+  EXPECT_DOUBLE_EQ(VLBestFitSlope(numbers({1, 2, 3}), numbers({2, 1, 6})), 2.0);
+  // Every x equal: the denominator is zero and the arithmetic is left to stand.
+  EXPECT_FALSE(std::isfinite(VLBestFitSlope(numbers({2, 2, 2}), numbers({1, 2, 3}))));
 }
 
 TEST(StatisticsTest, QuartilesNeedTenElementsAndOutliersFifty) {
@@ -128,27 +114,6 @@ TEST(StatisticsTest, QuartilesNeedTenElementsAndOutliersFifty) {
                                "Unable to calculate IQR for data set less than 10..."));
   EXPECT_FALSE(VLIsOutlier(range(1, 49), Number(1e9)));
   EXPECT_EQ(capture.find("Unable to calculate outliers for data set less than 50...").size(), 1u);
-}
-
-struct SlopeCase {
-  const char* label;
-  Array x;
-  Array y;
-  double slope;
-};
-
-TEST(StatisticsTest, BestFitSlope) {
-  const std::vector<SlopeCase> cases = {
-      {"offset line", numbers({0, 1, 2, 3}), numbers({5, 4.5, 4, 3.5}), -0.5},
-      // Sxy = 22, Sx = 6, Sy = 9, Sxx = 14, n = 3: (22 - 18) / (14 - 12) = 2.
-      {"noisy", numbers({1, 2, 3}), numbers({2, 1, 6}), 2.0},
-  };
-  for (const SlopeCase& c : cases) {
-    SCOPED_TRACE(c.label);
-    EXPECT_DOUBLE_EQ(VLBestFitSlope(c.x, c.y), c.slope);
-  }
-  // Every x equal: the denominator is zero and the arithmetic is left to stand.
-  EXPECT_FALSE(std::isfinite(VLBestFitSlope(numbers({2, 2, 2}), numbers({1, 2, 3}))));
 }
 
 TEST(StatisticsDeathTest, MismatchedArraysStopTheProcess) {
