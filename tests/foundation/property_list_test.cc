@@ -147,24 +147,6 @@ TEST(PropertyListTest, MalformedAndHostileInputGivesErrors) {
   for (size_t n = 0; n < valid.size(); n += 7) plist::parse(valid.substr(0, n));
 }
 
-TEST(PropertyListTest, FilesAreWrittenAtomicallyAndReadBack) {
-  test::TempDir dir;
-  const std::string path = dir.file("Settings.plist");
-  Dictionary settings{{"StressType", Value("WiFi")}, {"Count", Value(int64_t{3})}};
-  Error error;
-  ASSERT_TRUE(plist::writeFile(Value(settings), path, plist::Format::Xml, &error));
-  EXPECT_NE(test::readFile(path).find("<?xml"), std::string::npos);
-  EXPECT_EQ(plist::readDictionary(path, &error), settings);
-
-  ASSERT_TRUE(plist::writeFile(Value(Array{}), dir.file("list.plist"), plist::Format::Binary));
-  EXPECT_FALSE(plist::readDictionary(dir.file("list.plist"), &error));
-  EXPECT_NE(error.localizedDescription().find("does not hold a dictionary"), std::string::npos);
-  EXPECT_FALSE(plist::readFile(dir.file("missing.plist"), &error));
-  EXPECT_NE(error.localizedDescription().find("missing.plist"), std::string::npos);
-  test::writeFile(dir.file("junk.plist"), "not a plist");
-  EXPECT_FALSE(plist::readFile(dir.file("junk.plist"), &error));
-}
-
 TEST(PropertyListTest, FailedWritesLeaveTheOldFileWhole) {
   test::TempDir dir;
   const std::string path = dir.file("Settings.plist");
