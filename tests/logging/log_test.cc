@@ -5,11 +5,9 @@
 
 #include <filesystem>
 #include <regex>
-#include <thread>
 
 #include "logging/logging_test_support.h"
 #include "support/test_support.h"
-#include "vorlund/foundation/format.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/process.h"
 #include "vorlund/logging/toolkit_logger.h"
@@ -83,27 +81,6 @@ TEST(ToolkitLogger, SinksReceiveTheFlagsOfTheirMaskAndSynchronousLinesAtOnce) {
   logger.shutdown();
   logger.log(true, kToolkitFlagInfo, "late");
   EXPECT_EQ(all->lines().back(), "4 late");
-}
-
-TEST(ToolkitLogger, AsynchronousLinesKeepTheirOrderAcrossThreads) {
-  ToolkitLogger logger;
-  auto sink = std::make_shared<CollectingSink>();
-  logger.addSink(sink, kToolkitMaskAll);
-  std::vector<std::jthread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&logger, t] {
-      for (int i = 0; i < 500; ++i) logger.log(true, kToolkitFlagInfo, format("t%d %d", t, i));
-    });
-  }
-  threads.clear();
-  logger.drain();
-
-  ASSERT_EQ(sink->lines().size(), 2000u);
-  std::vector<int> next(4, 0);
-  for (const std::string& line : sink->lines()) {
-    int t = line[3] - '0';
-    EXPECT_EQ(line, "4 t" + std::to_string(t) + " " + std::to_string(next[t]++));
-  }
 }
 
 // The shared toolkit logger is made once per process, so each case runs in a process of its own
