@@ -1,8 +1,7 @@
 #include "vorlund/catalogue/preferences.h"
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -46,7 +45,7 @@ bool immutableFlag(const std::string& path, std::optional<bool> set = std::nullo
   return ok && (set || (flags & FS_IMMUTABLE_FL) != 0);
 }
 
-TEST(SavePreference, StoresRemovesAndNeverOverwritesBundlePreferences) {
+TEST(SavePreference, StoresRemovesNeverOverwritesBundlePreferencesAndWaitsForAWritableFile) {
   vl::test::Sandbox sandbox;
   VLSavePreference(Value("wifi"), "StressType");
   VLSavePreference(Value(3), "Count");
@@ -56,10 +55,8 @@ TEST(SavePreference, StoresRemovesAndNeverOverwritesBundlePreferences) {
   EXPECT_EQ(VLGetPreferences().get("StressType"), Value("wifi"));
   EXPECT_EQ(VLGetPreferences().get("Config"), Value("Lab"));
   EXPECT_FALSE(immutableFlag(VLGetTestSettingsFilePath()));
-}
 
-TEST(SavePreference, WaitsWhileTheFileIsNotWritable) {
-  vl::test::Sandbox sandbox;
+  // A file that is not writable is waited for.
   vl::time::ScopedScale scale(0.01);
   VLSavePreference(Value("a"), "Key");
   std::string path = VLGetTestSettingsFilePath();

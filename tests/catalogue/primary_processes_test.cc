@@ -70,7 +70,7 @@ TEST(PrimaryProcessesTest, AreasHoldTheLinuxDaemonsAndSubtypesCombineThem) {
   EXPECT_EQ(VLGetPrimaryProcessesWithSubtype("overall").get("overall").asArray()->size(), 21u);
 }
 
-TEST(DeviceInformationTest, SerialNumberSourcesInOrder) {
+TEST(DeviceInformationTest, SerialNumberSourcesInOrderAndTechnologiesInUse) {
   vl::test::Sandbox sandbox;
   vl::test::ScopedEnv noSerial("VORLUND_SERIAL_NUMBER", std::nullopt);
   EXPECT_EQ(vl::deviceSerialNumber(), "");
@@ -82,10 +82,8 @@ TEST(DeviceInformationTest, SerialNumberSourcesInOrder) {
   EXPECT_EQ(vl::deviceSerialNumber(), "ENV123");
   writePreferences(Dictionary{{"SerialNumber", "PREF9"}});
   EXPECT_EQ(vl::deviceSerialNumber(), "PREF9");
-}
 
-TEST(DeviceInformationTest, TechnologiesInUseFromTheDeviceClasses) {
-  vl::test::Sandbox sandbox;
+  // Technologies in use come from the device classes.
   EXPECT_TRUE(vl::technologiesInUse().empty());
   EXPECT_FALSE(vl::basebandPresent());
   const std::string net = sandbox.root() + "/sys/class/net";

@@ -41,7 +41,7 @@ TEST(ValueTest, DescriptionsAreTheTextPropertyListForm) {
             "The operation couldn't be completed. (D error 7.)");
 }
 
-TEST(FormatTest, PrintfConversionsAndObjectPlaceholders) {
+TEST(FormatTest, PrintfConversionsObjectPlaceholdersAndMismatchedArguments) {
   EXPECT_EQ(format("%d %ld %zd %u %lu %lld", 1, -2L, size_t{3}, 4u, 5UL, -6LL), "1 -2 3 4 5 -6");
   EXPECT_EQ(format("%02d:%02d|%-5s|", 5, 7, "ab"), "05:07|ab   |");
   EXPECT_EQ(format("%f|%.1f|%0.2f", 1.5, 2.25, 3.14159), "1.500000|2.2|3.14");
@@ -53,9 +53,8 @@ TEST(FormatTest, PrintfConversionsAndObjectPlaceholders) {
   EXPECT_EQ(format("%@", Error::withDescription("D", 1, "bad")).substr(0, 22),
             "Error Domain=D Code=1 ");
   EXPECT_EQ(format("%d|%.2f|%@", Value(7), Value(1.005), Number(2.5)), "7|1.00|2.5");
-}
 
-TEST(FormatTest, MismatchedOrMissingArgumentsNeverCrash) {
+  // Mismatched or missing arguments never crash.
   EXPECT_EQ(format("%d", "text"), "text");
   EXPECT_EQ(format("%s", 42), "42");
   EXPECT_EQ(format("%d %d", 1), "1 (null)");

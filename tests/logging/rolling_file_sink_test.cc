@@ -42,7 +42,7 @@ std::shared_ptr<spdlog::logger> loggerOver(std::shared_ptr<RollingFileSink> sink
   return logger;
 }
 
-TEST(RollingFileSink, NamesFilesAfterTheProcessAndSecondAndNeverReusesOne) {
+TEST(RollingFileSink, NamesFilesAfterTheProcessAndSecondNeverReusesOneAndReportsAMissingFolder) {
   test::TempDir dir;
   auto first = std::make_shared<RollingFileSink>(
       RollingFileOptions{.directory = dir.file("logs/nested"), .baseName = "tools/stress"});
@@ -57,10 +57,8 @@ TEST(RollingFileSink, NamesFilesAfterTheProcessAndSecondAndNeverReusesOne) {
   EXPECT_TRUE(std::regex_match(
       test::readFile(first->currentFilePath()),
       std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[\d+:\d+\] \[Default\] hello\n)")));
-}
 
-TEST(RollingFileSink, ReportsAFolderItCannotMake) {
-  test::TempDir dir;
+  // A folder it cannot make is reported and the line kept.
   test::writeFile(dir.file("plain"), "a file, not a folder");
   RollingFileSink sink(RollingFileOptions{.directory = dir.file("plain/logs"), .baseName = "x"});
   spdlog::details::log_msg msg("test", spdlog::level::info, "kept");
