@@ -14,29 +14,13 @@ namespace vl {
 namespace {
 
 using test::binaryPlist;
+using test::everyKind;
 using test::widening;
 
 class Opaque : public Record {
  public:
   std::string className() const override { return "Opaque"; }
 };
-
-// Every kind a property list holds, nested, with keys out of alphabetical order.
-Dictionary everyKind() {
-  return Dictionary{{"Name", "Grüße aus 東京 🌍"},
-                    {"Negative", int64_t{-9000000000}},
-                    {"Smallest", INT64_MIN},
-                    {"Largest Unsigned", UINT64_MAX},
-                    {"Int32", 7},
-                    {"Real", -2.5},
-                    {"Whole Real", 2.0},
-                    {"Date", Date{1700000000.25}},
-                    {"Data", Data(std::vector<uint8_t>{0, 1, 2, 0xff, 0})},
-                    {"Empty Data", Data()},
-                    {"List", Array{"a", Array{int64_t{1}, Dictionary()}, Array()}},
-                    {"Inner", Dictionary{{"zeta", true}, {"alpha", false}, {"mid", -5}}},
-                    {"", "empty key"}};
-}
 
 TEST(PropertyListTest, RoundTripsKeepEveryKindOrderAndType) {
   for (auto format : {plist::Format::Binary, plist::Format::Xml}) {
