@@ -221,7 +221,6 @@ TEST(Bundles, SearchesPreferTheFirstBundleAndTheManagerTheLast) {
       0u);
   auto json = vl::json::parse(manager->getMetaAsJSON());
   ASSERT_TRUE(json && json->asArray());
-  EXPECT_EQ(json->asArray()->size(), 2u);
   EXPECT_EQ(json->asArray()->at(1).asDictionary()->get("name"), vl::Value(later));
 }
 

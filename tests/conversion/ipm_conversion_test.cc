@@ -42,7 +42,6 @@ TEST(IpmConversionTest, MapsEveryTypeBothWays) {
 
   auto back = VLIPMDictionaryToNSDictionary(ipm);
   ASSERT_TRUE(back);
-  EXPECT_EQ(back->keys(), d.keys());
   Dictionary plain = *back;
   for (const char* key : {"Date", "Handle"}) plain.erase(key), d.erase(key);
   EXPECT_EQ(plain, d);
