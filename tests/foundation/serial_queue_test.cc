@@ -96,32 +96,6 @@ TEST(SerialQueueTest, SyncFromInsideTheQueueRunsInline) {
   EXPECT_EQ(steps, (std::vector<std::string>{"outer", "inner", "after", "still running"}));
 }
 
-TEST(SerialQueueTest, DelayedItemsRunInOrderOfTheirTimeAndDestructionDropsThem) {
-  time::ScopedScale fast(0.001);
-  Recorder recorder;
-  Gate gate;
-  {
-    SerialQueue queue("delays");
-    queue.async([&] { gate.wait(); });  // holds the queue until everything is scheduled
-    const auto base = std::chrono::steady_clock::now();
-    queue.asyncAt(base + time::scaled(30), [&] { recorder.add(3); });
-    queue.asyncAt(base + time::scaled(10), [&] { recorder.add(1); });
-    queue.asyncAt(base + time::scaled(20), [&] { recorder.add(2); });
-    queue.asyncAt(base + time::scaled(20), [&] { recorder.add(22); });  // after the other
-    queue.asyncAfter(3600, [&] { recorder.add(-1); });
-    queue.async([&] { recorder.add(0); });
-    gate.open();
-    ASSERT_TRUE(recorder.waitFor(5));
-    Gate hold;
-    queue.async([&] { hold.wait(); });
-    for (int i = 0; i < 10; ++i) queue.async([&] { recorder.add(9); });
-    hold.open();
-  }  // pending work still runs; the delayed item is dropped
-  std::vector<int> expected{0, 1, 2, 22, 3};
-  expected.resize(15, 9);
-  EXPECT_EQ(recorder.values(), expected);
-}
-
 TEST(SerialQueueTest, TheLastReferenceMayBeReleasedOnTheQueueItself) {
   auto queue = std::make_shared<SerialQueue>("self");
   std::weak_ptr<SerialQueue> watch = queue;
