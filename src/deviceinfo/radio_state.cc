@@ -111,7 +111,7 @@ std::string campedRadioTechnology(int subscription) {
   }
   Message call(rawCall);
   sd_bus_message_set_auto_start(call.get(), 0);
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};  // SD_BUS_ERROR_NULL, without the C compound literal
   sd_bus_message* rawReply = nullptr;
   int status = sd_bus_call(bus.get(), call.get(), kQueryTimeoutMicroseconds, &error, &rawReply);
   sd_bus_error_free(&error);
