@@ -56,7 +56,8 @@ Kind kindOf(const std::string& path) {
 
 bool makeLink(const std::string& destination, const std::string& linkPath, vl::Error* error) {
   if (::symlink(destination.c_str(), linkPath.c_str()) == 0) return true;
-  vl::setError(error, posixError(errno, vl::format("Could not link %s to %s", linkPath, destination)));
+  vl::setError(error,
+               posixError(errno, vl::format("Could not link %s to %s", linkPath, destination)));
   return false;
 }
 
@@ -77,7 +78,8 @@ std::optional<std::vector<std::string>> listFolder(const std::string& path, vl::
 }
 
 // listFolder, logging a failure.
-std::optional<std::vector<std::string>> listFolderLogging(const std::string& path, vl::Error* error) {
+std::optional<std::vector<std::string>> listFolderLogging(const std::string& path,
+                                                          vl::Error* error) {
   vl::Error listing;
   std::optional<std::vector<std::string>> names = listFolder(path, &listing);
   if (!names) {
@@ -118,7 +120,8 @@ std::shared_ptr<vl::SerialQueue> backgroundQueue() {
     auto* made = new std::shared_ptr<vl::SerialQueue>(
         std::make_shared<vl::SerialQueue>("com.brindle.vorlund.sync-folders"));
     // setpriority with PRIO_PROCESS and a thread id changes only that thread on Linux.
-    (*made)->async([] { ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kBackgroundNice); });
+    (*made)->async(
+        [] { ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kBackgroundNice); });
     return made;
   }();
   return *queue;
@@ -250,7 +253,8 @@ void VLAddSyncedFile(const std::string& file, const std::string& folderName, boo
   }
 }
 
-void VLAddSyncedFilesFromRegularExpression(const std::string& directory, const vl::Regex& expression,
+void VLAddSyncedFilesFromRegularExpression(const std::string& directory,
+                                           const vl::Regex& expression,
                                            const std::string& folderName, bool move,
                                            bool deleteAfterSync, vl::Error* error) {
   std::optional<std::vector<std::string>> names = listFolderLogging(directory, error);
@@ -271,7 +275,8 @@ void VLAddSyncedFilesFromRegularExpression(const std::string& directory, const v
 void VLPeriodicallyAddSyncedFilesFromRegularExpression(const std::string& directory,
                                                        const vl::Regex& expression,
                                                        const std::string& folderName, bool move,
-                                                       bool deleteAfterSync, double intervalMinutes) {
+                                                       bool deleteAfterSync,
+                                                       double intervalMinutes) {
   auto copy = [directory, expression, folderName, move, deleteAfterSync] {
     vl::Error error;
     VLAddSyncedFilesFromRegularExpression(directory, expression, folderName, move, deleteAfterSync,
@@ -321,7 +326,8 @@ VLComparisonResult FileSort(const vl::Dictionary& first, const vl::Dictionary& s
 
 std::optional<vl::Dictionary> VLFileAttributes(const std::string& path) {
   struct statx st {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &st) != 0) {
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &st) !=
+      0) {
     return std::nullopt;
   }
   const statx_timestamp& when = (st.stx_mask & STATX_BTIME) ? st.stx_btime : st.stx_ctime;

@@ -130,10 +130,11 @@ std::string verify(const std::string& copy, uint64_t size, const std::string& di
   struct stat st {};
   if (::stat(copy.c_str(), &st) != 0) return errnoText("cannot examine", copy);
   if (static_cast<uint64_t>(st.st_size) != size) {
-    return vl::format("size of %s is %lld bytes, not %lld", copy, static_cast<long long>(st.st_size),
-                      static_cast<long long>(size));
+    return vl::format("size of %s is %lld bytes, not %lld", copy,
+                      static_cast<long long>(st.st_size), static_cast<long long>(size));
   }
-  if (VLSha256OfFile(copy) != digest) return vl::format("SHA-256 of %s differs from its source", copy);
+  if (VLSha256OfFile(copy) != digest)
+    return vl::format("SHA-256 of %s differs from its source", copy);
   return "";
 }
 
@@ -193,8 +194,8 @@ std::string VLSha256OfFile(const std::string& path) {
   }
 }
 
-VLCollectionSummary VLCollectSyncedFiles(const std::string& destination,
-                                         const std::function<void(const VLCollectedFile&)>& onFile) {
+VLCollectionSummary VLCollectSyncedFiles(
+    const std::string& destination, const std::function<void(const VLCollectedFile&)>& onFile) {
   VLCollectionSummary summary;
   std::error_code ignored;
   std::filesystem::create_directories(destination, ignored);
@@ -202,9 +203,9 @@ VLCollectionSummary VLCollectSyncedFiles(const std::string& destination,
     const bool deleting = std::strcmp(base, kVLSyncAndDeleteFolderBase) == 0;
     const std::string root = VLGetSyncRoot(base);
     const std::string expandedBase = vl::paths::expandTilde(base);
-    const std::string target = vl::paths::join(
-        vl::paths::join(destination, vl::paths::lastComponent(base)),
-        root.substr(std::min(root.size(), expandedBase.size())));
+    const std::string target =
+        vl::paths::join(vl::paths::join(destination, vl::paths::lastComponent(base)),
+                        root.substr(std::min(root.size(), expandedBase.size())));
     // A destination inside the sync folders is not collected into itself.
     Visited visited;
     markVisited(root, visited);

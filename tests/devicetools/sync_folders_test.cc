@@ -87,9 +87,11 @@ TEST_F(SyncFoldersTest, PublishingDirectories) {
 
   // The same last component again: "_" and the date are appended and the first link stays.
   std::string renamed = VLAddSyncedDirectory(second, &error);
-  EXPECT_TRUE(Regex::compile(R"(^logs_\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d$)")->matches(renamed)) << renamed;
-  EXPECT_TRUE(log.contains(VLLogLevelError, "FileUtilities",
-                           "Hit name conflict for 'logs', appending current date to try and resolve"));
+  EXPECT_TRUE(Regex::compile(R"(^logs_\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d$)")->matches(renamed))
+      << renamed;
+  EXPECT_TRUE(
+      log.contains(VLLogLevelError, "FileUtilities",
+                   "Hit name conflict for 'logs', appending current date to try and resolve"));
   EXPECT_EQ(linkTarget(keptRoot() + "/" + renamed), second);
   EXPECT_EQ(linkTarget(keptRoot() + "/logs"), first);
 
@@ -149,7 +151,8 @@ TEST_F(SyncFoldersTest, MissingAndWrongDirectories) {
       continue;
     }
     EXPECT_TRUE(error.domain.empty()) << "a successful link clears the error";
-    EXPECT_TRUE(log.contains(VLLogLevelError, "FileUtilities", "Directory '" + path + "' does not exist!"));
+    EXPECT_TRUE(
+        log.contains(VLLogLevelError, "FileUtilities", "Directory '" + path + "' does not exist!"));
     EXPECT_EQ(log.contains(VLLogLevelNotice, "FileUtilities",
                            "Creating directory '" + path + "' since it doesn't exist"),
               c.create);
@@ -161,8 +164,8 @@ TEST_F(SyncFoldersTest, ListingWithoutARootFails) {
   Error error;
   EXPECT_FALSE(VLGetSyncedDirectories(&error));
   EXPECT_EQ(error.code, ENOENT);
-  EXPECT_EQ(log.count("Hit error when trying to load the contents of '" + keptRoot() + "': " +
-                      error.localizedDescription()),
+  EXPECT_EQ(log.count("Hit error when trying to load the contents of '" + keptRoot() +
+                      "': " + error.localizedDescription()),
             1u);
 }
 
@@ -199,30 +202,34 @@ TEST_F(SyncFoldersTest, CopyingFilesIn) {
   VLAddSyncedFile(other, "Taken", false, false, &error);
   EXPECT_EQ(error.domain, kVLNotADirectoryErrorDomain);
   EXPECT_EQ(error.code, 1);
-  EXPECT_TRUE(log.contains(VLLogLevelError, "FileUtilities", "'" + other + "' exists, but is not a directory!"));
+  EXPECT_TRUE(log.contains(VLLogLevelError, "FileUtilities",
+                           "'" + other + "' exists, but is not a directory!"));
 }
 
 TEST_F(SyncFoldersTest, CopyingByPattern) {
   LogCapture log;
   std::string dir = makeDir("source");
-  for (const char* name : {"a.log", "b.txt", "c.log.1", "catalog"}) makeFile(std::string("source/") + name, name);
+  for (const char* name : {"a.log", "b.txt", "c.log.1", "catalog"})
+    makeFile(std::string("source/") + name, name);
   // A pipe matches but cannot be copied: it is logged and the others still go.
   ASSERT_EQ(::mkfifo((dir + "/pipe.log").c_str(), 0600), 0);
   Error error;
   VLAddSyncedFilesFromRegularExpression(dir, pattern(R"(\.log)"), "Picked", false, false, &error);
   EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");
-  EXPECT_EQ(log.count("Hit error when trying to copy '" + dir + "/pipe.log' to 'Picked': " +
-                      error.localizedDescription()),
+  EXPECT_EQ(log.count("Hit error when trying to copy '" + dir +
+                      "/pipe.log' to 'Picked': " + error.localizedDescription()),
             1u);
   std::vector<std::string> copied;
-  for (auto& entry : fs::directory_iterator(keptRoot() + "/Picked")) copied.push_back(entry.path().filename());
+  for (auto& entry : fs::directory_iterator(keptRoot() + "/Picked"))
+    copied.push_back(entry.path().filename());
   std::sort(copied.begin(), copied.end());
   EXPECT_EQ(copied, (std::vector<std::string>{"a.log", "c.log.1"}));
 
-  VLAddSyncedFilesFromRegularExpression(work_.file("none"), pattern("x"), "Picked", false, false, &error);
+  VLAddSyncedFilesFromRegularExpression(work_.file("none"), pattern("x"), "Picked", false, false,
+                                        &error);
   EXPECT_EQ(error.code, ENOENT);
-  EXPECT_EQ(log.count("Hit error when trying to load the contents of '" + work_.file("none") + "': " +
-                      error.localizedDescription()),
+  EXPECT_EQ(log.count("Hit error when trying to load the contents of '" + work_.file("none") +
+                      "': " + error.localizedDescription()),
             1u);
 }
 
@@ -282,8 +289,9 @@ TEST_F(SyncFoldersTest, PeriodicCopyOfAMissingDirectoryLogsEachFiring) {
   LogCapture log;
   std::string dir = work_.file("absent");
   VLPeriodicallyAddSyncedFilesFromRegularExpression(dir, pattern("x"), "F", false, false, 0);
-  ASSERT_TRUE(waitForLines(log, "Hit error when trying to copy the contents of '" + dir +
-                                    "': Could not list " + dir + ": " + std::strerror(ENOENT),
+  ASSERT_TRUE(waitForLines(log,
+                           "Hit error when trying to copy the contents of '" + dir +
+                               "': Could not list " + dir + ": " + std::strerror(ENOENT),
                            1));
 }
 

@@ -65,15 +65,13 @@ TEST_F(VorlundctlSyncTest, PublishListCollectAndWithdraw) {
   EXPECT_EQ(collected.out,
             "copied " + keptRoot() + "/Extra/kept.txt -> " + destination +
                 "/StressSync/None/SER-9/Extra/kept.txt (4 bytes, sha256 " +
-                sha256(work_.file("kept.txt")) + ")\n" +
-                "copied " + keptRoot() + "/logs/a.txt -> " + alphaCopy + " (5 bytes, sha256 " +
-                sha256(logs + "/a.txt") + ")\n" +
-                "copied " + keptRoot() + "/logs/sub/b.txt -> " + destination +
+                sha256(work_.file("kept.txt")) + ")\n" + "copied " + keptRoot() +
+                "/logs/a.txt -> " + alphaCopy + " (5 bytes, sha256 " + sha256(logs + "/a.txt") +
+                ")\n" + "copied " + keptRoot() + "/logs/sub/b.txt -> " + destination +
                 "/StressSync/None/SER-9/logs/sub/b.txt (4 bytes, sha256 " +
-                sha256(logs + "/sub/b.txt") + ")\n" +
-                "copied " + deletingRoot() + "/Reports/report.txt -> " + reportCopy +
-                " (6 bytes, sha256 " + sha256(reportCopy) + "), source removed\n" +
-                "collected 4 files (19 bytes), 0 failed, 1 removed\n");
+                sha256(logs + "/sub/b.txt") + ")\n" + "copied " + deletingRoot() +
+                "/Reports/report.txt -> " + reportCopy + " (6 bytes, sha256 " + sha256(reportCopy) +
+                "), source removed\n" + "collected 4 files (19 bytes), 0 failed, 1 removed\n");
   EXPECT_EQ(test::readFile(reportCopy), "report");
   EXPECT_FALSE(fs::exists(deletingRoot() + "/Reports/report.txt"));
   EXPECT_EQ(test::readFile(logs + "/a.txt"), "alpha");

@@ -97,7 +97,8 @@ void addSyncCommand(CLI::App& app) {
     vl::Error error;
     VLAddSyncedFile(absolutePath(file), folder, move, deleteAfterSync, &error);
     throwOnError(error, "cannot publish " + file);
-    std::string root = VLGetSyncRoot(deleteAfterSync ? kVLSyncAndDeleteFolderBase : kVLSyncFolderBase);
+    std::string root =
+        VLGetSyncRoot(deleteAfterSync ? kVLSyncAndDeleteFolderBase : kVLSyncFolderBase);
     std::printf("%s %s into %s/%s\n", move ? "moved" : "copied", file.c_str(), root.c_str(),
                 folder.c_str());
     return 0;
@@ -105,7 +106,8 @@ void addSyncCommand(CLI::App& app) {
 
   static std::string destination;
   auto* collect = sync->add_subcommand(
-      "collect", "Copy everything published into DEST, verified; then remove the delete-after-sync files");
+      "collect",
+      "Copy everything published into DEST, verified; then remove the delete-after-sync files");
   collect->add_option("--to", destination, "The folder to collect into")->required();
   setAction(collect, [] {
     VLCollectionSummary summary = VLCollectSyncedFiles(absolutePath(destination), printCollected);

@@ -62,7 +62,8 @@ void VLAddSyncedFile(const std::string& file, const std::string& folderName, boo
 // VLAddSyncedFile for every entry of directory (not recursive, in name order) whose name the
 // expression matches anywhere. A failed entry is logged and the others still go; error receives
 // the listing's failure, or else the last entry's failure.
-void VLAddSyncedFilesFromRegularExpression(const std::string& directory, const vl::Regex& expression,
+void VLAddSyncedFilesFromRegularExpression(const std::string& directory,
+                                           const vl::Regex& expression,
                                            const std::string& folderName, bool move,
                                            bool deleteAfterSync, vl::Error* error);
 // Runs VLAddSyncedFilesFromRegularExpression at once and then every intervalMinutes × 60 seconds
@@ -75,7 +76,8 @@ void VLAddSyncedFilesFromRegularExpression(const std::string& directory, const v
 void VLPeriodicallyAddSyncedFilesFromRegularExpression(const std::string& directory,
                                                        const vl::Regex& expression,
                                                        const std::string& folderName, bool move,
-                                                       bool deleteAfterSync, double intervalMinutes);
+                                                       bool deleteAfterSync,
+                                                       double intervalMinutes);
 // Cancels the periodic copy registered under directory and the expression's pattern (through
 // FUTimerManager::cancelTimerForKey, which logs when there is none). When it returns, no copy of
 // that timer starts again.
