@@ -2,7 +2,8 @@
 # The demo: the main job of the system on the built-in sample set-up. It encodes the sample test case
 # definition as a keyed archive and decodes it back, stages the sample bundles under a demo device
 # root, runs their test cases, records more results and an issue from the shell, and shows the run
-# with where its results file and timeline are.
+# with where its results file and timeline are; last it publishes the log folder into the sync
+# folders and collects them as a collector taking the run off the device would.
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -81,3 +82,8 @@ echo "Vorlund stopped; its run is suspended for the next command or start"
 SERVICE
 echo
 "$ctl" results show
+echo
+echo "== The run's log folder published into the sync folders, then taken off the device"
+"$ctl" sync add "$HOME/Library/Logs/Vorlund" --name VorlundLogs
+"$ctl" sync list
+"$ctl" sync collect --to "$work/collected" | tail -n 3

@@ -23,6 +23,7 @@ void addResultsCommand(CLI::App& app);
 void addScanCommand(CLI::App& app);
 void addDeviceCommand(CLI::App& app);
 void addMemdumpCommand(CLI::App& app);
+void addSyncCommand(CLI::App& app);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

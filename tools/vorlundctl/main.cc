@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
   vorlundctl::addScanCommand(app);
   vorlundctl::addDeviceCommand(app);
   vorlundctl::addMemdumpCommand(app);
+  vorlundctl::addSyncCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,379 @@
+// The sync folders on a sandboxed home: publishing directories (names, conflicts, missing and
+// wrong paths), copying files in once, by pattern and periodically on the scaled clock, and
+// collecting everything published with verification.
+#include "vorlund/devicetools/sync_folders.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "support/test_support.h"
+#include "vorlund/catalogue/preferences.h"
+#include "vorlund/devicetools/sync_folders_collect.h"
+#include "vorlund/foundation/regex.h"
+#include "vorlund/foundation/time_scale.h"
+#include "vorlund/logging/log_capture.h"
+
+namespace vl {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+Regex pattern(const char* text) { return *Regex::compile(text); }
+
+std::string linkTarget(const std::string& path) {
+  std::error_code failure;
+  return fs::read_symlink(path, failure).string();
+}
+
+class SyncFoldersTest : public ::testing::Test {
+ protected:
+  void SetUp() override { VLSavePreference(Value("Soak"), "Config"); }
+  // Periodic copies outlive their registration; none may run on into the next test's home.
+  void TearDown() override { VLCancelAllPeriodicCopies(); }
+
+  std::string keptRoot() const { return sandbox_.home() + "/Library/Logs/StressSync/Soak/SER-1"; }
+  std::string deletingRoot() const {
+    return sandbox_.home() + "/Library/Logs/StressSyncAndDelete/Soak/SER-1";
+  }
+  std::string makeDir(const std::string& relative) {
+    std::string path = work_.file(relative);
+    fs::create_directories(path);
+    return path;
+  }
+  std::string makeFile(const std::string& relative, const std::string& contents) {
+    std::string path = work_.file(relative);
+    fs::create_directories(fs::path(path).parent_path());
+    test::writeFile(path, contents);
+    return path;
+  }
+  // Waits (at most ten real seconds) until the log holds count lines of message.
+  bool waitForLines(const LogCapture& log, const std::string& message, size_t count) {
+    for (auto deadline = Clock::now() + std::chrono::seconds(10); Clock::now() < deadline;) {
+      if (log.count(message) >= count) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return false;
+  }
+
+  static VLCollectionSummary collect(const std::string& destination,
+                                     std::vector<VLCollectedFile>& files) {
+    return VLCollectSyncedFiles(destination, [&](const VLCollectedFile& f) { files.push_back(f); });
+  }
+
+  test::Sandbox sandbox_;
+  test::ScopedEnv serial_{"VORLUND_SERIAL_NUMBER", "SER-1"};
+  // Declared after the sandbox so that it goes first, while HOME still points into the sandbox.
+  test::TempDir work_;
+};
+
+TEST_F(SyncFoldersTest, PublishingDirectories) {
+  LogCapture log;
+  std::string first = makeDir("a/logs");
+  std::string second = makeDir("b/logs");
+  Error error;
+
+  EXPECT_EQ(VLAddSyncedDirectory(first, &error), "logs");
+  EXPECT_TRUE(error.domain.empty()) << error.description();
+  EXPECT_TRUE(log.contains(VLLogLevelInfo, "VLFileUtilities",
+                           "Trying to symlink at " + keptRoot() + "/logs from " + first));
+  EXPECT_EQ(linkTarget(keptRoot() + "/logs"), first);
+
+  // The same last component again: "_" and the date are appended and the first link stays.
+  std::string renamed = VLAddSyncedDirectory(second, &error);
+  EXPECT_TRUE(Regex::compile(R"(^logs_\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d$)")->matches(renamed))
+      << renamed;
+  EXPECT_TRUE(
+      log.contains(VLLogLevelError, "FileUtilities",
+                   "Hit name conflict for 'logs', appending current date to try and resolve"));
+  EXPECT_EQ(linkTarget(keptRoot() + "/" + renamed), second);
+  EXPECT_EQ(linkTarget(keptRoot() + "/logs"), first);
+
+  // A link of the name already there: no second link, and the system's error.
+  EXPECT_FALSE(VLAddSyncedDirectoryWithName(second, "logs", &error));
+  EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");
+  EXPECT_EQ(error.code, EEXIST);
+
+  // Only links count as published directories.
+  test::writeFile(keptRoot() + "/notes.txt", "x");
+  std::optional<Dictionary> published = VLGetSyncedDirectories(&error);
+  ASSERT_TRUE(published);
+  EXPECT_EQ(*published, (Dictionary{{"logs", first}, {renamed, second}}));
+
+  // Withdrawing takes the link only, never the directory's contents.
+  test::writeFile(first + "/kept.log", "kept");
+  VLRemoveSyncedDirectory("logs", &error);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(keptRoot() + "/logs")));
+  EXPECT_EQ(test::readFile(first + "/kept.log"), "kept");
+  error = {};
+  VLRemoveSyncedDirectory("logs", &error);
+  EXPECT_EQ(error.code, ENOENT);
+}
+
+TEST_F(SyncFoldersTest, MissingAndWrongDirectories) {
+  struct Case {
+    const char* name;
+    bool create;
+    bool makeFileThere;
+    bool linked;
+    bool directoryAfter;
+  } cases[] = {
+      {"missing-no-create", false, false, true, false},
+      {"missing-create", true, false, true, true},
+      {"plain-file", true, true, false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    LogCapture log;
+    std::string path = work_.file(std::string(c.name) + "/dir");
+    if (c.makeFileThere) makeFile(std::string(c.name) + "/dir", "not a directory");
+    Error error{"stale", 9, {}};
+    bool made = VLAddSyncedDirectoryWithNameAndCreateIfMissing(path, c.name, c.create, &error);
+    std::string link = keptRoot() + "/" + c.name;
+    EXPECT_EQ(made, c.linked);
+    EXPECT_EQ(fs::is_symlink(fs::symlink_status(link)), c.linked);
+    if (c.linked) {
+      EXPECT_EQ(linkTarget(link), path);
+    }
+    EXPECT_EQ(fs::is_directory(path), c.directoryAfter);
+    if (c.makeFileThere) {
+      EXPECT_EQ(error.domain, kVLNotADirectoryErrorDomain);
+      EXPECT_EQ(error.code, 1);
+      EXPECT_TRUE(error.userInfo.empty());
+      EXPECT_TRUE(log.contains(VLLogLevelError, "FileUtilities",
+                               "'" + path + "' exists, but is not a directory!"));
+      continue;
+    }
+    EXPECT_TRUE(error.domain.empty()) << "a successful link clears the error";
+    EXPECT_TRUE(
+        log.contains(VLLogLevelError, "FileUtilities", "Directory '" + path + "' does not exist!"));
+    EXPECT_EQ(log.contains(VLLogLevelNotice, "FileUtilities",
+                           "Creating directory '" + path + "' since it doesn't exist"),
+              c.create);
+  }
+}
+
+TEST_F(SyncFoldersTest, ListingWithoutARootFails) {
+  LogCapture log;
+  Error error;
+  EXPECT_FALSE(VLGetSyncedDirectories(&error));
+  EXPECT_EQ(error.code, ENOENT);
+  EXPECT_EQ(log.count("Hit error when trying to load the contents of '" + keptRoot() +
+                      "': " + error.localizedDescription()),
+            1u);
+}
+
+TEST_F(SyncFoldersTest, CopyingFilesIn) {
+  LogCapture log;
+  std::string file = makeFile("run.log", "first");
+  Error error;
+  VLAddSyncedFile(file, "Logs", false, false, &error);
+  EXPECT_TRUE(log.contains(VLLogLevelNotice, "FileUtilities",
+                           "Creating directory '" + keptRoot() + "/Logs' since it doesn't exist"));
+  EXPECT_TRUE(log.contains(VLLogLevelNotice, "FileUtilities",
+                           "From: '" + file + "' To: '" + keptRoot() + "/Logs'"));
+  // A second copy replaces the first.
+  test::writeFile(file, "second, longer");
+  VLAddSyncedFile(file, "Logs", false, false, &error);
+  EXPECT_TRUE(error.domain.empty()) << error.description();
+  EXPECT_EQ(test::readFile(keptRoot() + "/Logs/run.log"), "second, longer");
+  EXPECT_EQ(test::readFile(file), "second, longer");
+
+  // Moving into the deleting base takes the file away.
+  VLAddSyncedFile(file, "Logs", true, true, &error);
+  EXPECT_EQ(test::readFile(deletingRoot() + "/Logs/run.log"), "second, longer");
+  EXPECT_FALSE(fs::exists(file));
+
+  // A missing source fails with the system's error.
+  VLAddSyncedFile(file, "Logs", false, false, &error);
+  EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");
+  EXPECT_EQ(error.code, ENOENT);
+
+  // A folder path taken by a file: the file's own path is logged.
+  test::writeFile(keptRoot() + "/Taken", "x");
+  std::string other = makeFile("other.log", "o");
+  error = {};
+  VLAddSyncedFile(other, "Taken", false, false, &error);
+  EXPECT_EQ(error.domain, kVLNotADirectoryErrorDomain);
+  EXPECT_EQ(error.code, 1);
+  EXPECT_TRUE(log.contains(VLLogLevelError, "FileUtilities",
+                           "'" + other + "' exists, but is not a directory!"));
+}
+
+TEST_F(SyncFoldersTest, CopyingByPattern) {
+  LogCapture log;
+  std::string dir = makeDir("source");
+  for (const char* name : {"a.log", "b.txt", "c.log.1", "catalog"})
+    makeFile(std::string("source/") + name, name);
+  // A pipe matches but cannot be copied: it is logged and the others still go.
+  ASSERT_EQ(::mkfifo((dir + "/pipe.log").c_str(), 0600), 0);
+  Error error;
+  VLAddSyncedFilesFromRegularExpression(dir, pattern(R"(\.log)"), "Picked", false, false, &error);
+  EXPECT_EQ(error.domain, "NSPOSIXErrorDomain");
+  EXPECT_EQ(log.count("Hit error when trying to copy '" + dir +
+                      "/pipe.log' to 'Picked': " + error.localizedDescription()),
+            1u);
+  std::vector<std::string> copied;
+  for (auto& entry : fs::directory_iterator(keptRoot() + "/Picked"))
+    copied.push_back(entry.path().filename());
+  std::sort(copied.begin(), copied.end());
+  EXPECT_EQ(copied, (std::vector<std::string>{"a.log", "c.log.1"}));
+
+  VLAddSyncedFilesFromRegularExpression(work_.file("none"), pattern("x"), "Picked", false, false,
+                                        &error);
+  EXPECT_EQ(error.code, ENOENT);
+  EXPECT_EQ(log.count("Hit error when trying to load the contents of '" + work_.file("none") +
+                      "': " + error.localizedDescription()),
+            1u);
+}
+
+TEST_F(SyncFoldersTest, PeriodicCopyFiresAtOnceThenEveryIntervalAndStopsWhenCancelled) {
+  // Half a minute becomes 0.6 s and the minute of leeway 1.2 s.
+  time::ScopedScale scale(0.02);
+  const double interval = 0.6, leeway = 1.2;
+  LogCapture log;
+  std::string dir = makeDir("periodic");
+  std::string file = makeFile("periodic/p.log", "p");
+  const std::string line = "From: '" + file + "' To: '" + keptRoot() + "/Every'";
+  auto start = Clock::now();
+  VLPeriodicallyAddSyncedFilesFromRegularExpression(dir, pattern("p"), "Every", false, false, 0.5);
+  std::vector<double> firings;
+  for (size_t n = 1; n <= 3; ++n) {
+    ASSERT_TRUE(waitForLines(log, line, n));
+    firings.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+  }
+  EXPECT_LT(firings[0], interval) << "the first copy comes at once";
+  for (size_t n = 1; n < firings.size(); ++n) {
+    EXPECT_GE(firings[n], n * interval * 0.99);
+    EXPECT_LT(firings[n], n * interval + leeway);
+  }
+  VLCancelCopyFromDirectoryForRegularExpression(dir, pattern("p"));
+  size_t afterCancel = log.count(line);
+  std::this_thread::sleep_for(time::scaled(30) * 2);
+  EXPECT_EQ(log.count(line), afterCancel);
+  VLCancelCopyFromDirectoryForRegularExpression(dir, pattern("p"));
+  EXPECT_EQ(log.count("No timer exists for '" + dir + "p'!"), 1u);
+}
+
+TEST_F(SyncFoldersTest, RegisteringTwiceKeepsTheFirstTimerFiring) {
+  time::ScopedScale scale(0.002);
+  LogCapture log;
+  std::string dir = makeDir("twice");
+  std::string file = makeFile("twice/t.log", "t");
+  const std::string first = "From: '" + file + "' To: '" + keptRoot() + "/First'";
+  const std::string second = "From: '" + file + "' To: '" + keptRoot() + "/Second'";
+  VLPeriodicallyAddSyncedFilesFromRegularExpression(dir, pattern("t"), "First", false, false, 0.5);
+  ASSERT_TRUE(waitForLines(log, first, 1));
+  VLPeriodicallyAddSyncedFilesFromRegularExpression(dir, pattern("t"), "Second", false, false, 0.5);
+  // Cancelling by the key stops the registry's timer, the second; the replaced one goes on.
+  ASSERT_TRUE(waitForLines(log, second, 2));
+  VLCancelCopyFromDirectoryForRegularExpression(dir, pattern("t"));
+  size_t seconds = log.count(second);
+  size_t firsts = log.count(first);
+  EXPECT_TRUE(waitForLines(log, first, firsts + 3));
+  EXPECT_EQ(log.count(second), seconds);
+
+  VLCancelAllPeriodicCopies();
+  firsts = log.count(first);
+  std::this_thread::sleep_for(time::scaled(30) * 3);
+  EXPECT_EQ(log.count(first), firsts);
+}
+
+TEST_F(SyncFoldersTest, PeriodicCopyOfAMissingDirectoryLogsEachFiring) {
+  LogCapture log;
+  std::string dir = work_.file("absent");
+  VLPeriodicallyAddSyncedFilesFromRegularExpression(dir, pattern("x"), "F", false, false, 0);
+  ASSERT_TRUE(waitForLines(log,
+                           "Hit error when trying to copy the contents of '" + dir +
+                               "': Could not list " + dir + ": " + std::strerror(ENOENT),
+                           1));
+}
+
+TEST_F(SyncFoldersTest, FileSortOrdersByCreationDate) {
+  Dictionary early{{kVLFileCreationDate, Date{100}}}, late{{kVLFileCreationDate, Date{200}}}, none;
+  struct Case {
+    const Dictionary& a;
+    const Dictionary& b;
+    VLComparisonResult expected;
+  } cases[] = {{early, late, VLOrderedAscending},
+               {late, early, VLOrderedDescending},
+               {early, early, VLOrderedSame},
+               {none, early, VLOrderedSame}};
+  for (const Case& c : cases) EXPECT_EQ(FileSort(c.a, c.b), c.expected);
+
+  std::string file = makeFile("attributes.log", "12345");
+  std::optional<Dictionary> attributes = VLFileAttributes(file);
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(attributes->get("NSFileSize").int64Or(-1), 5);
+  EXPECT_EQ(attributes->get("NSFileType").stringOr(""), "NSFileTypeRegular");
+  EXPECT_NEAR(attributes->get(kVLFileCreationDate).asDate()->secondsSince1970,
+              Date::now().secondsSince1970, 60);
+  EXPECT_FALSE(VLFileAttributes(work_.file("missing")));
+}
+
+TEST_F(SyncFoldersTest, CollectingFollowsLinksOnceAndRemovesOnlyVerifiedOwnFiles) {
+  std::string logs = makeDir("logs");
+  makeFile("logs/a.txt", "abc");
+  makeFile("logs/sub/b.txt", "bee");
+  fs::create_directory_symlink(logs, logs + "/loop");
+  ASSERT_EQ(VLAddSyncedDirectory(logs, nullptr), "logs");
+  VLAddSyncedSymlinkedFile(makeFile("single.txt", "one"), "single.link", nullptr);
+  VLAddSyncedFile(makeFile("g.txt", "gone after collection"), "Reports", false, true, nullptr);
+  // Reached through a link in the deleting base: someone else's file, copied but never removed.
+  std::string foreign = makeDir("foreign");
+  makeFile("foreign/e.txt", "e");
+  fs::create_directory_symlink(foreign, deletingRoot() + "/linked");
+
+  // Collecting into a folder inside the sync root does not collect the copies again.
+  const std::string destination = keptRoot() + "/out";
+  std::vector<VLCollectedFile> files;
+  VLCollectionSummary summary = collect(destination, files);
+  EXPECT_EQ(summary.copied, 5u);
+  EXPECT_EQ(summary.failed, 0u);
+  EXPECT_EQ(summary.removed, 1u);
+  ASSERT_EQ(files.size(), 5u);
+  EXPECT_EQ(files[0].source, keptRoot() + "/logs/a.txt");
+  EXPECT_EQ(files[0].destination, destination + "/StressSync/Soak/SER-1/logs/a.txt");
+  EXPECT_EQ(files[0].sha256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(test::readFile(destination + "/StressSync/Soak/SER-1/logs/sub/b.txt"), "bee");
+  EXPECT_EQ(test::readFile(destination + "/StressSync/Soak/SER-1/single.link"), "one");
+  EXPECT_EQ(test::readFile(destination + "/StressSyncAndDelete/Soak/SER-1/Reports/g.txt"),
+            "gone after collection");
+  EXPECT_EQ(test::readFile(destination + "/StressSyncAndDelete/Soak/SER-1/linked/e.txt"), "e");
+  EXPECT_FALSE(fs::exists(deletingRoot() + "/Reports/g.txt"));
+  EXPECT_EQ(test::readFile(foreign + "/e.txt"), "e");
+  EXPECT_EQ(test::readFile(logs + "/a.txt"), "abc");
+
+  summary = VLCollectSyncedFiles(destination, nullptr);
+  EXPECT_EQ(summary.copied, 4u);
+  EXPECT_EQ(summary.removed, 0u);
+}
+
+TEST_F(SyncFoldersTest, AFailedCopyKeepsItsSource) {
+  std::string file = makeFile("r.txt", "report");
+  VLAddSyncedFile(file, "Reports", false, true, nullptr);
+  VLAddSyncedFile(makeFile("s.txt", "stays"), "Reports", false, false, nullptr);
+  std::string destination = work_.file("dest");
+  // The deleting base's place in the destination is taken by a file.
+  makeFile("dest/StressSyncAndDelete", "blocked");
+  std::vector<VLCollectedFile> files;
+  VLCollectionSummary summary = collect(destination, files);
+  EXPECT_EQ(summary.copied, 1u);
+  EXPECT_EQ(summary.failed, 1u);
+  EXPECT_EQ(summary.removed, 0u);
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_TRUE(files[0].failure.empty()) << files[0].failure;
+  EXPECT_NE(files[1].failure.find("cannot create"), std::string::npos) << files[1].failure;
+  EXPECT_TRUE(files[1].sha256.empty());
+  EXPECT_FALSE(files[1].removed);
+  EXPECT_EQ(test::readFile(deletingRoot() + "/Reports/r.txt"), "report");
+}
+
+}  // namespace
+}  // namespace vl
