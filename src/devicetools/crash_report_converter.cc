@@ -1,5 +1,6 @@
 // Journal entries to Faultbin reports: systemd-coredump's crash entries to crash reports, the
 // kernel's and systemd-oomd's kill messages to kill reports. Pure: text in, reports out.
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -44,10 +45,31 @@ std::vector<std::string_view> lines(std::string_view text) {
   return result;
 }
 
+// A value fit for one header line: a line break in a process's name must not start a line of
+// its own, which could pass for a crashed-thread line.
+std::string oneLine(std::string_view value) {
+  std::string line;
+  for (char c : value) line.push_back(static_cast<unsigned char>(c) < 0x20 ? '?' : c);
+  return line;
+}
+
 // A process name fit for the front of a file name: no folder separators or control characters.
+// A date inside the name would be read as the report's date; its hyphens become underscores.
 std::string fileNameSafe(std::string_view name) {
   std::string safe;
   for (char c : name) safe.push_back(c == '/' || static_cast<unsigned char>(c) < 0x20 ? '_' : c);
+  constexpr std::string_view kDateShape = "dddd-dd-dd-dddddd";
+  for (size_t at = 0; at + kDateShape.size() <= safe.size(); ++at) {
+    bool isDate = true;
+    for (size_t k = 0; isDate && k < kDateShape.size(); ++k) {
+      char c = safe[at + k];
+      isDate = kDateShape[k] == 'd' ? (c >= '0' && c <= '9') : c == '-';
+    }
+    if (!isDate) continue;
+    for (size_t k = 0; k < kDateShape.size(); ++k) {
+      if (kDateShape[k] == '-') safe[at + k] = '_';
+    }
+  }
   return safe.empty() ? "unknown" : safe;
 }
 
@@ -88,9 +110,9 @@ std::string stackSections(std::string_view message) {
   bool inStack = false;
   for (std::string_view line : lines(message)) {
     std::string_view text = trimmed(line);
-    if (text.substr(0, kStackTraceOf.size()) == kStackTraceOf) {
-      std::string_view tid = text.substr(kStackTraceOf.size());
-      if (!tid.empty() && tid.back() == ':') tid.remove_suffix(1);
+    std::string_view tid = text.substr(std::min(text.size(), kStackTraceOf.size()));
+    if (!tid.empty() && tid.back() == ':') tid.remove_suffix(1);
+    if (text.substr(0, kStackTraceOf.size()) == kStackTraceOf && number(tid)) {
       out += thread == 0 ? "Thread 0 Crashed:" : "\nThread " + std::to_string(thread) + ":";
       out += " tid " + std::string(tid) + "\n";
       ++thread;
@@ -120,12 +142,12 @@ std::optional<FaultbinReport> coredumpReport(const JournalEntry& entry) {
   uint32_t uid = uidOf(entry.field("COREDUMP_UID"));
 
   std::string text;
-  text += "Process:         " + name + " [" + entry.field("COREDUMP_PID") + "]\n";
-  text += "Path:            " + executable + "\n";
+  text += "Process:         " + oneLine(name) + " [" + oneLine(entry.field("COREDUMP_PID")) + "]\n";
+  text += "Path:            " + oneLine(executable) + "\n";
   text += "User ID:         " + std::to_string(uid) + "\n";
   text += "Date/Time:       " + readableDate(*usec) + "\n";
-  text += "Exception Type:  " + signal + "\n";
-  text += "Journal Cursor:  " + entry.cursor + "\n\n";
+  text += "Exception Type:  " + oneLine(signal) + "\n";
+  text += "Journal Cursor:  " + oneLine(entry.cursor) + "\n\n";
   text += stackSections(entry.field("MESSAGE"));
   return FaultbinReport{faultbinFolderForUid(uid),
                         fileNameSafe(name) + "_" + fileDate(*usec) + ".ips", text};
@@ -153,7 +175,10 @@ FaultbinReport killReport(const Kill& kill, uint64_t usec, const std::string& cu
   nlohmann::json body = {{"date", readableDate(usec)},
                          {"journalCursor", cursor},
                          {"processes", nlohmann::json::array({process})}};
-  std::string text = header.dump() + "\n" + body.dump(2) + "\n";
+  // Names and messages may hold bytes that are not UTF-8; they are written as U+FFFD.
+  constexpr auto kReplace = nlohmann::json::error_handler_t::replace;
+  std::string text =
+      header.dump(-1, ' ', false, kReplace) + "\n" + body.dump(2, ' ', false, kReplace) + "\n";
   return FaultbinReport{faultbinFolderForUid(kill.uid), "CullerEvent_" + fileDate(usec) + ".ips",
                         text};
 }

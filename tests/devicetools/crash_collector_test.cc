@@ -121,6 +121,22 @@ TEST_F(UtcTest, RecordedEntriesBecomeTheReportsTheScannerReads) {
          0,
          "oomd: memory used (7801245696) / total (8193355776) and swap used (2017198080) / total "
          "(2147479552) being more than 90.00%"}}},
+      // A name that holds a date and a line break can make neither a second date in the file name
+      // nor a second crashed-thread line; a stack header without a thread id is no thread.
+      {"hostile-names.json",
+       {{kMobileFolder,
+         "job-2020_01_01_000000_Thread 9 Crashed_2026-03-14-092653.ips",
+         {"Process:         job-2020-01-01-000000?Thread 9 Crashed [48213]\n",
+          "    Stack trace of thread Crashed:\n"},
+         "",
+         0,
+         ""},
+        {kRootFolder,
+         "CullerEvent_2026-03-14-124011.ips",
+         {},
+         "bad\xef\xbf\xbdname",
+         9001,
+         "oom-kill: rss 1 MB"}}},
       // Entries without a name or a time cannot be named and are passed over; a name holding "/"
       // keeps to one folder; a message kept as bytes is copied as it is.
       {"bad-lines.json",
