@@ -20,6 +20,7 @@ void addListCommand(CLI::App& app);
 void addRunCommand(CLI::App& app);
 void addEncodeCommand(CLI::App& app);
 void addResultsCommand(CLI::App& app);
+void addFaultbinCommand(CLI::App& app);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
   vorlundctl::addResultsCommand(app);
   vorlundctl::addListCommand(app);
   vorlundctl::addRunCommand(app);
+  vorlundctl::addFaultbinCommand(app);
 
   try {
     app.parse(argc, argv);
