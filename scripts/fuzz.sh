@@ -20,6 +20,7 @@ declare -A testdata=(
   [results_fuzz]="results fuzz-findings"
   [ipm_message_fuzz]=""
   [memory_table_fuzz]="memory-table"
+  [journal_import_fuzz]="journal"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \
