@@ -328,6 +328,22 @@ TEST_F(CollectorDevice, AnUnreadableJournalLeavesTheCursorAlone) {
   EXPECT_EQ(collector.storedCursor(), "s=kept");
 }
 
+TEST_F(CollectorDevice, AReportThatCannotBeWrittenIsWrittenByTheNextPass) {
+  auto source =
+      std::make_shared<RecordedJournalSource>(test::readFile(kJournalData + "coredump-abort.json"));
+  CrashCollector collector(source, cursorPath());
+  test::writeFile(sandbox_.root() + "/Library", "a file where a folder should be");
+  Error error;
+  EXPECT_FALSE(collector.collect(&error));
+  EXPECT_FALSE(collector.storedCursor());
+
+  std::filesystem::remove(sandbox_.root() + "/Library");
+  auto summary = collector.collect();
+  ASSERT_TRUE(summary);
+  EXPECT_EQ(summary->written.size(), 2u);
+  EXPECT_EQ(collector.storedCursor(), source->entries().back().cursor);
+}
+
 // systemd-coredump catches the crash only where the kernel pipes cores to it and journald runs.
 TEST_F(CollectorDevice, ARealCrashAppearsWhereSystemdCoredumpRuns) {
   std::string pattern = test::readFile("/proc/sys/kernel/core_pattern");
