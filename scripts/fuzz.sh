@@ -22,6 +22,7 @@ declare -A testdata=(
   [memory_table_fuzz]="memory-table"
   [crash_report_fuzz]="faultbin"
   [memory_diagnostics_fuzz]="memory memory-table"
+  [journal_import_fuzz]="journal"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

@@ -214,19 +214,16 @@ void setFaultbinIssueRecorder(FaultbinIssueRecorder recorder) {
   state().recorder = std::move(recorder);
 }
 
+std::vector<std::string> faultbinDeviceFoldersForUser(const std::string& user) {
+  if (user == "root") return {"/Library/Logs/Faultbin/", "/Library/Logs/Faultbin/Retired/"};
+  if (user == "wireless") return {"/var/wireless/Library/Logs/Faultbin/"};
+  if (user == "tmp") return {"/tmp/Faultbin/"};
+  return {"/var/mobile/Library/Logs/Faultbin/", "/var/mobile/Library/Logs/Faultbin/Retired/"};
+}
+
 std::vector<std::string> faultbinFoldersForUser(const std::string& user) {
-  std::vector<const char*> folders;
-  if (user == "root") {
-    folders = {"/Library/Logs/Faultbin/", "/Library/Logs/Faultbin/Retired/"};
-  } else if (user == "wireless") {
-    folders = {"/var/wireless/Library/Logs/Faultbin/"};
-  } else if (user == "tmp") {
-    folders = {"/tmp/Faultbin/"};
-  } else {
-    folders = {"/var/mobile/Library/Logs/Faultbin/", "/var/mobile/Library/Logs/Faultbin/Retired/"};
-  }
   std::vector<std::string> resolved;
-  for (const char* folder : folders) {
+  for (const std::string& folder : faultbinDeviceFoldersForUser(user)) {
     std::string path = paths::resolve(folder);
     if (!path.ends_with('/')) path += '/';
     resolved.push_back(std::move(path));

@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   vorlundctl::addDeviceCommand(app);
   vorlundctl::addMemdumpCommand(app);
   vorlundctl::addSyncCommand(app);
+  vorlundctl::addFaultbinCommand(app);
 
   try {
     app.parse(argc, argv);

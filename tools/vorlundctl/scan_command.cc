@@ -1,10 +1,13 @@
-// vorlundctl scan: scans a user's Faultbin folders at once, on this thread, sends each issue found
+// vorlundctl scan: writes the reports of the journal's new crashes and kills into the Faultbin
+// folders (the collector; a journal that cannot be read is reported and the scan goes on), then
+// scans a user's Faultbin folders at once, on this thread, sends each issue found
 // to the user's run (the run of the stress service while it runs, else the one in this user's
 // files; main installs the recorder that sends them there) and prints them. The run itself drops
 // the ones it has seen before and those older than the run.
 #include <cstdio>
 
 #include "commands.h"
+#include "vorlund/devicetools/crash_collector.h"
 #include "vorlund/devicetools/crash_scanner.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/json.h"
@@ -43,6 +46,12 @@ void addScanCommand(CLI::App& app) {
   command->add_option("--user", user, "Whose folders (default: the calling user)");
   command->add_flag("--json", asJson, "Print the issues as a JSON array");
   setAction(command, [] {
+    vl::CrashCollector collector(vl::makeSystemJournalSource());
+    vl::Error error;
+    if (!collector.collect(&error)) {
+      std::fprintf(stderr, "vorlundctl: the journal was not collected: %s\n",
+                   error.localizedDescription().c_str());
+    }
     printIssues(_VLProcessCrashesInFaultbinFolder(user.empty() ? vl::process::userName() : user),
                 asJson);
     return 0;

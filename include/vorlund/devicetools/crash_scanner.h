@@ -53,6 +53,8 @@ void setFaultbinIssueRecorder(FaultbinIssueRecorder recorder);
 //   "tmp"       /tmp/Faultbin/
 //   any other   /var/mobile/Library/Logs/Faultbin/, /var/mobile/Library/Logs/Faultbin/Retired/
 std::vector<std::string> faultbinFoldersForUser(const std::string& user);
+// The same folders as device paths, before resolving (what the journal collector writes into).
+std::vector<std::string> faultbinDeviceFoldersForUser(const std::string& user);
 
 // Blocks until every scan submitted so far has finished. Called from a scan, returns at once.
 void waitForFaultbinScans();
