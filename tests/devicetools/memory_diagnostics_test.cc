@@ -21,7 +21,9 @@ namespace {
 
 using test::FakeTools;
 
-constexpr const char* kSleeper = "memdiagsleeper";  // a command name no other process has
+// A command name no other process has, also none of a test running beside this one.
+const std::string kSleeperName = "mdsleep" + std::to_string(getpid());
+const char* const kSleeper = kSleeperName.c_str();
 
 std::string testdata(const std::string& name) {
   return test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/" + name);
@@ -41,7 +43,7 @@ class Sleeper {
       _exit(127);
     }
     // The name shows once the child has run exec.
-    for (int i = 0; i < 500 && test::readFile(format("/proc/%d/comm", pid_)) != "memdiagsleeper\n";
+    for (int i = 0; i < 500 && test::readFile(format("/proc/%d/comm", pid_)) != kSleeperName + "\n";
          ++i) {
       usleep(2000);
     }
@@ -142,13 +144,14 @@ TEST_F(MemoryDiagnosticsTest, NamedToolsRunAsWrittenAndPortscopeGetsMinusOneForA
   }
 
   std::vector<std::string> initial = VLDumpInitialLogSetForMemoryPerfForEnv("Idle", kSleeper, 0);
-  ASSERT_EQ(initial, std::vector<std::string>{folder(kSleeper, "00_Idle") +
-                                              "/heap_object_start_memdiagsleeper.log"});
-  EXPECT_EQ(test::readFile(initial[0]),
-            "heap -guessNonObjects -sumObjectFields -addresses=all -noContent memdiagsleeper\n");
+  ASSERT_EQ(initial, std::vector<std::string>{folder(kSleeper, "00_Idle") + "/heap_object_start_" +
+                                              kSleeperName + ".log"});
+  EXPECT_EQ(
+      test::readFile(initial[0]),
+      "heap -guessNonObjects -sumObjectFields -addresses=all -noContent " + kSleeperName + "\n");
   std::vector<std::string> final = VLDumpFinalLogSetForMemoryPerf("Idle", kSleeper, 0);
   ASSERT_EQ(final.size(), 2u);
-  EXPECT_EQ(final[0], folder(kSleeper, "00_Idle") + "/heap_object_end_memdiagsleeper.log");
+  EXPECT_EQ(final[0], folder(kSleeper, "00_Idle") + "/heap_object_end_" + kSleeperName + ".log");
   EXPECT_TRUE(test::fileExists(final[1])) << final[1];
 }
 
@@ -201,7 +204,8 @@ TEST_F(MemoryDiagnosticsTest, AFolderThatCannotBeMadeIsLoggedAndTheToolsRunAnywa
   LogCapture capture;
   std::vector<std::string> files = VLDumpInitialLogSetForMemoryPerfForEnv("Idle", kSleeper, 4);
   std::string folder = this->folder(kSleeper, "04_Idle");
-  EXPECT_EQ(files, std::vector<std::string>{folder + "/heap_object_start_memdiagsleeper.log"});
+  EXPECT_EQ(files,
+            std::vector<std::string>{folder + "/heap_object_start_" + kSleeperName + ".log"});
   EXPECT_TRUE(capture.contains(VLLogLevelInfo, "Framework",
                                "Error creating directory at " + folder + ": Not a directory"));
 }
