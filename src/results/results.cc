@@ -517,6 +517,7 @@ std::vector<std::shared_ptr<VLIssue>> VLResults::issueList() const {
   }
 
 VL_STATE_ACCESSOR(vl::Dictionary, wirelessCrashes, setWirelessCrashes, wirelessCrashes)
+VL_STATE_ACCESSOR(std::string, fileNameSuffix, setFileNameSuffix, fileNameSuffix)
 VL_STATE_ACCESSOR(vl::Dictionary, hardwareInfo, setHardwareInfo, hardwareInfo)
 VL_STATE_ACCESSOR(vl::Dictionary, softwareInfo, setSoftwareInfo, softwareInfo)
 VL_STATE_ACCESSOR(vl::Dictionary, loggingInfo, setLoggingInfo, loggingInfo)

@@ -67,16 +67,6 @@ std::string VLResults::getTimelineFilePath() const {
   return path;
 }
 
-std::string VLResults::fileNameSuffix() const {
-  std::lock_guard lock(impl_->stateMutex);
-  return impl_->fileNameSuffix;
-}
-
-void VLResults::setFileNameSuffix(std::string suffix) {
-  std::lock_guard lock(impl_->stateMutex);
-  impl_->fileNameSuffix = std::move(suffix);
-}
-
 void VLResults::reserveFileNames() {
   const std::string date = "_" + vl::dateString(startTime());
   const std::string stressType = testType();
