@@ -29,33 +29,6 @@ class Daemon : public test::Daemon {
   Daemon() : test::Daemon(VORLUND_DAEMON_PATH) {}
 };
 
-TEST(DaemonTest, ServesTestCasesAndSuspendsItsRunOnTermination) {
-  test::Sandbox sandbox;
-  for (int signal : {SIGTERM, SIGINT}) {
-    Daemon daemon;
-    ASSERT_TRUE(daemon.waitUntilServing());
-    if (signal == SIGTERM) {
-      // The daemon runs test code itself: a test case that no bundle implements gives a no-op.
-      auto object = VLTestCaseObject::make();
-      object->setName("ImplementedNowhere");
-      object->setSelector("runNowhere");
-      Error error;
-      auto result = executeTestCaseInService(object, &error);
-      ASSERT_TRUE(result) << error.description();
-      EXPECT_TRUE(result->isNoOp());
-    }
-    EXPECT_EQ(daemon.stop(signal), 0);
-    // The next start carries the suspended run on; each stop suspends it again.
-    ASSERT_TRUE(VLResults::hasResumeData());
-    EXPECT_NE(test::readFile(VLResults::resumeDataPath())
-                  .find("ImplementedNowhere requested but not implemented in any bundles"),
-              std::string::npos);
-  }
-  Error error;
-  EXPECT_FALSE(serviceRunSummary(&error));
-  EXPECT_EQ(error.localizedDescription(), "the stress service is not running");
-}
-
 std::shared_ptr<VLTestCaseResult> finishedResult(const std::string& name, bool passed) {
   auto result = VLTestCaseResult::withName(name);
   result->setType(std::string(kVLTestCaseResultTypePassFail));
@@ -78,6 +51,17 @@ const Dictionary* testCaseIn(const Dictionary& summary, const std::string& name)
   return nullptr;
 }
 
+// A message of the given type carrying an archived record under key.
+IpmValue archivedMessage(const char* type, const char* key, const Value& record) {
+  IpmDictionary message;
+  message.set(kVLMessageKeyType, IpmValue::ofString(type));
+  message.set(key, IpmValue::ofData(VLConvertObjectToData(record)->bytes));
+  return IpmValue::ofDictionary(std::move(message));
+}
+
+// Other processes post results and issues; messages other than test case requests go to the
+// router: a posted result joins the run, and manager results and bare replies are taken (and
+// dropped when nobody waits), never refused.
 TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
   test::Sandbox sandbox;
   Daemon daemon;
@@ -109,8 +93,23 @@ TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
   EXPECT_FALSE(sendMessage(IpmValue::ofDictionary(unknown), kNoTimeout, &error));
   EXPECT_EQ(error.localizedDescription(), "Unknown results action \"Rewind\"");
 
+  IpmDictionary managerResult;
+  managerResult.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeManagerCommandResult));
+  managerResult.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000001"));
+  IpmDictionary bareReply;
+  bareReply.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000002"));
+  for (const IpmValue& message :
+       {archivedMessage(kVLMessageTypeTestCaseResult, kVLMessageKeyResult,
+                        Value(finishedResult("Posted", true))),
+        IpmValue::ofDictionary(managerResult), IpmValue::ofDictionary(bareReply)}) {
+    auto reply = sendMessage(message, kNoTimeout, &error);
+    ASSERT_TRUE(reply) << error.description();
+    EXPECT_TRUE(reply->asDictionary()->empty());
+  }
+
   std::optional<Dictionary> summary = serviceRunSummary(&error);
   ASSERT_TRUE(summary) << error.description();
+  EXPECT_NE(testCaseIn(*summary, "Posted"), nullptr) << summary->description();
   const Dictionary* attach = testCaseIn(*summary, "Attach");
   ASSERT_NE(attach, nullptr) << summary->description();
   EXPECT_EQ(attach->get("FailureRate"), Value(0.5));
@@ -195,41 +194,6 @@ TEST(DaemonTest, AKilledServiceLosesAtMostTheLastSaveInterval) {
   daemon.waitForExit();
   ASSERT_TRUE(VLResults::hasResumeData());
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Kept"), std::string::npos);
-}
-
-// A message of the given type carrying an archived record under key.
-IpmValue archivedMessage(const char* type, const char* key, const Value& record) {
-  IpmDictionary message;
-  message.set(kVLMessageKeyType, IpmValue::ofString(type));
-  message.set(key, IpmValue::ofData(VLConvertObjectToData(record)->bytes));
-  return IpmValue::ofDictionary(std::move(message));
-}
-
-// Messages other than test case requests go to the router: a posted result joins the run, and
-// manager results and bare replies are taken (and dropped when nobody waits), never refused.
-TEST(DaemonTest, RoutesEveryOtherMessageIntoItsRun) {
-  test::Sandbox sandbox;
-  Daemon daemon;
-  ASSERT_TRUE(daemon.waitUntilServing());
-  IpmDictionary managerResult;
-  managerResult.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeManagerCommandResult));
-  managerResult.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000001"));
-  IpmDictionary bareReply;
-  bareReply.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000002"));
-  for (const IpmValue& message :
-       {archivedMessage(kVLMessageTypeTestCaseResult, kVLMessageKeyResult,
-                        Value(finishedResult("Posted", true))),
-        IpmValue::ofDictionary(managerResult), IpmValue::ofDictionary(bareReply)}) {
-    Error error;
-    auto reply = sendMessage(message, kNoTimeout, &error);
-    ASSERT_TRUE(reply) << error.description();
-    EXPECT_TRUE(reply->asDictionary()->empty());
-  }
-  Error error;
-  std::optional<Dictionary> summary = serviceRunSummary(&error);
-  ASSERT_TRUE(summary) << error.description();
-  EXPECT_NE(testCaseIn(*summary, "Posted"), nullptr) << summary->description();
-  EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
 
 // Under a name that is not a host process the service still runs test cases itself instead of

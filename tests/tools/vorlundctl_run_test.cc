@@ -74,10 +74,9 @@ TEST_F(VorlundctlRunTest, LocalCommandsRunTheBundleAndJoinTheFileBackedRun) {
   EXPECT_EQ(statistic("Sample Ping Gateway")->get("Instances"), Value(3));
   const Dictionary* throughput = statistic("Sample Throughput");
   ASSERT_NE(throughput, nullptr);
-  EXPECT_EQ(throughput->get("Metrics").asDictionary()->get("Throughput").asDictionary()->get("Mean"),
-            Value(240));
-  ASSERT_NE(statistic("Sample Failure"), nullptr);
-  EXPECT_TRUE(statistic("Sample Failure")->get("Failures").asDictionary()->contains("Radio off"));
+  EXPECT_EQ(
+      throughput->get("Metrics").asDictionary()->get("Throughput").asDictionary()->get("Mean"),
+      Value(240));
 
   // And here there is no bus at all.
   test::ScopedEnv bus("VORLUND_BUS", "session");
@@ -150,39 +149,6 @@ TEST_F(VorlundctlRunTest, TerminationSuspendsTheRunWithoutWaitingForALongTestCas
   ASSERT_TRUE(VLResults::hasResumeData());
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Sample Ping Gateway"),
             std::string::npos);
-}
-
-// The activation file the project ships starts the service on the first message: a bus of the
-// test's own reads it from the build tree, where it names the built program.
-TEST_F(VorlundctlRunTest, TheBusStartsTheServiceOnDemand) {
-  std::filesystem::create_directories(sandbox_.path("bus"));
-  std::optional<test::PrivateBus> bus;
-  bus.emplace(sandbox_.path("bus"), VORLUND_DBUS_SERVICE_DIR);
-  ASSERT_TRUE(bus->started());
-
-  auto pinged = ctl({"run", "Sample Ping Gateway"});
-  ASSERT_EQ(pinged.exitStatus, 0) << pinged.err;
-
-  // The started service keeps the run until it is stopped, and then suspends it.
-  ipm::ScopedBus connection = ipm::openBus();
-  ASSERT_TRUE(connection);
-  sd_bus_creds* creds = nullptr;
-  ASSERT_GE(sd_bus_get_name_creds(connection.get(), ipm::kServiceName, SD_BUS_CREDS_PID, &creds),
-            0);
-  pid_t service = 0;
-  sd_bus_creds_get_pid(creds, &service);
-  sd_bus_creds_unref(creds);
-  ASSERT_GT(service, 0);
-  kill(service, SIGTERM);
-  // (The bus, not the test, is its parent; it is gone once it no longer answers to signal 0.)
-  for (int i = 0; i < 400 && kill(service, 0) == 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(25));
-  }
-  // (On the bus a command would start the service again; the files tell what it left.)
-  bus.reset();
-  const Dictionary* ping = statistic("Sample Ping Gateway");
-  ASSERT_NE(ping, nullptr) << run_.description();
-  EXPECT_EQ(ping->get("Instances"), Value(1));
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ class VorlundctlTest : public ::testing::Test {
   test::TempDir dir_;
 };
 
-TEST_F(VorlundctlTest, EncodedTestCaseDecodesBackAndReadsInAnotherArchiveReader) {
+TEST_F(VorlundctlTest, EncodedTestCaseDecodesBack) {
   std::string archive = dir_.file("case.archive");
   auto encoded = ctl({"encode", "--class", "VLTestCaseObject", kSample, archive});
   ASSERT_EQ(encoded.exitStatus, 0) << encoded.err;
@@ -30,32 +30,19 @@ TEST_F(VorlundctlTest, EncodedTestCaseDecodesBackAndReadsInAnotherArchiveReader)
   Dictionary expected = *json::parse(test::readFile(kSample))->asDictionary();
   expected.set("$class", "VLTestCaseObject");
   EXPECT_EQ(*json->asDictionary(), expected);
-
-  // Python's plistlib reads the binary property list and its UIDs; the layout itself is checked
-  // with the archiver, this is the record's class chain as another reader sees it.
-  const char* script = R"PY(
-import plistlib,sys
-a=plistlib.load(open(sys.argv[1],'rb'))
-o=a['$objects']
-root=o[a['$top']['root'].data]
-cls=o[root['$class'].data]
-assert cls['$classname']=='VLTestCaseObject' and cls['$classes'][-1]=='NSObject', cls
-print(o[root['Name'].data])
-)PY";
-  auto result = test::runChild({"python3", "-c", script, archive});
-  EXPECT_EQ(result.exitStatus, 0) << result.err;
-  EXPECT_EQ(result.out, "WiFi Ping Gateway\n");
 }
 
 TEST_F(VorlundctlTest, PlainValuesInEveryFormat) {
   test::writeFile(dir_.file("in.json"), R"({"b": [1, 2.5, true], "a": "text"})");
   for (std::string format : {"archive", "xml", "binary", "json"}) {
     std::string out = dir_.file("out." + format);
-    auto encoded = ctl({"encode", "--class", "NSDictionary", "--format", format, dir_.file("in.json"), out});
+    auto encoded =
+        ctl({"encode", "--class", "NSDictionary", "--format", format, dir_.file("in.json"), out});
     ASSERT_EQ(encoded.exitStatus, 0) << format << ": " << encoded.err;
     auto decoded = ctl({"decode", out});
     ASSERT_EQ(decoded.exitStatus, 0) << format << ": " << decoded.err;
-    EXPECT_EQ(json::parse(decoded.out), json::parse(R"({"b": [1, 2.5, true], "a": "text"})")) << format;
+    EXPECT_EQ(json::parse(decoded.out), json::parse(R"({"b": [1, 2.5, true], "a": "text"})"))
+        << format;
   }
   // An archive another tool wrote, with the mutable class names such tools use, decodes.
   auto foreign =
