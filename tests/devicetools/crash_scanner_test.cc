@@ -64,7 +64,6 @@ class FaultbinDevice {
     for (const std::string& file : files) fs::copy_file(kTestData + file, folder_ + file);
   }
   const std::string& folder() const { return folder_; }
-  void setPreference(const std::string& key, const Value& value) { VLSavePreference(value, key); }
 
  private:
   test::Sandbox sandbox_;
@@ -181,7 +180,7 @@ TEST(FaultbinScan, PreferencesLetSimulatedCrashesCount) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.key) + " " + c.value.description());
     FaultbinDevice device({file});
-    device.setPreference(c.key, c.value);
+    VLSavePreference(c.value, c.key);
     std::vector<FaultbinIssue> issues = _VLProcessCrashesInFaultbinFolder("mobile");
     ASSERT_EQ(issues.size(), 1u);
     EXPECT_EQ(issues[0].reason, c.reason);
@@ -240,9 +239,9 @@ TEST(FaultbinScan, PeriodicScansRequestEveryUserAtOnceAndThenEachInterval) {
 TEST(FaultbinScan, TheScanIntervalComesFromThePreferences) {
   FaultbinDevice device;
   EXPECT_EQ(crashScanInterval(), kVLCrashScanIntervalDefault);
-  device.setPreference(kVLCrashScanIntervalPreference, Value(int64_t{42}));
+  VLSavePreference(Value(int64_t{42}), kVLCrashScanIntervalPreference);
   EXPECT_EQ(crashScanInterval(), 42);
-  device.setPreference(kVLCrashScanIntervalPreference, Value(int64_t{-5}));
+  VLSavePreference(Value(int64_t{-5}), kVLCrashScanIntervalPreference);
   EXPECT_EQ(crashScanInterval(), kVLCrashScanIntervalDefault);
 }
 

@@ -24,11 +24,6 @@ namespace {
 
 #ifdef VORLUND_DAEMON_PATH
 
-class Daemon : public test::Daemon {
- public:
-  Daemon() : test::Daemon(VORLUND_DAEMON_PATH) {}
-};
-
 std::shared_ptr<VLTestCaseResult> finishedResult(const std::string& name, bool passed) {
   auto result = VLTestCaseResult::withName(name);
   result->setType(std::string(kVLTestCaseResultTypePassFail));
@@ -64,7 +59,7 @@ IpmValue archivedMessage(const char* type, const char* key, const Value& record)
 // dropped when nobody waits), never refused.
 TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
   test::Sandbox sandbox;
-  Daemon daemon;
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
   ASSERT_TRUE(daemon.waitUntilServing());
 
   Error error;
@@ -132,7 +127,7 @@ TEST(DaemonTest, IsTheRunsOnlyWriterWhileItServes) {
     // A front end that is writing the run holds the service back until it is done.
     std::unique_ptr<RunLock> frontEnd = RunLock::take(true);
     ASSERT_TRUE(frontEnd);
-    Daemon daemon;
+    test::Daemon daemon(VORLUND_DAEMON_PATH);
     // Long enough for a daemon that did not wait to be on the bus.
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     Error error;
@@ -156,7 +151,7 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
   {
     test::PrivateBus bus(sandbox.path("bus"));
     ASSERT_TRUE(bus.started());
-    Daemon daemon;
+    test::Daemon daemon(VORLUND_DAEMON_PATH);
     ASSERT_TRUE(daemon.waitUntilServing());
     Error error;
     ASSERT_TRUE(addResultToServiceRun(finishedResult("Roam", true), &error)) << error.description();
@@ -170,7 +165,7 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
 
   // A daemon that cannot reach a bus at all leaves the suspended run for the next one.
   test::ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + sandbox.path("no-bus"));
-  Daemon unreachable;
+  test::Daemon unreachable(VORLUND_DAEMON_PATH);
   EXPECT_EQ(unreachable.waitForExit(), 1);
   ASSERT_TRUE(VLResults::hasResumeData());
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Roam"), std::string::npos);
@@ -181,7 +176,7 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
 TEST(DaemonTest, AKilledServiceLosesAtMostTheLastSaveInterval) {
   test::Sandbox sandbox;
   test::ScopedEnv fast("VORLUND_TIME_SCALE", "0.01");  // 60 s between saves becomes 0.6 s
-  Daemon daemon;
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
   ASSERT_TRUE(daemon.waitUntilServing());
   Error error;
   ASSERT_TRUE(addResultToServiceRun(finishedResult("Kept", true), &error)) << error.description();
@@ -201,7 +196,7 @@ TEST(DaemonTest, AKilledServiceLosesAtMostTheLastSaveInterval) {
 TEST(DaemonTest, RunsTestCasesItselfWhateverItIsCalled) {
   test::Sandbox sandbox;
   test::ScopedEnv name("VORLUND_PROCESS_NAME", "stress-runner");
-  Daemon daemon;
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
   ASSERT_TRUE(daemon.waitUntilServing());
   auto object = VLTestCaseObject::make();
   object->setName("ImplementedNowhere");
