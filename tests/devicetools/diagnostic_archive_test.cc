@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "devicetools/fake_tools.h"
 #include "devicetools/processes.h"
 #include "support/test_support.h"
 #include "vorlund/devicetools/diagnostic_archiver.h"
@@ -70,19 +71,15 @@ bool eventually(const std::function<bool()>& condition) {
 // exists and notes when it starts and ends.
 class ArchiveDevice : public testing::Test {
  protected:
-  ArchiveDevice() : path_("PATH", tools_.path() + ":" + std::string(getenv("PATH"))) {
-    tool("snapdump_capture", format("echo \"start $(date +%%s.%%N)\" >> %s\n"
-                                    "while [ -e %s ]; do sleep 0.005; done\n"
-                                    "echo \"end $(date +%%s.%%N)\" >> %s",
-                                    events(), gate(), events()));
-    tool("sample", "echo \"sampled $*\"");
+  ArchiveDevice() {
+    tools_.add("snapdump_capture", format("echo \"start $(date +%%s.%%N)\" >> %s\n"
+                                          "while [ -e %s ]; do sleep 0.005; done\n"
+                                          "echo \"end $(date +%%s.%%N)\" >> %s",
+                                          events(), gate(), events()));
+    tools_.add("sample", "echo \"sampled $*\"");
     setPreferences(Dictionary{{"SnapdumpCommand", tools_.file("snapdump_capture")}});
   }
 
-  void tool(const std::string& name, const std::string& body) {
-    test::writeFile(tools_.file(name), "#!/bin/bash\n" + body + "\n");
-    chmod(tools_.file(name).c_str(), 0755);
-  }
   void setPreferences(const Dictionary& preferences) {
     fs::create_directories(sandbox_.home() + "/Library/Logs/Vorlund");
     ASSERT_TRUE(
@@ -116,8 +113,7 @@ class ArchiveDevice : public testing::Test {
   }
 
   test::Sandbox sandbox_;
-  test::TempDir tools_;
-  test::ScopedEnv path_;
+  test::FakeTools tools_;
   LogCapture capture_;
 };
 
@@ -193,9 +189,9 @@ TEST_F(ArchiveDevice, CaptureErrorsReachTheCallbackAndAKilledCaptureHoldsUpNothi
   // The first run of the hanging command starts a background job that would hold its output open
   // for half a minute; the second run succeeds.
   const std::string ran = sandbox_.path("ran");
-  tool("failing_capture", "echo 'disk full' >&2; exit 3");
-  tool("hanging_capture",
-       format("if [ ! -e %s ]; then touch %s; sleep 33.1 & sleep 100; fi", ran, ran));
+  tools_.add("failing_capture", "echo 'disk full' >&2; exit 3");
+  tools_.add("hanging_capture",
+             format("if [ ! -e %s ]; then touch %s; sleep 33.1 & sleep 100; fi", ran, ran));
   const char* reasons[] = {"exited with status 3: disk full", "was ended by signal 9"};
   for (const char* name : {"failing_capture", "hanging_capture"}) {
     setPreferences(Dictionary{{"SnapdumpCommand", tools_.file(name)}});
@@ -323,9 +319,9 @@ TEST_F(ArchiveDevice, PriorityLogsAreCopiedOnce) {
 TEST_F(ArchiveDevice, MemoryWarningsWriteTheReport) {
   const std::string faultbin = sandbox_.root() + "/var/mobile/Library/Logs/Faultbin";
   fs::create_directories(faultbin);
-  tool("fbthreadgrab", format("pwd > %s", sandbox_.path("grabbed_in")));
+  tools_.add("fbthreadgrab", format("pwd > %s", sandbox_.path("grabbed_in")));
   for (const char* name : {"culler_rank", "arenalist", "heap", "sample", "leaks"}) {
-    tool(name, format("echo \"%s $*\"", name));
+    tools_.add(name, format("echo \"%s $*\"", name));
   }
   const std::string reports = sandbox_.path("reports/memory");
   process::ScopedName name("memwatcher");
@@ -360,7 +356,7 @@ TEST_F(ArchiveDevice, MemoryWarningsWriteTheReport) {
 }
 
 TEST_F(ArchiveDevice, LogCollectExportsTheJournalSinceTheStart) {
-  tool("journalctl", "echo \"exported $*\"; echo 'Hint: some entries are hidden' >&2");
+  tools_.add("journalctl", "echo \"exported $*\"; echo 'Hint: some entries are hidden' >&2");
   const Date start{1767225600};  // 2026-01-01 00:00:00 UTC
   std::optional<std::string> path = VLTriggerLogCollect(start, "wifi drop");
   ASSERT_TRUE(path);
@@ -375,7 +371,7 @@ TEST_F(ArchiveDevice, LogCollectExportsTheJournalSinceTheStart) {
                                 "hidden'"));
 
   // Without a journal tool the path comes back all the same.
-  tool("journalctl", "exit 127");
+  tools_.add("journalctl", "exit 127");
   EXPECT_TRUE(VLTriggerLogCollect(start, "no journal"));
 
   fs::remove_all(sandbox_.root() + "/var/root/Library/Logs/Vorlund/LogCollect");

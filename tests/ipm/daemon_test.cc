@@ -24,38 +24,6 @@ namespace {
 
 #ifdef VORLUND_DAEMON_PATH
 
-class Daemon : public test::Daemon {
- public:
-  Daemon() : test::Daemon(VORLUND_DAEMON_PATH) {}
-};
-
-TEST(DaemonTest, ServesTestCasesAndSuspendsItsRunOnTermination) {
-  test::Sandbox sandbox;
-  for (int signal : {SIGTERM, SIGINT}) {
-    Daemon daemon;
-    ASSERT_TRUE(daemon.waitUntilServing());
-    if (signal == SIGTERM) {
-      // The daemon runs test code itself: a test case that no bundle implements gives a no-op.
-      auto object = VLTestCaseObject::make();
-      object->setName("ImplementedNowhere");
-      object->setSelector("runNowhere");
-      Error error;
-      auto result = executeTestCaseInService(object, &error);
-      ASSERT_TRUE(result) << error.description();
-      EXPECT_TRUE(result->isNoOp());
-    }
-    EXPECT_EQ(daemon.stop(signal), 0);
-    // The next start carries the suspended run on; each stop suspends it again.
-    ASSERT_TRUE(VLResults::hasResumeData());
-    EXPECT_NE(test::readFile(VLResults::resumeDataPath())
-                  .find("ImplementedNowhere requested but not implemented in any bundles"),
-              std::string::npos);
-  }
-  Error error;
-  EXPECT_FALSE(serviceRunSummary(&error));
-  EXPECT_EQ(error.localizedDescription(), "the stress service is not running");
-}
-
 std::shared_ptr<VLTestCaseResult> finishedResult(const std::string& name, bool passed) {
   auto result = VLTestCaseResult::withName(name);
   result->setType(std::string(kVLTestCaseResultTypePassFail));
@@ -78,9 +46,20 @@ const Dictionary* testCaseIn(const Dictionary& summary, const std::string& name)
   return nullptr;
 }
 
+// A message of the given type carrying an archived record under key.
+IpmValue archivedMessage(const char* type, const char* key, const Value& record) {
+  IpmDictionary message;
+  message.set(kVLMessageKeyType, IpmValue::ofString(type));
+  message.set(key, IpmValue::ofData(VLConvertObjectToData(record)->bytes));
+  return IpmValue::ofDictionary(std::move(message));
+}
+
+// Other processes post results and issues; messages other than test case requests go to the
+// router: a posted result joins the run, and manager results and bare replies are taken (and
+// dropped when nobody waits), never refused.
 TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
   test::Sandbox sandbox;
-  Daemon daemon;
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
   ASSERT_TRUE(daemon.waitUntilServing());
 
   Error error;
@@ -109,8 +88,23 @@ TEST(DaemonTest, KeepsTheRunOfOtherProcessesResultsAndIssues) {
   EXPECT_FALSE(sendMessage(IpmValue::ofDictionary(unknown), kNoTimeout, &error));
   EXPECT_EQ(error.localizedDescription(), "Unknown results action \"Rewind\"");
 
+  IpmDictionary managerResult;
+  managerResult.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeManagerCommandResult));
+  managerResult.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000001"));
+  IpmDictionary bareReply;
+  bareReply.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000002"));
+  for (const IpmValue& message :
+       {archivedMessage(kVLMessageTypeTestCaseResult, kVLMessageKeyResult,
+                        Value(finishedResult("Posted", true))),
+        IpmValue::ofDictionary(managerResult), IpmValue::ofDictionary(bareReply)}) {
+    auto reply = sendMessage(message, kNoTimeout, &error);
+    ASSERT_TRUE(reply) << error.description();
+    EXPECT_TRUE(reply->asDictionary()->empty());
+  }
+
   std::optional<Dictionary> summary = serviceRunSummary(&error);
   ASSERT_TRUE(summary) << error.description();
+  EXPECT_NE(testCaseIn(*summary, "Posted"), nullptr) << summary->description();
   const Dictionary* attach = testCaseIn(*summary, "Attach");
   ASSERT_NE(attach, nullptr) << summary->description();
   EXPECT_EQ(attach->get("FailureRate"), Value(0.5));
@@ -133,7 +127,7 @@ TEST(DaemonTest, IsTheRunsOnlyWriterWhileItServes) {
     // A front end that is writing the run holds the service back until it is done.
     std::unique_ptr<RunLock> frontEnd = RunLock::take(true);
     ASSERT_TRUE(frontEnd);
-    Daemon daemon;
+    test::Daemon daemon(VORLUND_DAEMON_PATH);
     // Long enough for a daemon that did not wait to be on the bus.
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     Error error;
@@ -157,7 +151,7 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
   {
     test::PrivateBus bus(sandbox.path("bus"));
     ASSERT_TRUE(bus.started());
-    Daemon daemon;
+    test::Daemon daemon(VORLUND_DAEMON_PATH);
     ASSERT_TRUE(daemon.waitUntilServing());
     Error error;
     ASSERT_TRUE(addResultToServiceRun(finishedResult("Roam", true), &error)) << error.description();
@@ -171,7 +165,7 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
 
   // A daemon that cannot reach a bus at all leaves the suspended run for the next one.
   test::ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + sandbox.path("no-bus"));
-  Daemon unreachable;
+  test::Daemon unreachable(VORLUND_DAEMON_PATH);
   EXPECT_EQ(unreachable.waitForExit(), 1);
   ASSERT_TRUE(VLResults::hasResumeData());
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Roam"), std::string::npos);
@@ -182,7 +176,7 @@ TEST(DaemonTest, LeavesWhenItsBusGoesAwayAndKeepsTheRun) {
 TEST(DaemonTest, AKilledServiceLosesAtMostTheLastSaveInterval) {
   test::Sandbox sandbox;
   test::ScopedEnv fast("VORLUND_TIME_SCALE", "0.01");  // 60 s between saves becomes 0.6 s
-  Daemon daemon;
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
   ASSERT_TRUE(daemon.waitUntilServing());
   Error error;
   ASSERT_TRUE(addResultToServiceRun(finishedResult("Kept", true), &error)) << error.description();
@@ -197,47 +191,12 @@ TEST(DaemonTest, AKilledServiceLosesAtMostTheLastSaveInterval) {
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Kept"), std::string::npos);
 }
 
-// A message of the given type carrying an archived record under key.
-IpmValue archivedMessage(const char* type, const char* key, const Value& record) {
-  IpmDictionary message;
-  message.set(kVLMessageKeyType, IpmValue::ofString(type));
-  message.set(key, IpmValue::ofData(VLConvertObjectToData(record)->bytes));
-  return IpmValue::ofDictionary(std::move(message));
-}
-
-// Messages other than test case requests go to the router: a posted result joins the run, and
-// manager results and bare replies are taken (and dropped when nobody waits), never refused.
-TEST(DaemonTest, RoutesEveryOtherMessageIntoItsRun) {
-  test::Sandbox sandbox;
-  Daemon daemon;
-  ASSERT_TRUE(daemon.waitUntilServing());
-  IpmDictionary managerResult;
-  managerResult.set(kVLMessageKeyType, IpmValue::ofString(kVLMessageTypeManagerCommandResult));
-  managerResult.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000001"));
-  IpmDictionary bareReply;
-  bareReply.set(kVLMessageKeyUUID, IpmValue::ofString("0C6B7D5E-0000-4000-8000-000000000002"));
-  for (const IpmValue& message :
-       {archivedMessage(kVLMessageTypeTestCaseResult, kVLMessageKeyResult,
-                        Value(finishedResult("Posted", true))),
-        IpmValue::ofDictionary(managerResult), IpmValue::ofDictionary(bareReply)}) {
-    Error error;
-    auto reply = sendMessage(message, kNoTimeout, &error);
-    ASSERT_TRUE(reply) << error.description();
-    EXPECT_TRUE(reply->asDictionary()->empty());
-  }
-  Error error;
-  std::optional<Dictionary> summary = serviceRunSummary(&error);
-  ASSERT_TRUE(summary) << error.description();
-  EXPECT_NE(testCaseIn(*summary, "Posted"), nullptr) << summary->description();
-  EXPECT_EQ(daemon.stop(SIGTERM), 0);
-}
-
 // Under a name that is not a host process the service still runs test cases itself instead of
 // sending them to the stress service, which is itself.
 TEST(DaemonTest, RunsTestCasesItselfWhateverItIsCalled) {
   test::Sandbox sandbox;
   test::ScopedEnv name("VORLUND_PROCESS_NAME", "stress-runner");
-  Daemon daemon;
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
   ASSERT_TRUE(daemon.waitUntilServing());
   auto object = VLTestCaseObject::make();
   object->setName("ImplementedNowhere");

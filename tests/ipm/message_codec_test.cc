@@ -36,17 +36,10 @@ void sealForReading(sd_bus_message* m) {
 
 // Descriptions print every value in full but data (its length) and descriptors (their number).
 void expectSame(const IpmValue& expected, const IpmValue& actual) {
-  const auto& e = expected.asDictionary()->entries();
-  const auto& a = actual.asDictionary()->entries();
-  ASSERT_EQ(e.size(), a.size());
-  for (size_t i = 0; i < e.size(); ++i) {
-    EXPECT_EQ(e[i].first, a[i].first);
-    if (e[i].second.asFileHandle()) continue;
-    EXPECT_EQ(e[i].second.description(), a[i].second.description()) << e[i].first;
-    if (e[i].second.asData()) {
-      EXPECT_EQ(e[i].second.asData()->bytes, a[i].second.asData()->bytes);
-    }
-  }
+  IpmDictionary e = *expected.asDictionary(), a = *actual.asDictionary();
+  for (IpmDictionary* d : {&e, &a}) d->set("FileDescriptor", IpmValue());  // numbers differ
+  EXPECT_EQ(IpmValue::ofDictionary(e).description(), IpmValue::ofDictionary(a).description());
+  EXPECT_EQ(e.find("Data")->asData()->bytes, a.find("Data")->asData()->bytes);
 }
 
 IpmValue everyType(int fd) {

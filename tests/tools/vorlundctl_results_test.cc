@@ -41,7 +41,8 @@ TEST_F(VorlundctlResultsTest, CommandsBuildOneRunRefuseBadInputAndReset) {
       {{"add", "--name", "Ping", "--type", "Sometimes", "--pass"}, "unknown result type"},
       {{"add", "--name", "Ping", "--type", "Average", "--pass", "--metric", "Mbps=4.2.1"},
        "malformed number"},
-      {{"add", "--name", "Ping", "--type", "PassFail", "--pass", "--start", "yesterday"}, "--start"},
+      {{"add", "--name", "Ping", "--type", "PassFail", "--pass", "--start", "yesterday"},
+       "--start"},
       {{"add-issue", "--process", "x", "--reason", "y", "--type", "Crash", "--time", "not-a-date"},
        "--time"},
   };
@@ -58,7 +59,6 @@ TEST_F(VorlundctlResultsTest, CommandsBuildOneRunRefuseBadInputAndReset) {
   const Dictionary* ping = caseNamed(run, "Ping");
   ASSERT_NE(ping, nullptr) << run.description();
   EXPECT_EQ(ping->get("FailureRate"), Value(0.5));
-  EXPECT_TRUE(ping->get("Failures").asDictionary()->contains("No reply"));
   const Dictionary* download = caseNamed(run, "Download");
   ASSERT_NE(download, nullptr);
   EXPECT_EQ(download->get("Metrics").asDictionary()->get("Mbps").asDictionary()->get("Mean"),

@@ -51,11 +51,13 @@ TEST_F(VorlundctlTest, PlainValuesInEveryFormat) {
   test::writeFile(dir_.file("in.json"), R"({"b": [1, 2.5, true], "a": "text"})");
   for (std::string format : {"archive", "xml", "binary", "json"}) {
     std::string out = dir_.file("out." + format);
-    auto encoded = ctl({"encode", "--class", "NSDictionary", "--format", format, dir_.file("in.json"), out});
+    auto encoded =
+        ctl({"encode", "--class", "NSDictionary", "--format", format, dir_.file("in.json"), out});
     ASSERT_EQ(encoded.exitStatus, 0) << format << ": " << encoded.err;
     auto decoded = ctl({"decode", out});
     ASSERT_EQ(decoded.exitStatus, 0) << format << ": " << decoded.err;
-    EXPECT_EQ(json::parse(decoded.out), json::parse(R"({"b": [1, 2.5, true], "a": "text"})")) << format;
+    EXPECT_EQ(json::parse(decoded.out), json::parse(R"({"b": [1, 2.5, true], "a": "text"})"))
+        << format;
   }
   // An archive another tool wrote, with the mutable class names such tools use, decodes.
   auto foreign =
