@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The demo: the main job of the system on the built-in sample set-up. It encodes the sample test case
 # definition as a keyed archive and decodes it back, stages the sample bundles under a demo device
-# root, runs their test cases, records more results and an issue from the shell, and shows the run
-# with where its results file and timeline are; last it publishes the log folder into the sync
-# folders and collects them as a collector taking the run off the device would.
+# root, runs their test cases (one crashes a helper program, which a crash scan then finds), records
+# more results and an issue from the shell, and shows the run with where its results file and
+# timeline are; last it publishes the log folder into the sync folders and collects them as a
+# collector taking the run off the device would.
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -43,6 +44,10 @@ echo "== Running sample test cases from the bundle (in this process: --local)"
 "$ctl" run "Sample Latency Histogram" --local --iterations 2
 "$ctl" run "Sample Sleep" --local --option Seconds=1
 "$ctl" run "Sample Failure" --local --option "Reason=Radio off" || true
+echo
+echo "== A sample helper crashes on purpose; the crash scan finds its report and adds the crash"
+"$ctl" run "Sample Crashing Helper" --local
+"$ctl" scan
 echo
 echo "== More results recorded from the shell with vorlundctl results"
 "$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz

@@ -54,26 +54,6 @@ std::string oneLine(std::string_view value) {
   return line;
 }
 
-// A process name fit for the front of a file name: no folder separators or control characters.
-// A date inside the name would be read as the report's date; its hyphens become underscores.
-std::string fileNameSafe(std::string_view name) {
-  std::string safe;
-  for (char c : name) safe.push_back(c == '/' || static_cast<unsigned char>(c) < 0x20 ? '_' : c);
-  constexpr std::string_view kDateShape = "dddd-dd-dd-dddddd";
-  for (size_t at = 0; at + kDateShape.size() <= safe.size(); ++at) {
-    bool isDate = true;
-    for (size_t k = 0; isDate && k < kDateShape.size(); ++k) {
-      char c = safe[at + k];
-      isDate = kDateShape[k] == 'd' ? (c >= '0' && c <= '9') : c == '-';
-    }
-    if (!isDate) continue;
-    for (size_t k = 0; k < kDateShape.size(); ++k) {
-      if (kDateShape[k] == '-') safe[at + k] = '_';
-    }
-  }
-  return safe.empty() ? "unknown" : safe;
-}
-
 // The entry's time in microseconds since 1970: the given field, else when the journal received it.
 std::optional<uint64_t> entryTime(const JournalEntry& entry, std::string_view usecField) {
   std::optional<uint64_t> usec = number(entry.field(usecField));
@@ -151,7 +131,7 @@ std::optional<FaultbinReport> coredumpReport(const JournalEntry& entry) {
   text += "Journal Cursor:  " + oneLine(entry.cursor) + "\n\n";
   text += stackSections(entry.field("MESSAGE"));
   return FaultbinReport{faultbinFolderForUid(uid),
-                        fileNameSafe(name) + "_" + fileDate(*usec) + ".ips", text};
+                        faultbinFileNameForProcess(name) + "_" + fileDate(*usec) + ".ips", text};
 }
 
 // One killed process of a kill report, as the kernel or systemd-oomd told it.
@@ -287,6 +267,24 @@ std::optional<Kill> oomdKill(std::string_view message) {
 }
 
 }  // namespace
+
+std::string faultbinFileNameForProcess(std::string_view name) {
+  std::string safe;
+  for (char c : name) safe.push_back(c == '/' || static_cast<unsigned char>(c) < 0x20 ? '_' : c);
+  constexpr std::string_view kDateShape = "dddd-dd-dd-dddddd";
+  for (size_t at = 0; at + kDateShape.size() <= safe.size(); ++at) {
+    bool isDate = true;
+    for (size_t k = 0; isDate && k < kDateShape.size(); ++k) {
+      char c = safe[at + k];
+      isDate = kDateShape[k] == 'd' ? (c >= '0' && c <= '9') : c == '-';
+    }
+    if (!isDate) continue;
+    for (size_t k = 0; k < kDateShape.size(); ++k) {
+      if (kDateShape[k] == '-') safe[at + k] = '_';
+    }
+  }
+  return safe.empty() ? "unknown" : safe;
+}
 
 std::string faultbinFolderForUid(uint32_t uid) {
   // The first folder of the scanner's table: root's for root, the mobile user's for any other.

@@ -29,6 +29,7 @@ struct ScanState {
   std::mutex scanLock;
   std::mutex recorderLock;
   vl::FaultbinIssueRecorder recorder;
+  std::function<void()> collection;  // guarded by recorderLock
   vl::SerialQueue queue{kVLFaultbinQueueLabel};
 };
 
@@ -95,6 +96,21 @@ void record(std::vector<vl::FaultbinIssue>* found, vl::FaultbinIssue issue) {
     }
   }
   found->push_back(std::move(issue));
+}
+
+void collectBeforeScanning(const std::string& user) {
+  std::function<void()> collection;
+  {
+    std::lock_guard lock(state().recorderLock);
+    collection = state().collection;
+  }
+  if (!collection) return;
+  try {
+    collection();
+  } catch (const std::exception& e) {
+    VLLog(VLLogLevelError, kCategory, "Unable to collect crashes before scanning %@'s folder: %s",
+          user, e.what());
+  }
 }
 
 // The parsed name, or none after the log line that says why the file is skipped.
@@ -214,6 +230,11 @@ void setFaultbinIssueRecorder(FaultbinIssueRecorder recorder) {
   state().recorder = std::move(recorder);
 }
 
+void setFaultbinCollection(std::function<void()> collect) {
+  std::lock_guard lock(state().recorderLock);
+  state().collection = std::move(collect);
+}
+
 std::vector<std::string> faultbinDeviceFoldersForUser(const std::string& user) {
   if (user == "root") return {"/Library/Logs/Faultbin/", "/Library/Logs/Faultbin/Retired/"};
   if (user == "wireless") return {"/var/wireless/Library/Logs/Faultbin/"};
@@ -273,7 +294,10 @@ void VLProcessCrashesInFaultbinFolder(const std::string& user) {
       }
       scans.lastScans[user] = now;
     }
-    scans.queue.async([user] { _VLProcessCrashesInFaultbinFolder(user); });
+    scans.queue.async([user] {
+      collectBeforeScanning(user);
+      _VLProcessCrashesInFaultbinFolder(user);
+    });
   } catch (const std::exception& e) {
     VLLog(VLLogLevelError, kCategory, "Unable to queue a scan of %@'s Faultbin folder: %s", user,
           e.what());

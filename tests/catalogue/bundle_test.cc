@@ -39,7 +39,7 @@ std::string echoVoice(const std::shared_ptr<VLTestCaseObject>& testCase) {
 }
 
 std::shared_ptr<VLTestCaseObject> definition(std::optional<std::string> name,
-                                           std::optional<std::string> selector) {
+                                             std::optional<std::string> selector) {
   auto testCase = VLTestCaseObject::make();
   testCase->setName(std::move(name));
   testCase->setSelector(std::move(selector));
@@ -88,7 +88,7 @@ TEST(Bundles, BundlePathFollowsTheProcessRules) {
 
 TEST(Bundles, SampleBundleDeclaresItsSettingsAndRunsItsMethodsByName) {
   auto bundle = VLTestBundle::withBundlePath(kSampleBundle);
-  EXPECT_EQ(bundle->testCases().size(), 5u);
+  EXPECT_EQ(bundle->testCases().size(), 6u);
   EXPECT_EQ(bundle->dictionaryValue().get("path"), vl::Value(kSampleBundle));
   EXPECT_EQ(bundle->primaryProcesses("stress").get("bluetoothd"), vl::Value("bluetooth"));
   EXPECT_EQ(bundle->primaryProcesses("other").get("wpa_supplicant"), vl::Value("wifi"));

@@ -1,7 +1,9 @@
 // vorlundctl list and run against the real sample bundle, staged in a private device root.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -15,6 +17,7 @@ namespace vl {
 namespace {
 
 using test::ctl;
+using test::shownRun;
 
 class VorlundctlRunTest : public ::testing::Test {
  protected:
@@ -149,6 +152,49 @@ TEST_F(VorlundctlRunTest, TerminationSuspendsTheRunWithoutWaitingForALongTestCas
   ASSERT_TRUE(VLResults::hasResumeData());
   EXPECT_NE(test::readFile(VLResults::resumeDataPath()).find("Sample Ping Gateway"),
             std::string::npos);
+}
+
+// The sample helper crashes on purpose and, with no system crash handler to rely on, reports
+// itself; the scan then adds the crash to the run. Aborts and stack overflows report too, and each
+// still dies of its own signal.
+TEST_F(VorlundctlRunTest, ACrashingHelperBecomesACrashIssueOfTheRun) {
+  // The run takes no issue dated at or before its start, and report names keep whole seconds: the
+  // run starts, then the crash comes in a later second.
+  ASSERT_EQ(ctl({"run", "Sample Ping Gateway", "--local"}).exitStatus, 0);
+  const auto started = std::chrono::system_clock::now();
+  std::this_thread::sleep_until(std::chrono::ceil<std::chrono::seconds>(started));
+  auto crashed = ctl({"run", "Sample Crashing Helper", "--local", "--option", "OwnReport=YES"});
+  ASSERT_EQ(crashed.exitStatus, 0) << crashed.out << crashed.err;
+  auto scanned = ctl({"scan", "--json"});
+  ASSERT_EQ(scanned.exitStatus, 0) << scanned.err;
+  std::optional<Value> issues = json::parse(scanned.out);
+  ASSERT_TRUE(issues && issues->isArray() && issues->asArray()->size() == 1u) << scanned.out;
+  const Dictionary& issue = *(*issues->asArray())[0].asDictionary();
+  EXPECT_EQ(issue.get("process"), Value("SampleCrasher"));
+  EXPECT_EQ(issue.get("type"), Value("Crash"));
+  EXPECT_EQ(issue.get("reason"), Value("SampleCrasher - Crash"));
+  EXPECT_NE(shownRun().get("Issues").description().find("SampleCrasher - Crash"),
+            std::string::npos);
+
+  const std::string crasher =
+      std::string(VORLUND_SAMPLE_BUNDLE_DIR) + "/SampleStress.bundle/SampleCrasher";
+  for (auto [how, signal] : {std::pair{"abort", SIGABRT}, std::pair{"overflow", SIGSEGV}}) {
+    EXPECT_EQ(test::runChild({crasher, how, "--own-report"}).exitStatus, 128 + signal) << how;
+  }
+  const std::string folder =
+      sandbox_.root() +
+      (getuid() == 0 ? "/Library/Logs/Faultbin" : "/var/mobile/Library/Logs/Faultbin");
+  std::string exceptions;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string report = test::readFile(entry.path());
+    EXPECT_NE(report.find("\nThread 0 Crashed: tid "), std::string::npos) << report;
+    const size_t line = report.find("Exception Type:");
+    exceptions += report.substr(line, report.find('\n', line) - line) + "|";
+  }
+  // One report per crash, in no particular order of listing.
+  EXPECT_EQ(std::count(exceptions.begin(), exceptions.end(), '|'), 3) << exceptions;
+  EXPECT_NE(exceptions.find("SIGSEGV at 0x0000000000000000"), std::string::npos) << exceptions;
+  EXPECT_NE(exceptions.find("SIGABRT"), std::string::npos) << exceptions;
 }
 
 // The activation file the project ships starts the service on the first message: a bus of the

@@ -9,10 +9,11 @@
 // On a stop signal the run is suspended first, then running test cases get a bounded time to finish
 // (their results are then written too), so the service ends well inside systemd's stop time-out.
 //
-// The crash logs are scanned at start, after every test case the service runs, and every
-// "CrashScanInterval" seconds (default 300), each request resting 60 seconds after the last one for
-// the same user. The folders scanned are those of the service's own user and of "root": the
-// daemons whose crashes matter run as root, the test code as the service's user.
+// The journal's crashes are collected into the Faultbin folders and the folders scanned at start,
+// after every test case the service runs, and every "CrashScanInterval" seconds (default 300),
+// each request resting 60 seconds after the last one for the same user. The folders scanned are
+// those of the service's own user and of "root": the daemons whose crashes matter run as root, the
+// test code as the service's user.
 //
 // Requests run on a bounded pool of workers. On the system bus only root and the members of the
 // group named by the preference "ServiceGroup" (default "vorlund") are served.
@@ -33,6 +34,7 @@
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/catalogue/test_case_registry.h"
 #include "vorlund/conversion/file_handle.h"
+#include "vorlund/devicetools/crash_collector.h"
 #include "vorlund/devicetools/crash_scanner.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/foundation/process.h"
@@ -195,12 +197,22 @@ int main() {
   // The resumed run is written back at once and then every "ResultsSaveInterval" seconds, so that
   // a service killed without warning loses at most the last interval.
   std::unique_ptr<vl::PeriodicSave> saving = vl::startPeriodicSave(nullptr);
+  // Each queued scan first turns the journal's new crashes and kills into reports.
+  auto collector = std::make_shared<vl::CrashCollector>(vl::makeSystemJournalSource());
+  vl::setFaultbinCollection([collector] {
+    vl::Error collectError;
+    if (!collector->collect(&collectError)) {
+      VLLog(VLLogLevelError, kCategory, "The journal's crashes were not collected: %@",
+            collectError.localizedDescription());
+    }
+  });
   std::unique_ptr<vl::Timer> scanning = vl::startPeriodicFaultbinScans(faultbinUsers());
 
   bool busLost = waitForSignalOrLostBus(signalFd->fileDescriptor(), lostBus->fileDescriptor());
   scanning->cancel();
   // A scan still running would add to the run while it is suspended, or outlive the process.
   vl::waitForFaultbinScans();
+  vl::setFaultbinCollection({});
   saving->stop();
   // The run is on disk before anything can hold the stop up; test cases that finish within the
   // bound add their results, and the run is written again.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vorlund/devicetools/journal_source.h"
@@ -22,6 +23,11 @@ inline constexpr const char* kCoredumpMessageId = "fc2e22bc6ee647b6b90729ab34a25
 // The Faultbin folder (a device path, resolve it with vl::paths) of a process run by uid: root's
 // for 0, the mobile user's for everyone else.
 std::string faultbinFolderForUid(uint32_t uid);
+
+// A process name fit for the front of a report's file name: no folder separators or control
+// characters, and a date inside the name (which would be read as the report's date) gets
+// underscores for its hyphens. "unknown" for an empty name.
+std::string faultbinFileNameForProcess(std::string_view name);
 
 struct FaultbinReport {
   std::string folder;    // device path of the Faultbin folder, ending in "/"

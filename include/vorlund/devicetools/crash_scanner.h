@@ -56,6 +56,13 @@ std::vector<std::string> faultbinFoldersForUser(const std::string& user);
 // The same folders as device paths, before resolving (what the journal collector writes into).
 std::vector<std::string> faultbinDeviceFoldersForUser(const std::string& user);
 
+// Installs (or, with an empty function, removes) work that each queued scan does first, on the
+// scan queue, before it reads the folders. The stress service collects the journal's new crashes
+// into the folders there, so that collecting never holds up a request and rests with the scans.
+// Direct scans (_VLProcessCrashesInFaultbinFolder) do not run it; their callers collect first.
+// An exception it throws is logged and the scan goes on.
+void setFaultbinCollection(std::function<void()> collect);
+
 // Blocks until every scan submitted so far has finished. Called from a scan, returns at once.
 void waitForFaultbinScans();
 

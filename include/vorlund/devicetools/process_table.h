@@ -34,6 +34,5 @@ std::vector<int32_t> processIdentifiers();
 // when nothing matches, with *matched left alone, or when the pattern does not compile (name holds
 // a broken expression), with *error set. *matched gets the whole matching text.
 std::optional<double> memoryFromMemoryTable(std::string_view output, const std::string& name,
-                                            std::string* matched = nullptr,
-                                            Error* error = nullptr);
+                                            std::string* matched = nullptr, Error* error = nullptr);
 }  // namespace vl
