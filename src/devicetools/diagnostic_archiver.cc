@@ -13,14 +13,6 @@ namespace vl {
 
 namespace {
 
-constexpr const char* kErrorDomain = "com.brindle.Vorlund";
-
-Error archiverError(const std::string& reason) {
-  Error e = Error::withDescription(kErrorDomain, 1, reason);
-  e.userInfo.set("Reason", reason);
-  return e;
-}
-
 std::string trimmed(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
   return text;
@@ -32,23 +24,24 @@ class LinuxDiagnosticArchiver : public DiagnosticArchiver {
     const Dictionary preferences = VLGetPreferences();
     const std::string* command = preferences.get(kSnapdumpCommandPreference).asString();
     if (!command || command->empty()) {
-      return archiverError(
+      return Error::withReason(
           vl::format("There is no \"%s\" in the preferences to capture a diagnostic archive with",
                      kSnapdumpCommandPreference));
     }
     std::shared_ptr<Task> task = VLExecuteTask(*command, {}, true, kSnapdumpCommandTimeout);
     if (!task->hasLaunched()) {
-      return archiverError(vl::format("The snapdump command \"%s\" could not be run", *command));
+      return Error::withReason(
+          vl::format("The snapdump command \"%s\" could not be run", *command));
     }
     std::string errorText = trimmed(VLConvertPipeToString(task->standardError()));
     VLConvertPipeToString(task->standardOutput());
     if (task->wasSignalled()) {
-      return archiverError(vl::format("The snapdump command \"%s\" was ended by signal %d",
-                                      *command, task->terminationStatus()));
+      return Error::withReason(vl::format("The snapdump command \"%s\" was ended by signal %d",
+                                          *command, task->terminationStatus()));
     }
     if (task->terminationStatus() != 0) {
-      return archiverError(vl::format("The snapdump command \"%s\" exited with status %d: %s",
-                                      *command, task->terminationStatus(), errorText));
+      return Error::withReason(vl::format("The snapdump command \"%s\" exited with status %d: %s",
+                                          *command, task->terminationStatus(), errorText));
     }
     return std::nullopt;
   }

@@ -15,16 +15,12 @@ namespace vl {
 
 namespace {
 
-constexpr const char* kErrorDomain = "com.brindle.Vorlund";
 // Bytes one drainAvailable() call moves at most, so that the waiter comes back to look at the
 // child between helpings of a child that writes without pause.
 constexpr size_t kDrainHelping = 1 << 20;
 
 Error pipeError(const std::string& what, int code) {
-  std::string reason = vl::format("%s: %s", what, std::strerror(code));
-  Error e = Error::withDescription(kErrorDomain, 1, reason);
-  e.userInfo.set("Reason", reason);
-  return e;
+  return Error::withReason(vl::format("%s: %s", what, std::strerror(code)));
 }
 
 // Writes with SIGPIPE blocked in the calling thread and takes back a SIGPIPE that the write raised,

@@ -28,7 +28,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kErrorDomain = "com.brindle.Vorlund";
 // How often a waiter without a pidfd (an old kernel) looks at the child.
 constexpr int kPollFallbackMilliseconds = 10;
 // After the group is killed at the output deadline, how long its pipes are given to reach their
@@ -38,12 +37,6 @@ constexpr auto kGroupKillGrace = std::chrono::milliseconds(200);
 int millisecondsUntil(Clock::time_point deadline) {
   auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return static_cast<int>(std::clamp<int64_t>(left, 0, 60'000));
-}
-
-Error taskError(const std::string& reason) {
-  Error e = Error::withDescription(kErrorDomain, 1, reason);
-  e.userInfo.set("Reason", reason);
-  return e;
 }
 
 int openPidFd(pid_t pid) {
@@ -94,13 +87,13 @@ Task::~Task() {
 bool Task::launch(Error* error) {
   std::lock_guard lock(mutex_);
   if (launched_) {
-    setError(error, taskError("The task has already been launched"));
+    setError(error, Error::withReason("The task has already been launched"));
     return false;
   }
   SpawnSetup setup;
   auto redirect = [&](int fd, int target, const char* name) {
     if (fd < 0) {
-      setError(error, taskError(vl::format("The %s of the task is closed", name)));
+      setError(error, Error::withReason(vl::format("The %s of the task is closed", name)));
       return false;
     }
     posix_spawn_file_actions_adddup2(&setup.actions, fd, target);
@@ -145,8 +138,8 @@ bool Task::launch(Error* error) {
   int result = ::posix_spawn(&pid, launchPath_.c_str(), &setup.actions, &setup.attributes,
                              argv.data(), environment_ ? envp.data() : environ);
   if (result != 0) {
-    setError(error,
-             taskError(vl::format("Could not launch %s: %s", launchPath_, std::strerror(result))));
+    setError(error, Error::withReason(
+                        vl::format("Could not launch %s: %s", launchPath_, std::strerror(result))));
     return false;
   }
   pid_ = pid;

@@ -57,8 +57,10 @@ std::string padded(const Conversion& s, const std::string& text) {
 
 int64_t asSigned(const FormatArg& a) {
   switch (a.kind()) {
-    case FormatArg::Kind::Signed: return a.signedValue();
-    case FormatArg::Kind::Unsigned: return static_cast<int64_t>(a.unsignedValue());
+    case FormatArg::Kind::Signed:
+      return a.signedValue();
+    case FormatArg::Kind::Unsigned:
+      return static_cast<int64_t>(a.unsignedValue());
     case FormatArg::Kind::Floating: {
       double d = a.floatingValue();
       if (std::isnan(d)) return 0;
@@ -66,16 +68,21 @@ int64_t asSigned(const FormatArg& a) {
       if (d <= -9.2e18) return std::numeric_limits<int64_t>::min();
       return static_cast<int64_t>(d);
     }
-    case FormatArg::Kind::Pointer: return static_cast<int64_t>(reinterpret_cast<uintptr_t>(a.pointerValue()));
-    default: return a.signedValue();
+    case FormatArg::Kind::Pointer:
+      return static_cast<int64_t>(reinterpret_cast<uintptr_t>(a.pointerValue()));
+    default:
+      return a.signedValue();
   }
 }
 
 double asDouble(const FormatArg& a) {
   switch (a.kind()) {
-    case FormatArg::Kind::Signed: return static_cast<double>(a.signedValue());
-    case FormatArg::Kind::Unsigned: return static_cast<double>(a.unsignedValue());
-    default: return a.floatingValue();
+    case FormatArg::Kind::Signed:
+      return static_cast<double>(a.signedValue());
+    case FormatArg::Kind::Unsigned:
+      return static_cast<double>(a.unsignedValue());
+    default:
+      return a.floatingValue();
   }
 }
 
@@ -87,29 +94,37 @@ bool isNumeric(const FormatArg& a) {
 // The text an argument shows through %@ or %s.
 std::string textOf(const FormatArg& a) {
   switch (a.kind()) {
-    case FormatArg::Kind::Signed: return std::to_string(a.signedValue());
-    case FormatArg::Kind::Unsigned: return std::to_string(a.unsignedValue());
-    case FormatArg::Kind::Floating: return Number(a.floatingValue()).description();
-    case FormatArg::Kind::Pointer: return printfString("0x%" PRIxPTR, reinterpret_cast<uintptr_t>(a.pointerValue()));
-    default: return a.text();
+    case FormatArg::Kind::Signed:
+      return std::to_string(a.signedValue());
+    case FormatArg::Kind::Unsigned:
+      return std::to_string(a.unsignedValue());
+    case FormatArg::Kind::Floating:
+      return Number(a.floatingValue()).description();
+    case FormatArg::Kind::Pointer:
+      return printfString("0x%" PRIxPTR, reinterpret_cast<uintptr_t>(a.pointerValue()));
+    default:
+      return a.text();
   }
 }
 
 std::string convert(const Conversion& s, const FormatArg& a) {
   switch (s.conversion) {
-    case '@': return textOf(a);
-    case 's': return padded(s, textOf(a));
+    case '@':
+      return textOf(a);
+    case 's':
+      return padded(s, textOf(a));
     case 'd':
     case 'i':
       if (!isNumeric(a) && a.kind() != FormatArg::Kind::Pointer) return padded(s, textOf(a));
-      return printfString("%" + s.flags + s.width + s.precision + "lld", static_cast<long long>(asSigned(a)));
+      return printfString("%" + s.flags + s.width + s.precision + "lld",
+                          static_cast<long long>(asSigned(a)));
     case 'u':
     case 'x':
     case 'X':
     case 'o': {
       if (!isNumeric(a) && a.kind() != FormatArg::Kind::Pointer) return padded(s, textOf(a));
       uint64_t v = a.kind() == FormatArg::Kind::Unsigned ? a.unsignedValue()
-                                                          : static_cast<uint64_t>(asSigned(a));
+                                                         : static_cast<uint64_t>(asSigned(a));
       // Without a long length a negative int prints as the 32-bit unsigned it would be in C.
       if (s.length.empty() || s.length == "h" || s.length == "hh") {
         if (a.kind() == FormatArg::Kind::Signed && a.signedValue() < 0 &&
@@ -135,14 +150,18 @@ std::string convert(const Conversion& s, const FormatArg& a) {
       return printfString("%" + s.flags + s.width + s.precision + s.conversion, asDouble(a));
     case 'p':
       if (a.kind() == FormatArg::Kind::Pointer) {
-        return padded(s, printfString("0x%" PRIxPTR, reinterpret_cast<uintptr_t>(a.pointerValue())));
+        return padded(s,
+                      printfString("0x%" PRIxPTR, reinterpret_cast<uintptr_t>(a.pointerValue())));
       }
       return padded(s, textOf(a));
-    default: return {};
+    default:
+      return {};
   }
 }
 
-bool isLengthChar(char c) { return c == 'h' || c == 'l' || c == 'z' || c == 'j' || c == 't' || c == 'L' || c == 'q'; }
+bool isLengthChar(char c) {
+  return c == 'h' || c == 'l' || c == 'z' || c == 'j' || c == 't' || c == 'L' || c == 'q';
+}
 
 }  // namespace
 
@@ -173,10 +192,12 @@ std::string formatArgs(std::string_view fmt, const std::vector<FormatArg>& args)
     if (i < fmt.size() && fmt[i] == '.') {
       s.precision.push_back('.');
       ++i;
-      while (i < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[i]))) s.precision += fmt[i++];
+      while (i < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[i])))
+        s.precision += fmt[i++];
     }
     while (i < fmt.size() && isLengthChar(fmt[i])) s.length += fmt[i++];
-    if (i >= fmt.size() || std::string_view("@sdiuxXocfFeEgGaAp").find(fmt[i]) == std::string_view::npos) {
+    if (i >= fmt.size() ||
+        std::string_view("@sdiuxXocfFeEgGaAp").find(fmt[i]) == std::string_view::npos) {
       // Not a conversion we know: keep the text as written.
       out.append(fmt.substr(start, i - start));
       continue;
@@ -201,6 +222,12 @@ Error Error::withDescription(std::string domain, int64_t code, std::string descr
   return e;
 }
 
+Error Error::withReason(std::string reason) {
+  Error e = withDescription("com.brindle.Vorlund", 1, reason);
+  e.userInfo.set("Reason", std::move(reason));
+  return e;
+}
+
 std::string Error::localizedDescription() const {
   if (auto* s = userInfo.get(kErrorDescriptionKey).asString()) return *s;
   return format("The operation couldn't be completed. (%@ error %lld.)", domain,
@@ -208,8 +235,8 @@ std::string Error::localizedDescription() const {
 }
 
 std::string Error::description() const {
-  return format("Error Domain=%@ Code=%lld \"%@\" UserInfo=%@", domain, static_cast<long long>(code),
-                localizedDescription(), userInfo);
+  return format("Error Domain=%@ Code=%lld \"%@\" UserInfo=%@", domain,
+                static_cast<long long>(code), localizedDescription(), userInfo);
 }
 
 }  // namespace vl

@@ -18,6 +18,9 @@ struct Error {
   Dictionary userInfo;
 
   static Error withDescription(std::string domain, int64_t code, std::string description);
+  // The device tools' errors: domain "com.brindle.Vorlund", code 1, and the reason both as the
+  // description and under the user-information key "Reason".
+  static Error withReason(std::string reason);
   // The description of user information, or "The operation couldn't be completed. (domain error
   // code.)" when there is none.
   std::string localizedDescription() const;
@@ -37,7 +40,9 @@ inline void setError(Error* out, Error e) {
 class VLException : public std::runtime_error {
  public:
   VLException(std::string name, std::string reason)
-      : std::runtime_error(name + ": " + reason), name_(std::move(name)), reason_(std::move(reason)) {}
+      : std::runtime_error(name + ": " + reason),
+        name_(std::move(name)),
+        reason_(std::move(reason)) {}
   const std::string& name() const { return name_; }
   const std::string& reason() const { return reason_; }
 
