@@ -5,12 +5,9 @@
 #include "vorlund/devicetools/diagnostic_archive.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <regex>
@@ -43,29 +40,24 @@ class Callbacks {
     return [this](const std::optional<Error>& error) {
       std::lock_guard lock(mutex_);
       errors_.push_back(error);
-      changed_.notify_all();
     };
   }
   // The errors once n callbacks have come (or after 20 s, however many came).
   std::vector<std::optional<Error>> waitFor(size_t n) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(20), [&] { return errors_.size() >= n; });
+    test::eventually([&] {
+      std::lock_guard lock(mutex_);
+      return errors_.size() >= n;
+    });
+    std::lock_guard lock(mutex_);
     return errors_;
   }
 
  private:
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<std::optional<Error>> errors_;
 };
 
-bool eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 2000; ++i) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return condition();
-}
+using test::eventually;
 
 // A temporary device with fake tools on PATH and a snapdump command that waits while a gate file
 // exists and notes when it starts and ends.
@@ -87,8 +79,6 @@ class ArchiveDevice : public testing::Test {
   }
   std::string gate() const { return sandbox_.path("gate"); }
   std::string events() const { return sandbox_.path("events"); }
-  void closeGate() { test::writeFile(gate(), ""); }
-  void openGate() { fs::remove(gate()); }
   // Times (seconds since 1970) of the capture command's "start" or "end" notes, in order.
   std::vector<double> eventTimes(const std::string& kind) const {
     std::vector<double> times;
@@ -105,9 +95,8 @@ class ArchiveDevice : public testing::Test {
     std::error_code none;
     for (const auto& entry :
          fs::directory_iterator(sandbox_.root() + "/var/root/Library/Logs/Vorlund", none)) {
-      if (entry.path().filename().string().rfind("snapdump_hung_", 0) == 0) {
-        samples.push_back(entry.path().string());
-      }
+      if (entry.path().filename().string().starts_with("snapdump_hung_"))
+        samples.push_back(entry.path());
     }
     return samples;
   }
@@ -122,7 +111,7 @@ TEST_F(ArchiveDevice, OneCaptureRunsOneWaitsTheRestAreDroppedAndAHungOneIsSample
   Callbacks callbacks;
   {
     SnapdumpTrigger trigger;
-    closeGate();
+    test::writeFile(gate(), "");
     EXPECT_TRUE(trigger.request(callbacks.callback()));
     ASSERT_TRUE(eventually([&] { return !eventTimes("start").empty(); }));
     EXPECT_TRUE(trigger.request(callbacks.callback()));
@@ -132,27 +121,22 @@ TEST_F(ArchiveDevice, OneCaptureRunsOneWaitsTheRestAreDroppedAndAHungOneIsSample
         0, "Framework", "Queueing a snapdump for requests coming in during active snapdump"));
     for (int old = 2; old <= 50; ++old) EXPECT_FALSE(trigger.request(callbacks.callback()));
     EXPECT_TRUE(hungSamples().empty());
-
     // The 52nd request and later, with no capture ever finished: one sample of the capture.
-    EXPECT_FALSE(trigger.request(callbacks.callback()));
-    EXPECT_FALSE(trigger.request(callbacks.callback()));
+    for (int old = 51; old <= 52; ++old) EXPECT_FALSE(trigger.request(callbacks.callback()));
     EXPECT_EQ(capture_.count("Seems like snapdump is hung, taking a sample"), 1u);
     EXPECT_EQ(capture_.count("No need to queue a snapdump, because one is already queued"), 51u);
     std::vector<std::string> samples = hungSamples();
     ASSERT_EQ(samples.size(), 1u);
     EXPECT_EQ(test::readFile(samples[0]), "sampled snapdump\n");
-    EXPECT_TRUE(dateFromString(fs::path(samples[0]).stem().string().substr(14)));
-    openGate();
+    fs::remove(gate());
 
     auto errors = callbacks.waitFor(2);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_FALSE(errors[0] || errors[1]);
+    ASSERT_TRUE(errors.size() == 2 && !errors[0] && !errors[1]);
     EXPECT_EQ(capture_.count("Snapdump succeeded"), 2u);
 
     // The second capture waited out the spacing after the end of the first.
     std::vector<double> starts = eventTimes("start"), ends = eventTimes("end");
-    ASSERT_EQ(starts.size(), 2u);
-    ASSERT_EQ(ends.size(), 2u);
+    ASSERT_TRUE(starts.size() == 2 && ends.size() == 2);
     EXPECT_GE(starts[1] - ends[0], 0.59);
     EXPECT_TRUE(
         capture_.contains(1, "Framework",
@@ -224,15 +208,26 @@ class ThrowingArchiver : public DiagnosticArchiver {
   bool foreign_;
 };
 
-TEST_F(ArchiveDevice, ACaptureThatThrowsIsLoggedAndTheStateRecovers) {
+// The synchronous capture bypasses the queue; a queued capture that throws is logged and the
+// trigger's state recovers.
+TEST_F(ArchiveDevice, CapturesThatThrowAreLoggedAndTheStateRecovers) {
+  EXPECT_FALSE(VLTriggerSnapdumpSync());
+  EXPECT_TRUE(capture_.contains(1, "Default", "Triggering snapdump via libssnapdump"));
+  EXPECT_EQ(eventTimes("end").size(), 1u);
+  setPreferences(Dictionary{});
+  EXPECT_TRUE(VLTriggerSnapdumpSync());
+  setDiagnosticArchiver(std::make_shared<ThrowingArchiver>(false));
+  EXPECT_FALSE(VLTriggerSnapdumpSync());
+  setDiagnosticArchiver(nullptr);
+
+  capture_.clear();
   time::ScopedScale fast(0.0001);
   Callbacks callbacks;
   {
     SnapdumpTrigger trigger(std::make_shared<ThrowingArchiver>(false));
     ASSERT_TRUE(trigger.request(callbacks.callback()));
     auto errors = callbacks.waitFor(1);
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_FALSE(errors[0]);
+    ASSERT_TRUE(errors.size() == 1 && !errors[0]);
     EXPECT_TRUE(capture_.contains(1, "Framework",
                                   "Snapdump failed with error 'archive service went away'"));
   }
@@ -250,22 +245,6 @@ TEST_F(ArchiveDevice, ACaptureThatThrowsIsLoggedAndTheStateRecovers) {
                                "Triggering a snapdump because there is no active snapdump");
     }));
   }
-}
-
-TEST_F(ArchiveDevice, SynchronousCaptureBypassesTheQueue) {
-  EXPECT_FALSE(VLTriggerSnapdumpSync());
-  EXPECT_TRUE(capture_.contains(1, "Default", "Triggering snapdump via libssnapdump"));
-  EXPECT_EQ(eventTimes("end").size(), 1u);
-
-  setPreferences(Dictionary{});
-  std::optional<Error> error = VLTriggerSnapdumpSync();
-  ASSERT_TRUE(error);
-
-  setDiagnosticArchiver(std::make_shared<ThrowingArchiver>(false));
-  EXPECT_FALSE(VLTriggerSnapdumpSync());
-  setDiagnosticArchiver(nullptr);
-  EXPECT_TRUE(
-      capture_.contains(1, "Framework", "Snapdump failed with error 'archive service went away'"));
 }
 
 TEST_F(ArchiveDevice, AFailedLogWriteRequestsAnArchive) {
@@ -363,7 +342,6 @@ TEST_F(ArchiveDevice, LogCollectExportsTheJournalSinceTheStart) {
   const std::string prefix = sandbox_.root() + "/var/root/Library/Logs/Vorlund/LogCollect/start" +
                              dateString(start) + "-end";
   EXPECT_EQ(path->rfind(prefix, 0), 0u) << *path;
-  EXPECT_TRUE(dateFromString(path->substr(prefix.size(), 19)));
   EXPECT_EQ(test::readFile(*path), "exported --since=@1767225600 --output=export\n");
   EXPECT_TRUE(capture_.contains(1, "Framework", "Triggering log collect for: 'wifi drop'"));
   EXPECT_TRUE(capture_.contains(16, "Framework",

@@ -1,5 +1,6 @@
 // Finding and ending the processes a test's commands leave behind, by their exact command line, so
-// that a test can check that none survived and clean up after a failure.
+// that a test can check that none survived and clean up after a failure; and waiting, bounded, for
+// what a child or a timer does.
 #pragma once
 
 #include <dirent.h>
@@ -7,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,13 +38,19 @@ inline std::vector<int> liveProcesses(const std::vector<std::string>& argv) {
   return found;
 }
 
+// Whether condition holds within seconds, tried every two milliseconds.
+inline bool eventually(const std::function<bool()>& condition, double seconds = 20) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return condition();
+}
+
 // Waits up to seconds for every process running argv to end; whatever is left is killed so that
 // a failed test leaves nothing behind. Returns whether none was left.
 inline bool endedWithin(const std::vector<std::string>& argv, double seconds) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!liveProcesses(argv).empty() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  eventually([&] { return liveProcesses(argv).empty(); }, seconds);
   std::vector<int> left = liveProcesses(argv);
   for (int pid : left) ::kill(pid, SIGKILL);
   return left.empty();

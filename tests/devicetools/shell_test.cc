@@ -21,7 +21,6 @@
 
 #include "devicetools/fake_tools.h"
 #include "devicetools/processes.h"
-#include "support/child_process.h"
 #include "support/test_support.h"
 #include "vorlund/devicetools/process_table.h"
 #include "vorlund/devicetools/timer_manager.h"
@@ -54,12 +53,7 @@ TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   task = VLExecuteTask("echo hello; exit 3", {}, true, 5);
   EXPECT_EQ(task->terminationStatus(), 3);
   EXPECT_EQ(VLConvertPipeToString(task->standardOutput()), "hello\n");
-  const int pid = task->processIdentifier();
   EXPECT_TRUE(capture.contains(0, "Framework", "Launching shell command echo hello; exit 3"));
-  EXPECT_TRUE(
-      capture.contains(0, "Framework", format("Setting timeout of 5.0 seconds for %d", pid)));
-  EXPECT_TRUE(capture.contains(
-      16, "Framework", format("Completed task %d %@", pid, argumentsText("echo hello; exit 3"))));
   EXPECT_EQ(VLExecuteShellCommand("printf 'x\\ny'", {}, true, 5), "x\ny");
   EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of printf 'x\\ny' was 0"));
 
@@ -68,14 +62,10 @@ TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   ASSERT_TRUE(pipe->write("from a pipe"));
   pipe->closeWriting();
   EXPECT_EQ(VLExecuteShellCommand("tr a-z A-Z", pipe, true, 5), "FROM A PIPE");
-
   test::TempDir dir;
   test::writeFile(dir.file("input"), "from a file\n");
   auto handle = FileHandle::adopt(open(dir.file("input").c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(VLExecuteShellCommand("wc -l", handle, true, 5), "1\n");
-
-  test::ScopedEnv noPath("PATH", std::nullopt);
-  EXPECT_EQ(VLCreateBashCommand("true")->environment()->at("PATH"), "(null):/usr/local/bin");
 }
 
 TEST(ShellCommand, OutputRules) {
@@ -103,7 +93,7 @@ TEST(ShellCommand, OutputRules) {
   EXPECT_EQ(VLExecuteShellCommand("echo unread", {}, false, 5), "");
 }
 
-TEST(ShellCommand, ATimedOutCommandIsKilledAndOnlySignal9CountsAsATimeOut) {
+TEST(ShellCommand, ATimedOutCommandIsKilledUntilItEndsAndOnlySignal9CountsAsATimeOut) {
   time::ScopedScale fast(0.05);
   for (int signal : {9, 15}) {
     LogCapture capture;
@@ -120,15 +110,10 @@ TEST(ShellCommand, ATimedOutCommandIsKilledAndOnlySignal9CountsAsATimeOut) {
                          format(signal == 9 ? "Had to timeout task %d %@" : "Completed task %d %@",
                                 pid, argumentsText("sleep 100"))));
   }
-}
-
-TEST(ShellCommand, KillTimerRepeatsUntilTheTaskEnds) {
-  time::ScopedScale fast(0.05);
-  LogCapture capture;
   // Survives the first SIGTERM (which only restores the default action), dies of the second.
-  const std::string command = "trap 'trap - TERM' TERM; while :; do sleep 0.01; done";
-  auto task = VLExecuteTaskWithKillSignal(command, {}, true, 15, 2);
-  EXPECT_EQ(task->terminationStatus(), 15);
+  LogCapture capture;
+  auto task = VLExecuteTaskWithKillSignal("trap 'trap - TERM' TERM; while :; do sleep 0.01; done",
+                                          {}, true, 15, 2);
   EXPECT_TRUE(task->wasSignalled());
   EXPECT_GE(capture.count(format("Killing pid %d with sig [15]", task->processIdentifier())), 2u);
 }
@@ -176,8 +161,7 @@ TEST(ShellCommand, ATaskThatIsNotRunningCannotBeTimedOut) {
   auto task = Task::make();
   task->setLaunchPath("/vorlund-missing/tool");
   task->setArguments({"x"});
-  Error error;
-  EXPECT_FALSE(task->launch(&error));
+  EXPECT_FALSE(task->launch());
   EXPECT_FALSE(VLSetNSTaskToTimeout(task, 1));
   EXPECT_TRUE(capture.contains(0, "Framework", "Setting timeout of 1.0 seconds for 0"));
   EXPECT_TRUE(capture.contains(16, "Framework",
@@ -216,10 +200,7 @@ TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
   EXPECT_EQ(errno, ECHILD);
   // The background waiter of the task started without waiting lets go of it (and its pipes) a
   // moment after the child exits; give it a bounded time to do so.
-  for (int i = 0; i < 500 && openDescriptorCount() != descriptors; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(openDescriptorCount(), descriptors);
+  EXPECT_TRUE(test::eventually([&] { return openDescriptorCount() == descriptors; }, 5));
 }
 
 TEST(ShellCommand, LargeOutputOnBothStreamsDoesNotStall) {
@@ -286,24 +267,18 @@ TEST(ProcessTable, FindsARealChildByItsShortNameAndCountsTheCores) {
   auto task = VLCreateBashCommand("exec " + program + " 30");
   ASSERT_TRUE(task->launch());
   int32_t found = -1;
-  for (int i = 0; i < 500 && found < 0; ++i) {
-    found = VLGetPIDForProcess("vlpidprobe_long");
-    if (found < 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  test::eventually([&] { return (found = VLGetPIDForProcess("vlpidprobe_long")) >= 0; });
   EXPECT_EQ(found, task->processIdentifier());
   for (const char* other : {"vlpidprobe_long_name", "vlpidprobe_lon", ""}) {
     EXPECT_EQ(VLGetPIDForProcess(other), -1) << other;
   }
-  test::ChildResult getconf = test::runChild({"getconf", "_NPROCESSORS_ONLN"});
-  ASSERT_EQ(getconf.exitStatus, 0);
-  EXPECT_EQ(VLGetNumberOfCoresOnHost(), std::stoll(getconf.out));
+  EXPECT_EQ(VLGetNumberOfCoresOnHost(), sysconf(_SC_NPROCESSORS_ONLN));
 }
 
 TEST(ProcessTable, MemoryFromTheMemoryTable) {
   FakeTools tools;
-  tools.add("culler_rank",
-            "printf '  125.5MB   80.2MB  200.0MB N Y 12 - locationd\\n'\n"
-            "printf '     42MB     10MB     11MB NY0 -  mobileassetd\\n'");
+  tools.add("culler_rank", "tail -n +2 " + std::string(VORLUND_TESTDATA_DIR) +
+                               "/memory-table/culler_rank_locationd.txt");
   LogCapture capture;
   EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("locationd"), 125.5);
   EXPECT_DOUBLE_EQ(VLGetMemoryForProcess("bluetoothd"), 0.0);
