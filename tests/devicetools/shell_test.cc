@@ -43,19 +43,33 @@ size_t openDescriptorCount() {
 
 std::string argumentsText(const std::string& command) { return Array{"-c", command}.description(); }
 
-TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
-  LogCapture capture;
+// Every test of the runner sees what it logs.
+class ShellCommand : public testing::Test {
+ protected:
+  bool logged(VLLogLevel level, const std::string& message) const {
+    return capture_.contains(level, "Framework", message);
+  }
+  // Lines whose message begins with prefix.
+  size_t linesStartingWith(const std::string& prefix) const {
+    size_t count = 0;
+    for (const CapturedLine& line : capture_.lines()) count += line.message.starts_with(prefix);
+    return count;
+  }
+  LogCapture capture_;
+};
+
+TEST_F(ShellCommand, BuildsRunsAndLogsABashTask) {
   test::ScopedEnv path("PATH", "/usr/bin:/bin");
   auto task = VLCreateBashCommand("echo 'a b' | wc -c");
   EXPECT_EQ(task->environment()->at("PATH"), "/usr/bin:/bin:/usr/local/bin");
-  EXPECT_TRUE(capture.contains(0, "Framework", "Creating bash command : echo 'a b' | wc -c"));
+  EXPECT_TRUE(logged(0, "Creating bash command : echo 'a b' | wc -c"));
 
   task = VLExecuteTask("echo hello; exit 3", {}, true, 5);
   EXPECT_EQ(task->terminationStatus(), 3);
   EXPECT_EQ(VLConvertPipeToString(task->standardOutput()), "hello\n");
-  EXPECT_TRUE(capture.contains(0, "Framework", "Launching shell command echo hello; exit 3"));
+  EXPECT_TRUE(logged(0, "Launching shell command echo hello; exit 3"));
   EXPECT_EQ(VLExecuteShellCommand("printf 'x\\ny'", {}, true, 5), "x\ny");
-  EXPECT_TRUE(capture.contains(0, "Framework", "Exit status of printf 'x\\ny' was 0"));
+  EXPECT_TRUE(logged(0, "Exit status of printf 'x\\ny' was 0"));
 
   // Standard input from a pipe or a file.
   auto pipe = Pipe::make();
@@ -68,19 +82,17 @@ TEST(ShellCommand, BuildsRunsAndLogsABashTask) {
   EXPECT_EQ(VLExecuteShellCommand("wc -l", handle, true, 5), "1\n");
 }
 
-TEST(ShellCommand, OutputRules) {
+TEST_F(ShellCommand, OutputRules) {
   FakeTools tools;
   tools.add("curl", "echo body; echo '  % Total    % Received' >&2");
   test::TempDir dir;
-  LogCapture capture;
 
   // Output and error text joined by one line feed; the non-zero status is logged, not a failure.
   std::string both = VLExecuteShellCommand("echo a; ls /vorlund-missing-file", {}, true, 5);
   std::string error = both.substr(both.find('\n') + 2);
   EXPECT_EQ(both.substr(0, 3), "a\n\n");
   EXPECT_NE(error.find("/vorlund-missing-file"), std::string::npos) << both;
-  EXPECT_TRUE(
-      capture.contains(0, "Framework", "output with non 0 termination status is a\n\n" + error));
+  EXPECT_TRUE(logged(0, "output with non 0 termination status is a\n\n" + error));
   // Only the error stream: the error text alone.
   EXPECT_EQ(VLExecuteShellCommand("ls /vorlund-missing-file", {}, true, 5), error);
   // A download writes its progress on standard error: the output alone.
@@ -93,46 +105,34 @@ TEST(ShellCommand, OutputRules) {
   EXPECT_EQ(VLExecuteShellCommand("echo unread", {}, false, 5), "");
 }
 
-TEST(ShellCommand, ATimedOutCommandIsKilledUntilItEndsAndOnlySignal9CountsAsATimeOut) {
+TEST_F(ShellCommand, ATimedOutCommandIsKilledUntilItEndsAndOnlySignal9CountsAsATimeOut) {
   time::ScopedScale fast(0.05);
   for (int signal : {9, 15}) {
-    LogCapture capture;
     auto task = VLCreateBashCommand("sleep 100");
     ASSERT_TRUE(task->launch());
     const int pid = task->processIdentifier();
     // Tested against 9 whatever the signal: a task ended by 15 counts as completed.
     EXPECT_EQ(VLSetNSTaskToTimeoutWithKillSignal(task, signal, 2), signal != 9);
     EXPECT_EQ(task->terminationStatus(), signal);
+    EXPECT_TRUE(logged(0, format("Killing pid %d with sig [%d]", pid, signal)));
     EXPECT_TRUE(
-        capture.contains(0, "Framework", format("Killing pid %d with sig [%d]", pid, signal)));
-    EXPECT_TRUE(
-        capture.contains(16, "Framework",
-                         format(signal == 9 ? "Had to timeout task %d %@" : "Completed task %d %@",
-                                pid, argumentsText("sleep 100"))));
+        logged(16, format(signal == 9 ? "Had to timeout task %d %@" : "Completed task %d %@", pid,
+                          argumentsText("sleep 100"))));
   }
   // Survives the first SIGTERM (which only restores the default action), dies of the second.
-  LogCapture capture;
   auto task = VLExecuteTaskWithKillSignal("trap 'trap - TERM' TERM; while :; do sleep 0.01; done",
                                           {}, true, 15, 2);
   EXPECT_TRUE(task->wasSignalled());
-  EXPECT_GE(capture.count(format("Killing pid %d with sig [15]", task->processIdentifier())), 2u);
+  EXPECT_GE(capture_.count(format("Killing pid %d with sig [15]", task->processIdentifier())), 2u);
 }
 
-// Lines whose message begins with prefix.
-size_t linesStartingWith(const LogCapture& capture, const std::string& prefix) {
-  size_t count = 0;
-  for (const CapturedLine& line : capture.lines()) count += line.message.rfind(prefix, 0) == 0;
-  return count;
-}
-
-TEST(ShellCommand, TimeoutsThatSetNoTimerWaitForTheCommand) {
+TEST_F(ShellCommand, TimeoutsThatSetNoTimerWaitForTheCommand) {
   time::ScopedScale fast(0.001);
-  LogCapture capture;
   for (double timeout : {0.0, -1.0, std::numeric_limits<double>::infinity(), 1e300, std::nan("")}) {
     EXPECT_EQ(VLExecuteShellCommand("sleep 0.2; echo done", {}, true, timeout), "done\n")
         << timeout;
   }
-  EXPECT_EQ(linesStartingWith(capture, "Killing pid"), 0u);
+  EXPECT_EQ(linesStartingWith("Killing pid"), 0u);
   // A plain wait is scaled too, and a negative one is none.
   auto start = Clock::now();
   waitForSeconds(-5);
@@ -140,9 +140,8 @@ TEST(ShellCommand, TimeoutsThatSetNoTimerWaitForTheCommand) {
   EXPECT_GE(std::chrono::duration<double>(Clock::now() - start).count(), 0.2);
 }
 
-TEST(ShellCommand, BackgroundJobsEndAtTheCommandsDeadline) {
+TEST_F(ShellCommand, BackgroundJobsEndAtTheCommandsDeadline) {
   time::ScopedScale fast(0.05);
-  LogCapture capture;
   // Killed with the command; then left holding the output of a command that ended by itself.
   struct Case {
     const char* command;
@@ -158,26 +157,24 @@ TEST(ShellCommand, BackgroundJobsEndAtTheCommandsDeadline) {
     EXPECT_TRUE(test::endedWithin(c.job, returned ? 5 : 0)) << c.command;
     EXPECT_EQ(run.get(), c.output);
   }
-  EXPECT_EQ(linesStartingWith(capture, "Completed task"), 1u);
+  EXPECT_EQ(linesStartingWith("Completed task"), 1u);
 }
 
-TEST(ShellCommand, ATaskThatIsNotRunningCannotBeTimedOut) {
-  LogCapture capture;
+TEST_F(ShellCommand, ATaskThatIsNotRunningCannotBeTimedOut) {
   auto task = Task::make();
   task->setLaunchPath("/vorlund-missing/tool");
   task->setArguments({"x"});
   EXPECT_FALSE(task->launch());
   EXPECT_FALSE(VLSetNSTaskToTimeout(task, 1));
-  EXPECT_TRUE(capture.contains(0, "Framework", "Setting timeout of 1.0 seconds for 0"));
-  EXPECT_TRUE(capture.contains(16, "Framework",
-                               "Task is not running, cannot timeout " + Array{"x"}.description()));
+  EXPECT_TRUE(logged(0, "Setting timeout of 1.0 seconds for 0"));
+  EXPECT_TRUE(logged(16, "Task is not running, cannot timeout " + Array{"x"}.description()));
 
   auto ended = VLExecuteTask("true", {}, true, 1);
   EXPECT_FALSE(VLSetNSTaskToTimeout(ended, 1));
   EXPECT_FALSE(ended->launch());
 }
 
-TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
+TEST_F(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
   time::ScopedScale fast(0.05);
   VLExecuteShellCommand("true", {}, true, 1);  // the logger's files are open from here on
   const size_t descriptors = openDescriptorCount();
@@ -208,7 +205,7 @@ TEST(ShellCommand, LeavesNoZombiesAndNoDescriptors) {
   EXPECT_TRUE(test::eventually([&] { return openDescriptorCount() == descriptors; }, 5));
 }
 
-TEST(ShellCommand, LargeOutputOnBothStreamsDoesNotStall) {
+TEST_F(ShellCommand, LargeOutputOnBothStreamsDoesNotStall) {
   FakeTools tools;
   tools.add("noisy",
             "head -c 600000 /dev/zero | tr '\\0' o; head -c 400000 /dev/zero | tr '\\0' e >&2");
@@ -240,8 +237,7 @@ TEST(Pipe, ReadingAndWritingEndsFailCleanly) {
   EXPECT_NE(error.localizedDescription().find("Broken pipe"), std::string::npos);
 }
 
-TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
-  LogCapture capture;
+TEST_F(ShellCommand, PipesThatCannotBeMadeAreLogged) {
   rlimit saved{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
   int lowestFree = dup(0);
@@ -254,7 +250,7 @@ TEST(ShellCommand, PipesThatCannotBeMadeAreLogged) {
   setrlimit(RLIMIT_NOFILE, &saved);
 
   EXPECT_FALSE(task->standardError() || task->standardOutput());
-  auto lines = capture.lines();
+  auto lines = capture_.lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[1].message.rfind("Saw an exception trying to set up NSPipes... Error Domain="
                                    "com.brindle.Vorlund Code=1 \"Could not create a pipe: Too many "
