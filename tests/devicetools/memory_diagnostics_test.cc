@@ -36,9 +36,13 @@ class Sleeper {
     std::filesystem::copy_file("/bin/sleep", dir.file(kSleeper));
     task_ = VLCreateBashCommand("exec " + dir.file(kSleeper) + " 60");
     EXPECT_TRUE(task_->launch());
-    // The name shows once the child has run exec.
-    test::eventually(
-        [&] { return test::readFile(format("/proc/%d/comm", pid())) == kSleeperName + "\n"; });
+    // The name shows once the child has run exec; its memory stays still only once the loader is
+    // done and it sleeps ("S" in its stat line, after the parenthesised name).
+    test::eventually([&] {
+      const std::string stat = test::readFile(format("/proc/%d/stat", pid()));
+      return test::readFile(format("/proc/%d/comm", pid())) == kSleeperName + "\n" &&
+             stat.find(") S ") != std::string::npos;
+    });
   }
   int pid() const { return task_->processIdentifier(); }
 

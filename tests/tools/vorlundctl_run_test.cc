@@ -161,6 +161,11 @@ TEST_F(VorlundctlRunTest, ACrashingHelperBecomesACrashIssueOfTheRun) {
   // The run takes no issue dated at or before its start, and report names keep whole seconds: the
   // run starts, then the crash comes in a later second.
   ASSERT_EQ(ctl({"run", "Sample Ping Gateway", "--local"}).exitStatus, 0);
+  // Under the sanitizers their own fatal-signal handlers would take the crash first.
+  const char* sanitizerOptions = getenv("ASAN_OPTIONS");
+  test::ScopedEnv asan("ASAN_OPTIONS",
+                       std::string(sanitizerOptions ? sanitizerOptions : "") +
+                           ":handle_segv=0:handle_abort=0:allow_user_segv_handler=1");
   const auto started = std::chrono::system_clock::now();
   std::this_thread::sleep_until(std::chrono::ceil<std::chrono::seconds>(started));
   auto crashed = ctl({"run", "Sample Crashing Helper", "--local", "--option", "OwnReport=YES"});
