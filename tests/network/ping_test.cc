@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "support/test_support.h"
+#include "vorlund/devicetools/shell.h"
 #include "vorlund/logging/log_capture.h"
 #include "vorlund/network/ping_command.h"
 #include "vorlund/network/ping_summary.h"
@@ -61,6 +62,25 @@ TEST(PingCommand, FlavourFromTheVersionProbe) {
   EXPECT_EQ(pingFlavourFromVersionOutput(""), PingFlavour::kBsdStyle);
   // The machine the tests run on has Debian's ping.
   EXPECT_EQ(detectedPingFlavour(), PingFlavour::kIputils);
+}
+
+// BusyBox's ping takes the command built for it, as root or where unprivileged pings are allowed.
+TEST(PingCommand, BusyBoxRunsTheCommandsBuiltForIt) {
+  std::string probe = VLExecuteShellCommand("busybox ping -V", {}, true, 10);
+  if (probe.find("BusyBox") == std::string::npos) GTEST_SKIP() << "no busybox here";
+  EXPECT_EQ(pingFlavourFromVersionOutput(probe), PingFlavour::kBusyBox);
+  for (bool flood : {false, true}) {
+    PingOptions options{
+        .host = "127.0.0.1", .trafficClass = 3, .interface = "lo", .flood = flood, .count = 2};
+    options.interval = 0.2;
+    std::string output = VLExecuteShellCommand(
+        "busybox " + pingCommand(PingFlavour::kBusyBox, options), {}, true, 10);
+    if (output.find("permission denied") != std::string::npos) GTEST_SKIP() << output;
+    PingSummary summary = parsePingSummary(output);
+    EXPECT_FALSE(summary.failure) << output;
+    EXPECT_EQ(summary.statistics.packetsReceived, 2) << output;
+    EXPECT_FALSE(hasRoundTripStdDev(summary.statistics));
+  }
 }
 
 class PingTest : public ::testing::Test {
