@@ -23,6 +23,7 @@ declare -A testdata=(
   [crash_report_fuzz]="faultbin"
   [memory_diagnostics_fuzz]="memory memory-table"
   [journal_import_fuzz]="journal"
+  [ping_summary_fuzz]="network/ping"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

@@ -85,73 +85,50 @@ TEST(PingCommand, BusyBoxRunsTheCommandsBuiltForIt) {
 
 class PingTest : public ::testing::Test {
  protected:
+  static VLPing ping(std::optional<std::string> host, std::optional<std::string> interface) {
+    VLPing ping;
+    ping.setUrlString(std::move(host));
+    ping.setInterface(std::move(interface));
+    ping.setCount(2);
+    ping.setInterval(0.2);
+    return ping;
+  }
+  static std::string reason(const VLPing& ping) {
+    return ping.error() ? ping.error()->userInfo.get("Reason").stringOr("") : "";
+  }
   bool logged(VLLogLevel level, const std::string& message) {
     return capture_.contains(level, "Default", message);
   }
-  bool loggedPrefix(const std::string& prefix) {
+  bool ran(const std::string& outputStart = "") {
     for (const CapturedLine& line : capture_.lines()) {
-      if (line.message.rfind(prefix, 0) == 0) return true;
+      if (line.message.rfind("Output is \n" + outputStart, 0) == 0) return true;
     }
     return false;
   }
 
-  test::Sandbox sandbox_;
+  test::Sandbox sandbox_;  // the peer link's preference is read from its home
   LogCapture capture_;
 };
 
 TEST_F(PingTest, DefaultsAndTheInitialRecord) {
-  VLPing ping;
-  EXPECT_FALSE(ping.urlString());
-  EXPECT_EQ(ping.timeout(), -1.0);
-  EXPECT_EQ(ping.count(), 10);
-  EXPECT_EQ(ping.size(), 56);
-  EXPECT_EQ(ping.interval(), 1.0);
-  EXPECT_FALSE(ping.isIPV6() || ping.isFloodPing() || ping.isPLNK());
   const char* user = std::getenv("USER");
-  EXPECT_EQ(ping.password(), std::string(user ? user : "") + "\n");
+  EXPECT_EQ(VLPing().password(), std::string(user ? user : "") + "\n");
   EXPECT_EQ(VLGetPingStatisticsDescription(VLPing::_initStats()),
             "0 packets transmitted, 0 packets received (100.00% lost), round-trip "
             "min/avg/max/stddev = 0.000/0.000/0.000/0.000 ms");
-  const std::pair<const char*, int> classes[] = {{"BE", 0}, {"BK", 1},  {"VI", 2},
-                                                 {"VO", 3}, {"vo", -1}, {"", -1}};
-  for (const auto& [name, number] : classes) {
+  for (const auto& [name, number] :
+       {std::pair{"BE", 0}, {"BK", 1}, {"VI", 2}, {"VO", 3}, {"vo", -1}, {"", -1}}) {
     EXPECT_EQ(VLPing::_convertAccessClassStringToInt(name), number) << name;
   }
 }
 
-TEST_F(PingTest, BadSettingsFailBeforeAnythingRuns) {
-  VLPing ping;
-  VLPingStatistics none = ping.execute();
-  ASSERT_TRUE(ping.error());
-  EXPECT_EQ(ping.error()->domain, "com.brindle.Vorlund");
-  EXPECT_EQ(ping.error()->code, 1);
-  EXPECT_EQ(ping.error()->userInfo.get("Reason").stringOr(""),
-            "No URL specified before -[VLPing execute]");
-  EXPECT_EQ(none.packetLoss, 100.0);
-
-  ping.setUrlString("127.0.0.1");
-  ping.setInterface("lo");
-  ping.setAccessClass("XX");
-  ping.execute();
-  ASSERT_TRUE(ping.error());
-  EXPECT_EQ(ping.error()->userInfo.get("Reason").stringOr(""),
-            "Invalid access class specified... XX");
-  EXPECT_FALSE(loggedPrefix("Output is"));
-}
-
-TEST_F(PingTest, RealPingOfTheIPv4Loopback) {
-  VLPing ping;
-  ping.setUrlString("127.0.0.1");
-  ping.setInterface("lo");
-  ping.setAccessClass("VO");
-  ping.setCount(3);
-  ping.setInterval(0.2);
-  ASSERT_TRUE(ping.hasIPV4Address());
-  VLPingStatistics s = ping.execute();
-  ASSERT_FALSE(ping.error()) << ping.error()->description();
-  EXPECT_FALSE(ping.isIPV6());
-  EXPECT_EQ(s.packetsTransmitted, 3);
-  EXPECT_EQ(s.packetsReceived, 3);
+TEST_F(PingTest, RealPingsOfTheLoopbacks) {
+  VLPing v4 = ping("127.0.0.1", "lo");
+  v4.setAccessClass("VO");
+  VLPingStatistics s = v4.execute();
+  ASSERT_FALSE(v4.error()) << v4.error()->description();
+  EXPECT_EQ(s.packetsTransmitted, 2);
+  EXPECT_EQ(s.packetsReceived, 2);
   EXPECT_EQ(s.packetLoss, 0.0);
   EXPECT_GT(s.roundTripMin, 0.0);
   EXPECT_LE(s.roundTripMin, s.roundTripAverage);
@@ -160,64 +137,63 @@ TEST_F(PingTest, RealPingOfTheIPv4Loopback) {
   EXPECT_TRUE(logged(VLLogLevelNotice, "Got address: 127.0.0.1"));
   EXPECT_TRUE(
       logged(VLLogLevelNotice,
-             "Running iputils ping: ping -q -Q 192 -I lo -i 0.200000 -c 3 -s 56 127.0.0.1"));
-  EXPECT_TRUE(loggedPrefix("Output is \nPING 127.0.0.1"));
-}
+             "Running iputils ping: ping -q -Q 192 -I lo -i 0.200000 -c 2 -s 56 127.0.0.1"));
+  EXPECT_TRUE(ran("PING 127.0.0.1"));
 
-TEST_F(PingTest, RealPingOfTheIPv6LoopbackAndThePeerLink) {
   if (test::readFile("/proc/net/if_inet6").find("00000000000000000000000000000001") ==
       std::string::npos) {
     GTEST_SKIP() << "this machine has no IPv6 loopback";
   }
-  VLPing ping;
-  ping.setUrlString("::1");
-  ping.setInterface("lo");
-  ping.setIsIPV6(true);
-  ping.setCount(2);
-  ping.setInterval(0.2);
-  VLPingStatistics s = ping.execute();
-  ASSERT_FALSE(ping.error()) << ping.error()->description();
+  VLPing v6 = ping("::1", "lo");
+  v6.setIsIPV6(true);
+  s = v6.execute();
+  ASSERT_FALSE(v6.error()) << v6.error()->description();
   EXPECT_EQ(s.packetsReceived, 2);
   EXPECT_GT(s.roundTripMax, 0.0);
   EXPECT_TRUE(logged(VLLogLevelNotice,
                      "Running iputils ping: ping -6 -q -I lo -i 0.200000 -c 2 -s 56 ::1"));
-
   // The peer-to-peer link's interface replaces the named one; this machine has none.
-  ping.setIsPLNK(true);
-  ping.execute();
+  v6.setIsPLNK(true);
+  v6.execute();
   EXPECT_TRUE(logged(VLLogLevelNotice,
                      "Running iputils ping: ping -6 -q -I plnk0 -i 0.200000 -c 2 -s 56 ::1"));
-  ASSERT_TRUE(ping.error());
-  EXPECT_EQ(ping.error()->userInfo.get("Reason").stringOr(""), kPingNoStatistics);
+  EXPECT_EQ(reason(v6), kPingNoStatistics);
 }
 
-TEST_F(PingTest, NoInterfaceMeansIPv6AndAFailedRunHasNoStatistics) {
-  VLPing ping;
-  ping.setUrlString("127.0.0.1");
-  ping.setCount(1);
-  EXPECT_FALSE(ping.hasIPV4Address());
-  ping.execute();
-  EXPECT_TRUE(ping.isIPV6());
+TEST_F(PingTest, FailuresSetTheErrorAndReturnTheInitialRecord) {
+  VLPing noUrl = ping(std::nullopt, "lo");
+  VLPing badClass = ping("127.0.0.1", "lo");
+  badClass.setAccessClass("XX");
+  VLPing noInterface = ping("127.0.0.1", std::nullopt);
+  VLPing killed = ping("127.0.0.1", "lo");
+  killed.setCount(100);
+  killed.setTimeout(0.5);
+  const struct {
+    VLPing& ping;
+    std::string reason;
+    bool runs;
+  } cases[] = {{noUrl, "No URL specified before -[VLPing execute]", false},
+               {badClass, "Invalid access class specified... XX", false},
+               {killed, kPingNoStatistics, true},
+               {noInterface, kPingNoStatistics, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason);
+    capture_.clear();
+    VLPingStatistics s = c.ping.execute();
+    EXPECT_EQ(reason(c.ping), c.reason);
+    EXPECT_EQ(c.ping.error()->domain, "com.brindle.Vorlund");
+    EXPECT_EQ(c.ping.error()->code, 1);
+    EXPECT_EQ(VLGetPingStatisticsDescription(s),
+              VLGetPingStatisticsDescription(VLPing::_initStats()));
+    EXPECT_EQ(ran(), c.runs);
+  }
+  // (Checked on the lines of the last case.) Without an interface the address check fails and IPv6
+  // is used; iputils refuses the IPv4 address then, and its complaint is the failed output.
+  EXPECT_TRUE(noInterface.isIPV6());
   EXPECT_TRUE(logged(VLLogLevelNotice, "Got address: error"));
-  ASSERT_TRUE(ping.error());
-  EXPECT_EQ(ping.error()->userInfo.get("Reason").stringOr(""), kPingNoStatistics);
-  // iputils refuses an IPv4 address with -6; its complaint is the failed output.
   EXPECT_TRUE(logged(VLLogLevelError,
-                     "Output of failed ping was ping: 127.0.0.1: Address "
-                     "family for hostname not supported\n"));
-}
-
-TEST_F(PingTest, ARunKilledAtItsTimeoutHasNoStatistics) {
-  VLPing ping;
-  ping.setUrlString("127.0.0.1");
-  ping.setInterface("lo");
-  ping.setCount(100);
-  ping.setInterval(0.2);
-  ping.setTimeout(0.5);
-  VLPingStatistics s = ping.execute();
-  ASSERT_TRUE(ping.error());
-  EXPECT_EQ(ping.error()->userInfo.get("Reason").stringOr(""), kPingNoStatistics);
-  EXPECT_EQ(s.packetsTransmitted, 0);
+                     "Output of failed ping was ping: 127.0.0.1: Address family for hostname not "
+                     "supported\n"));
 }
 
 }  // namespace

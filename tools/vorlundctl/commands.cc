@@ -1,6 +1,10 @@
 #include "commands.h"
 
+#include <iostream>
+#include <iterator>
 #include <vector>
+
+#include "vorlund/foundation/paths.h"
 
 namespace vorlundctl {
 
@@ -12,6 +16,15 @@ std::vector<std::pair<CLI::App*, std::function<int()>>>& actions() {
 }
 
 }  // namespace
+
+std::string readInputText(const std::string& file) {
+  if (file.empty() || file == "-") {
+    return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  }
+  std::optional<std::string> contents = vl::paths::readFile(file);
+  if (!contents) throw UsageFailure("cannot read " + file);
+  return std::move(*contents);
+}
 
 void setAction(CLI::App* command, std::function<int()> action) {
   actions().emplace_back(command, std::move(action));

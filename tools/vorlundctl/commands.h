@@ -3,7 +3,6 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -25,6 +24,11 @@ void addDeviceCommand(CLI::App& app);
 void addMemdumpCommand(CLI::App& app);
 void addSyncCommand(CLI::App& app);
 void addFaultbinCommand(CLI::App& app);
+void addPingCommands(CLI::App& app);
+
+// The whole text of file, or of standard input when file is empty or "-". Throws UsageFailure when
+// the file cannot be read.
+std::string readInputText(const std::string& file);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

@@ -2,14 +2,11 @@
 // json` lines taken from any machine (a file, or standard input); `collect` runs the collector once
 // over this machine's journal, from where its last pass stopped.
 #include <cstdio>
-#include <iostream>
-#include <iterator>
 #include <sstream>
 
 #include "commands.h"
 #include "vorlund/devicetools/crash_collector.h"
 #include "vorlund/devicetools/journal_source.h"
-#include "vorlund/foundation/paths.h"
 
 namespace vorlundctl {
 
@@ -20,14 +17,7 @@ void printReport(const std::string& path, bool alreadyThere) {
 }
 
 int importJournal(const std::string& file) {
-  std::string text;
-  if (file.empty() || file == "-") {
-    text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  } else {
-    std::optional<std::string> contents = vl::paths::readFile(file);
-    if (!contents) throw UsageFailure("cannot read " + file);
-    text = std::move(*contents);
-  }
+  std::string text = readInputText(file);
   vl::RecordedJournalSource source(text);
   for (const auto& [number, reason] : source.badLines()) {
     std::fprintf(stderr, "vorlundctl: line %zu: %s; skipped\n", number, reason.c_str());

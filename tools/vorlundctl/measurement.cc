@@ -11,6 +11,8 @@ namespace vorlundctl {
 int reportMeasurement(const Measurement& measurement, bool asJson) {
   auto result = VLTestCaseResult::withName(measurement.name);
   result->setType(std::string(kVLTestCaseResultTypeAverage));
+  result->setStartTime(measurement.start);
+  result->setEndTime(std::nullopt);
   for (const auto& [metric, value] : measurement.figures) result->addMetric(value, metric);
   if (measurement.failure) {
     result->failWithReason(*measurement.failure);

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "vorlund/foundation/value.h"
+
 namespace vorlundctl {
 
 struct Measurement {
@@ -15,6 +17,9 @@ struct Measurement {
   // Metric name and value, in the order printed; a figure the tool did not give is left out.
   std::vector<std::pair<std::string, double>> figures;
   std::optional<std::string> failure;  // the tool's error reason when the measurement failed
+  // When the tool started: the result runs from here to the report. A run refuses a result
+  // without a start, so the record is made before the tool runs.
+  vl::Date start = vl::Date::now();
 };
 
 // Prints the figures, one "NAME VALUE" line each and then the outcome (or, with asJson, the
