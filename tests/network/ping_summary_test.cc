@@ -89,18 +89,15 @@ TEST(PingSummary, BrokenSummariesFailWithTheirReasonAndKeepWhatWasRead) {
   } cases[] = {
       {edited("statistics ---", "statistics"), {0, 0, 100, 0, 0, 0, 0, kPingNoStatistics}},
       {edited(", 0% packet loss", ""), {0, 0, 100, 0, 0, 0, 0, kPingNoCounts}},
-      {edited("4 received", "received"), {0, 0, 100, 0, 0, 0, 0, kPingNoCounts}},
       {edited("4 packets transmitted", "-4 packets transmitted"),
        {0, 0, 100, 0, 0, 0, 0, kPingNoCounts}},
       {edited("rtt min", "rtt"), {4, 4, 0, 0, 0, 0, 0, kPingNoRoundTrip}},
       {edited("/0.010 ms", " ms"), {4, 4, 0, 0, 0, 0, 0, kPingNoRoundTrip}},
       {edited("0.031", "nan"), {4, 4, 0, 0, 0, 0, 0, kPingNoRoundTrip}},
-      {edited(" = ", " "), {4, 4, 0, 0, 0, 0, 0, kPingNoRoundTrip}},
       // Windows line ends and a missing final line feed change nothing.
       {std::string("--- h ping statistics ---\r\n1 packets transmitted, 1 packets received, 0% "
                    "packet loss\r\nround-trip min/avg/max/std-dev = 1.5/2.5/3.5/0.5 ms"),
        {1, 1, 0, 1.5, 2.5, 3.5, 0.5, nullptr}},
-      {"", {0, 0, 100, 0, 0, 0, 0, kPingNoStatistics}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);

@@ -3,36 +3,26 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "support/child_process.h"
 
 namespace vl::network {
 namespace {
 
 TEST(Routes, TheInterfaceThatReachesAHostAndTheDefaultRoute) {
-  EXPECT_EQ(interfaceForIPv4Host("127.0.0.1").value_or(""), "lo");
   EXPECT_EQ(interfaceForIPv4Host("localhost").value_or(""), "lo");
   EXPECT_FALSE(interfaceForIPv4Host("no-such-host.invalid"));
   EXPECT_FALSE(interfaceForIPv4Host("::1"));
 
+  // "default via GATEWAY dev NAME ...", or nothing
   auto shown = test::runChild({"ip", "-4", "route", "show", "default"});
   if (shown.exitStatus != 0) GTEST_SKIP() << "no ip here: " << shown.err;
   std::optional<DefaultRoute> route = defaultRoute();
-  if (shown.out.empty()) {
-    EXPECT_FALSE(route);
-    return;
-  }
-  // "default via GATEWAY dev NAME ..."
-  std::istringstream words(shown.out);
-  std::string defaultWord, via, gateway, dev, name;
-  words >> defaultWord >> via >> gateway >> dev >> name;
-  if (via != "via" || dev != "dev") GTEST_SKIP() << "a default route without a gateway";
-  ASSERT_TRUE(route);
-  EXPECT_EQ(route->gateway, gateway);
-  EXPECT_EQ(route->interface, name);
+  EXPECT_EQ(route ? "default via " + route->gateway + " dev " + route->interface : "",
+            shown.out.substr(0, shown.out.find(" ", shown.out.find(" dev ") + 5)));
   // An address off every local network goes the default way.
-  EXPECT_EQ(interfaceForIPv4Host("198.51.100.7").value_or(""), name);
+  if (route) {
+    EXPECT_EQ(interfaceForIPv4Host("198.51.100.7").value_or(""), route->interface);
+  }
 }
 
 }  // namespace
