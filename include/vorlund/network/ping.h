@@ -1,7 +1,8 @@
 // VLPing: one synchronous run of the machine's ping with options taken from its properties, and
 // its summary turned into a statistics record. The command is translated for the ping this machine
 // has (network/ping_command.h); the summary is read by the pure parser of network/ping_summary.h.
-// Invalid settings and unusable output become an error on the object; nothing is raised.
+// Invalid settings and unusable output become an error on the object; nothing is raised. Its log
+// lines carry no category (printed "Default").
 #pragma once
 
 #include <cstdint>
