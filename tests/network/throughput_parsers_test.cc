@@ -1,0 +1,175 @@
+// The throughput parsers against recorded real outputs of iperf 2, iperf 3 and curl, and the
+// stream-performance report line; table-style, one row per recording.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <optional>
+
+#include "support/test_support.h"
+#include "vorlund/logging/log_capture.h"
+#include "vorlund/network/iperf_output.h"
+#include "vorlund/network/throughput_parsers.h"
+
+namespace vl {
+namespace {
+
+std::string recorded(const std::string& name) {
+  return test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/network/throughput/" + name);
+}
+
+TEST(IperfClientOutput, RecordedRuns) {
+  struct Row {
+    const char* name;  // FILE.txt with FILE.err beside it when the run wrote one
+    bool succeeded;
+    std::string text;
+    std::optional<double> megabits;
+  };
+  const Row rows[] = {
+      {"iperf2-dual", true, "4.28", 4280},
+      {"iperf2-dual-same-port", true, "3.07", 3070},
+      {"iperf2-ipv6-no-reverse", true, "10.8", 10800},
+      // The return listener's banner is the last line: a dash rule, one part.
+      {"iperf2-refused", false, "Malformed throughput line", std::nullopt},
+      {"iperf2-unknown-host", false, "no.such.host.invalid: Unknown host\n", std::nullopt},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::string name = row.name;
+    std::string errors =
+        test::fileExists(std::string(VORLUND_TESTDATA_DIR) + "/network/throughput/" + name + ".err")
+            ? recorded(name + ".err")
+            : "";
+    IperfClientReading reading = readIperfClientOutput(recorded(name + ".txt"), errors);
+    EXPECT_EQ(reading.succeeded, row.succeeded);
+    EXPECT_EQ(reading.text, row.text);
+    std::optional<double> megabits = iperfMegabitsPerSecond(reading);
+    ASSERT_EQ(megabits.has_value(), row.megabits.has_value());
+    if (megabits) {
+      EXPECT_NEAR(*megabits, *row.megabits, 1e-6);
+    }
+  }
+}
+
+TEST(IperfClientOutput, LineRules) {
+  IperfClientReading reading =
+      readIperfClientOutput("a\nb\n[  3]  0.0-10.0 sec   112 MBytes  94.1 Mbits/sec\n", "");
+  EXPECT_TRUE(reading.succeeded);
+  EXPECT_EQ(reading.text, "94.1");
+  // Runs of blanks give empty parts, which count for the index.
+  EXPECT_EQ(reading.components.size(), 13u);
+  EXPECT_EQ(reading.idx, 11);
+  EXPECT_EQ(iperfMegabitsPerSecond(reading), 94.1);
+
+  // Two lines and the final line feed make only three parts: a line is needed beyond them.
+  EXPECT_FALSE(readIperfClientOutput("one\n", "err text").succeeded);
+  EXPECT_EQ(readIperfClientOutput("one\n", "err text").text, "err text");
+  EXPECT_EQ(readIperfClientOutput("a\nb\n94.1 Mbits/sec\n", "").text, "Malformed throughput line");
+  // The last line is the one before the final line feed; without that feed it is the one before.
+  EXPECT_EQ(readIperfClientOutput("a\n1 2 3 Mbits/sec\nx y", "").text, "3");
+  IperfClientReading unknownUnit = readIperfClientOutput("a\nb\nabc 5 furlongs\n", "");
+  EXPECT_TRUE(unknownUnit.succeeded);
+  EXPECT_EQ(iperfMegabitsPerSecond(unknownUnit), std::nullopt);
+}
+
+TEST(Iperf3Output, RecordedReports) {
+  struct Row {
+    const char* name;
+    std::optional<double> sent, received;
+    std::optional<int64_t> retransmits;
+    std::optional<double> jitter;
+    bool udp;
+    std::optional<std::string> error;
+  };
+  const Row rows[] = {
+      {"iperf3-tcp.json", 5856010557.319967, 5820793486.660934, 3, std::nullopt, false,
+       std::nullopt},
+      {"iperf3-tcp-ipv6.json", 7578478098.984475, 7537682743.145363, 0, std::nullopt, false,
+       std::nullopt},
+      {"iperf3-udp.json", 10222736.84463136, 10220437.44395493, std::nullopt, 0.485742600898412,
+       true, std::nullopt},
+      // The receiver's jitter is nan; the stream sum's figure stands in.
+      {"iperf3-udp-nan.json", 10222736.84463136, 10220437.44395493, std::nullopt,
+       0.485742600898412, true, std::nullopt},
+      {"iperf3-udp-interrupted.json", 26216.654632298378, 0, std::nullopt, 0, true,
+       "interrupt - the client has terminated"},
+      {"iperf3-refused.json", std::nullopt, std::nullopt, std::nullopt, std::nullopt, false,
+       "unable to connect to server: Connection refused"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Iperf3Summary summary = parseIperf3Output(recorded(row.name));
+    EXPECT_EQ(summary.sentBitsPerSecond, row.sent);
+    EXPECT_EQ(summary.receivedBitsPerSecond, row.received);
+    EXPECT_EQ(summary.retransmits, row.retransmits);
+    EXPECT_EQ(summary.jitterMilliseconds, row.jitter);
+    EXPECT_EQ(summary.udp, row.udp);
+    EXPECT_EQ(summary.error, row.error);
+  }
+  EXPECT_EQ(parseIperf3Output("iperf3: error - unable to connect").error,
+            "Unreadable iperf3 output");
+  EXPECT_EQ(parseIperf3Output(R"({"start": {}})").error, "No totals in the iperf3 output");
+}
+
+TEST(Iperf3Output, NotANumberTokensBecomeNullOutsideStrings) {
+  EXPECT_EQ(nullNonNumbersInJson(R"({"a": -nan, "b":nan,"c": -inf, "d": Infinity, "e": NaN})"),
+            R"({"a": null, "b":null,"c": null, "d": null, "e": null})");
+  EXPECT_EQ(nullNonNumbersInJson(R"({"a": -nan(0x8000)})"), R"({"a": null})");
+  // Words inside strings, escaped quotes included, and longer names stay.
+  EXPECT_EQ(nullNonNumbersInJson(R"({"nan": "say \"nan\" inf", "x": nanny})"),
+            R"({"nan": "say \"nan\" inf", "x": nanny})");
+  Iperf3Summary summary = parseIperf3Output(
+      R"({"end": {"sum_sent": {"bits_per_second": -nan, "retransmits": 2},
+                  "sum_received": {"bits_per_second": 8e6}}})");
+  EXPECT_EQ(summary.sentBitsPerSecond, std::nullopt);
+  EXPECT_EQ(summary.retransmits, 2);
+  EXPECT_EQ(summary.receivedBitsPerSecond, 8e6);
+  EXPECT_EQ(summary.error, std::nullopt);
+}
+
+TEST(CurlOutput, SecondPartInMegabytes) {
+  const struct {
+    std::string output;
+    double megabytes;
+  } rows[] = {
+      {recorded("curl-loopback.txt"), 294875140 / 1048576.0},
+      {recorded("curl-refused.txt"), 0},
+      {"1.0 1048576", 1.0},
+      {"1048576 1.0", 1.0 / 1048576},
+      {"1048576", 0},
+      {"", 0},
+      // A leading blank makes the first part empty.
+      {" 2097152 1.0", 2.0},
+      {"0.5 junk", 0},
+      {"0.5 3145728bytes", 3.0},
+  };
+  for (const auto& row : rows) {
+    EXPECT_DOUBLE_EQ(VLGetThroughputFromCurlOutput(row.output), row.megabytes) << row.output;
+  }
+}
+
+TEST(StreamPerfOutput, AverageThroughputLine) {
+  const struct {
+    std::string output;
+    double throughput;
+    bool logsFailure;
+  } rows[] = {
+      {recorded("streamperf-over-range.txt"), 120.5, true},
+      {recorded("streamperf-crlf.txt"), 87.25, false},
+      {"Average Throughput: 100 Mbps", 100, false},
+      {"Peak: 5\nno average here", 0, true},
+      {"Average Throughput: 0 Mbps", 0, true},
+      {"Average Throughput: -3 Mbps", -3, true},
+      // Letters go first, so a unit's digits join the figure; quotes and colons go too.
+      {"x Average Throughput:'5'0 Mbps\nAverage Throughput: 1", 50, false},
+  };
+  for (const auto& row : rows) {
+    LogCapture capture;
+    EXPECT_DOUBLE_EQ(VLGetThroughputForStreamPerfOutput(row.output), row.throughput) << row.output;
+    EXPECT_EQ(capture.contains(VLLogLevelError, "Default", "Failing throughput from " + row.output),
+              row.logsFailure)
+        << row.output;
+  }
+}
+
+}  // namespace
+}  // namespace vl
