@@ -23,11 +23,6 @@ constexpr const char* kInUse = "Iperf already in use";
 constexpr const char* kNoLinkForClient = "Unable to enable PLNK before starting Iperf client";
 constexpr const char* kNoLinkForServer = "Unable to enable PLNK before starting Iperf server";
 
-// Nominal seconds as real seconds for the shell runner's time-outs.
-double scaledSeconds(double seconds) {
-  return std::chrono::duration<double>(vl::time::scaled(seconds)).count();
-}
-
 // "120" at scale 1, "1.2" at 0.01: iperf 2 takes fractions of a second, to the millisecond.
 std::string secondsText(double seconds) {
   double rounded = std::max(0.001, std::round(seconds * 1000) / 1000);
@@ -82,7 +77,10 @@ bool VLIperf::isInUse() const {
 }
 int32_t VLIperf::childProcessIdentifier() const {
   std::lock_guard lock(mutex_);
-  return child_ && child_->isRunning() ? child_->processIdentifier() : 0;
+  for (const auto& task : {child_, server_}) {
+    if (task && task->isRunning()) return task->processIdentifier();
+  }
+  return 0;
 }
 
 bool VLIperf::claim(std::string* refusal) {
@@ -108,7 +106,7 @@ bool VLIperf::_enablePLNKDiscovery() {
   const std::string* command = preferences.get(kVLPeerLinkCommandPreference).asString();
   if (!command || command->empty()) return true;
   std::shared_ptr<vl::Task> task =
-      VLExecuteTask(*command, {}, true, scaledSeconds(kVLPeerLinkCommandTimeout));
+      VLExecuteTask(*command, {}, true, kVLPeerLinkCommandTimeout);
   std::string output = VLConvertPipeToString(task->standardOutput());
   std::string errors = VLConvertPipeToString(task->standardError());
   if (!errors.empty()) output += output.empty() ? errors : "\n" + errors;
@@ -144,7 +142,8 @@ vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool 
   VLLog(VLLogLevelInfo, nullptr, "Starting iperf client now with: \"%@\"", command);
   vl::Error launchError;
   if (task->launch(&launchError)) {
-    VLSetNSTaskToTimeout(task, scaledSeconds(kVLIperfClientTimeout));
+    // The shell runner scales its time-outs itself.
+    VLSetNSTaskToTimeout(task, kVLIperfClientTimeout);
   } else {
     VLLog(VLLogLevelError, nullptr, "%@", launchError.localizedDescription());
   }
@@ -202,8 +201,9 @@ vl::Iperf3Summary VLIperf::runIperf3Client(const std::string& address, bool ipv6
   vl::Error launchError;
   bool launched = task->launch(&launchError);
   if (launched) {
-    double bound = std::max(scaledSeconds(kVLIperfClientTimeout), wholeSeconds + 5.0);
-    VLSetNSTaskToTimeout(task, bound);
+    // The whole seconds iperf3 insists on may be longer than the scaled bound allows.
+    double scale = vl::time::scale() > 0 ? vl::time::scale() : 1;
+    VLSetNSTaskToTimeout(task, std::max(kVLIperfClientTimeout, (wholeSeconds + 5.0) / scale));
   }
   std::string output = VLConvertPipeToString(task->standardOutput());
   std::string errors = VLConvertPipeToString(task->standardError());
@@ -235,6 +235,10 @@ bool VLIperf::startServer(const std::string& command, vl::Error* error) {
     vl::setError(error, vl::Error::withReason(kNoLinkForServer));
     return false;
   }
+  {
+    std::lock_guard lock(mutex_);
+    if (server_ && server_->isRunning()) return true;
+  }
   // The server's reports are not kept: a pipe nobody reads would stall it, and it must outlive
   // this process when asked to.
   auto task = VLCreateBashCommand("exec " + command + portOptions(port(), 0) + " >/dev/null 2>&1");
@@ -247,7 +251,7 @@ bool VLIperf::startServer(const std::string& command, vl::Error* error) {
     return false;
   }
   std::lock_guard lock(mutex_);
-  child_ = task;
+  server_ = task;
   return task->isRunning();
 }
 
@@ -256,24 +260,26 @@ bool VLIperf::StartIperfServer(vl::Error* error) { return startServer("iperf -V 
 bool VLIperf::StartIperf3Server(vl::Error* error) { return startServer("iperf3 -s", error); }
 
 bool VLIperf::StopIperfServer(vl::Error* error) {
-  std::shared_ptr<vl::Task> child;
+  std::shared_ptr<vl::Task> client, server;
   {
     std::lock_guard lock(mutex_);
-    child = child_;
+    client = child_;
+    server = server_;
   }
-  if (!child || !child->isRunning()) {
-    vl::setError(error, vl::Error::withReason("Iperf Server not running"));
-    return false;
-  }
-  const auto& arguments = child->arguments();
+  const std::vector<std::string> noArguments;
+  const auto& arguments = client && client->isRunning() ? client->arguments() : noArguments;
   if (arguments.size() > 1 && arguments[1].find("-c") != std::string::npos) {
     vl::setError(error, vl::Error::withReason("Currently running Iperf client"));
     return false;
   }
+  if (!server || !server->isRunning()) {
+    vl::setError(error, vl::Error::withReason("Iperf Server not running"));
+    return false;
+  }
   // A server that ignores SIGTERM gets SIGKILL once the grace has passed.
-  child->sendSignal(SIGTERM);
-  VLSetNSTaskToTimeout(child, scaledSeconds(kVLIperfServerStopGrace));
+  server->sendSignal(SIGTERM);
+  VLSetNSTaskToTimeout(server, kVLIperfServerStopGrace);
   std::lock_guard lock(mutex_);
-  if (child_ == child) child_.reset();
+  if (server_ == server) server_.reset();
   return true;
 }

@@ -73,10 +73,10 @@ class VLIperf {
   vl::Iperf3Summary runIperf3Client(const std::string& address, bool ipv6,
                                     const VLIperf3Options& options = {});
 
-  // Starts "iperf -V -s" (with "-p" when a port is set) as this object's child, its output
+  // Starts "iperf -V -s" (with "-p" when a port is set) as this object's server, its output
   // discarded. Fails with error "Iperf already in use" while a client runs, and with "Unable to
   // enable PLNK before starting Iperf server" when the link step fails. Returns whether the server
-  // runs.
+  // runs; a server this object already runs is kept and counts as started.
   bool StartIperfServer(vl::Error* error);
   // The same with "iperf3 -s".
   bool StartIperf3Server(vl::Error* error);
@@ -104,7 +104,8 @@ class VLIperf {
   int dualTestPort() const;
 
   bool isInUse() const;
-  // The process identifier (and process group) of the running child, 0 when idle.
+  // The process identifier (and process group) of the running client, else of the running server;
+  // 0 when idle.
   int32_t childProcessIdentifier() const;
 
  private:
@@ -115,7 +116,10 @@ class VLIperf {
   bool startServer(const std::string& command, vl::Error* error);
 
   mutable std::mutex mutex_;
+  // The running client, and apart from it the server, so that a client run does not lose the
+  // server it ran beside.
   std::shared_ptr<vl::Task> child_;
+  std::shared_ptr<vl::Task> server_;
   bool inUse_ = false;
   int port_ = 0;
   int dualTestPort_ = 0;
