@@ -138,8 +138,8 @@ double VLHTTPDownload::download() {
   long status = 0;
   curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
   if (result != CURLE_OK) {
-    error_ = vl::Error::withReason(vl::format(
-        "Download failed: %s", *curlError ? curlError : curl_easy_strerror(result)));
+    error_ = vl::Error::withReason(
+        vl::format("Download failed: %s", *curlError ? curlError : curl_easy_strerror(result)));
     return 0;
   }
   if (status >= 400) {

@@ -105,8 +105,7 @@ bool VLIperf::_enablePLNKDiscovery() {
   const vl::Dictionary preferences = VLGetPreferences();
   const std::string* command = preferences.get(kVLPeerLinkCommandPreference).asString();
   if (!command || command->empty()) return true;
-  std::shared_ptr<vl::Task> task =
-      VLExecuteTask(*command, {}, true, kVLPeerLinkCommandTimeout);
+  std::shared_ptr<vl::Task> task = VLExecuteTask(*command, {}, true, kVLPeerLinkCommandTimeout);
   std::string output = VLConvertPipeToString(task->standardOutput());
   std::string errors = VLConvertPipeToString(task->standardError());
   if (!errors.empty()) output += output.empty() ? errors : "\n" + errors;
@@ -169,7 +168,7 @@ bool VLIperf::StartIperfClientWith(const std::string& address, bool overPLNK,
 }
 
 vl::Iperf3Summary VLIperf::runIperf3Client(const std::string& address, bool ipv6,
-                                          const VLIperf3Options& options) {
+                                           const VLIperf3Options& options) {
   vl::Iperf3Summary refused;
   std::string refusal;
   if (!claim(&refusal)) {
@@ -184,8 +183,8 @@ vl::Iperf3Summary VLIperf::runIperf3Client(const std::string& address, bool ipv6
   double realSeconds =
       options.seconds ? *options.seconds : vl::time::scale() * kVLIperfClientDuration;
   long wholeSeconds = std::max(1L, static_cast<long>(std::ceil(realSeconds)));
-  std::string command = "iperf3 -c " + shellQuoted(address) + " --json -t " +
-                        std::to_string(wholeSeconds);
+  std::string command =
+      "iperf3 -c " + shellQuoted(address) + " --json -t " + std::to_string(wholeSeconds);
   if (ipv6) command += " -6";
   if (options.udp) command += " -u";
   if (options.udp && options.udpBitsPerSecond > 0) {

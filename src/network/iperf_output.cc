@@ -58,8 +58,8 @@ std::optional<double> iperfMegabitsPerSecond(const IperfClientReading& reading) 
 }
 
 std::string nullNonNumbersInJson(std::string_view text) {
-  static constexpr std::string_view kTokens[] = {"-infinity", "infinity", "-nan", "nan",
-                                                 "-inf",      "inf"};
+  static constexpr std::string_view kTokens[] = {"-infinity", "infinity", "-nan",
+                                                 "nan",       "-inf",     "inf"};
   auto isWordChar = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; };
   std::string cleaned;
   cleaned.reserve(text.size());

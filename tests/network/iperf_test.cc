@@ -153,8 +153,8 @@ TEST_F(IperfTest, Iperf3ClientReportsBothDirectionsAndUdpJitter) {
   EXPECT_TRUE(tcp.retransmits.has_value());
   EXPECT_FALSE(tcp.jitterMilliseconds.has_value());
 
-  Iperf3Summary udp =
-      iperf_.runIperf3Client("127.0.0.1", false, {.udp = true, .udpBitsPerSecond = 5e6, .seconds = std::nullopt});
+  Iperf3Summary udp = iperf_.runIperf3Client(
+      "127.0.0.1", false, {.udp = true, .udpBitsPerSecond = 5e6, .seconds = std::nullopt});
   EXPECT_EQ(udp.error, std::nullopt);
   EXPECT_TRUE(udp.udp);
   EXPECT_NEAR(udp.sentBitsPerSecond.value_or(0), 5e6, 1e6);

@@ -1,5 +1,7 @@
 // The throughput parsers against recorded real outputs of iperf 2, iperf 3 and curl, and the
 // stream-performance report line; table-style, one row per recording.
+#include "vorlund/network/throughput_parsers.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,7 +10,6 @@
 #include "support/test_support.h"
 #include "vorlund/logging/log_capture.h"
 #include "vorlund/network/iperf_output.h"
-#include "vorlund/network/throughput_parsers.h"
 
 namespace vl {
 namespace {
@@ -88,8 +89,8 @@ TEST(Iperf3Output, RecordedReports) {
       {"iperf3-udp.json", 10222736.84463136, 10220437.44395493, std::nullopt, 0.485742600898412,
        true, std::nullopt},
       // The receiver's jitter is nan; the stream sum's figure stands in.
-      {"iperf3-udp-nan.json", 10222736.84463136, 10220437.44395493, std::nullopt,
-       0.485742600898412, true, std::nullopt},
+      {"iperf3-udp-nan.json", 10222736.84463136, 10220437.44395493, std::nullopt, 0.485742600898412,
+       true, std::nullopt},
       {"iperf3-udp-interrupted.json", 26216.654632298378, 0, std::nullopt, 0, true,
        "interrupt - the client has terminated"},
       {"iperf3-refused.json", std::nullopt, std::nullopt, std::nullopt, std::nullopt, false,

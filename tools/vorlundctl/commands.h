@@ -25,6 +25,7 @@ void addDeviceCommand(CLI::App& app);
 void addMemdumpCommand(CLI::App& app);
 void addSyncCommand(CLI::App& app);
 void addFaultbinCommand(CLI::App& app);
+void addThroughputCommand(CLI::App& app);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

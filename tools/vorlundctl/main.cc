@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
   vorlundctl::addMemdumpCommand(app);
   vorlundctl::addSyncCommand(app);
   vorlundctl::addFaultbinCommand(app);
+  vorlundctl::addThroughputCommand(app);
 
   try {
     app.parse(argc, argv);

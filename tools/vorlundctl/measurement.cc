@@ -8,9 +8,14 @@
 
 namespace vorlundctl {
 
+// A measurement runs from the command's start to its report; a result without times is refused.
+static const vl::Date kCommandStart = vl::Date::now();
+
 int reportMeasurement(const Measurement& measurement, bool asJson) {
   auto result = VLTestCaseResult::withName(measurement.name);
   result->setType(std::string(kVLTestCaseResultTypeAverage));
+  result->setStartTime(kCommandStart);
+  result->setEndTime(vl::Date::now());
   for (const auto& [metric, value] : measurement.figures) result->addMetric(value, metric);
   if (measurement.failure) {
     result->failWithReason(*measurement.failure);

@@ -14,6 +14,6 @@ double VLGetThroughputForStreamPerfOutput(std::string_view output);
 
 // The throughput of curl's write-out "X SPEED": the output is split at every white-space character
 // (runs of blanks give empty parts, which count), and with at least two parts the second, read as
-// a number of bytes per second, is returned in megabytes (of 1048576 bytes) per second. Fewer parts:
-// 0. Meant for `curl -w "%{time_total} %{speed_download}"`.
+// a number of bytes per second, is returned in megabytes (of 1048576 bytes) per second. Fewer
+// parts: 0. Meant for `curl -w "%{time_total} %{speed_download}"`.
 double VLGetThroughputFromCurlOutput(std::string_view output);
