@@ -23,6 +23,8 @@ declare -A testdata=(
   [crash_report_fuzz]="faultbin"
   [memory_diagnostics_fuzz]="memory memory-table"
   [journal_import_fuzz]="journal"
+  [iperf_output_fuzz]="network/throughput"
+  [curl_output_fuzz]="network/throughput"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

@@ -159,10 +159,6 @@ TEST_F(IperfTest, Iperf3ClientReportsBothDirectionsAndUdpJitter) {
   EXPECT_TRUE(udp.udp);
   EXPECT_NEAR(udp.sentBitsPerSecond.value_or(0), 5e6, 1e6);
   EXPECT_TRUE(udp.jitterMilliseconds.has_value());
-
-  iperf_.setPort(test::freePort());
-  EXPECT_EQ(iperf_.runIperf3Client("127.0.0.1", false, {.seconds = 1}).error,
-            "unable to connect to server: Connection refused");
 }
 
 TEST_F(IperfTest, PeerLinkCommandGatesTheRun) {

@@ -19,19 +19,6 @@
 
 namespace vl::test {
 
-// A port nobody listens on right now (the kernel's choice for a bound, then closed, socket).
-inline int freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
 // Whether a TCP socket listens on port, read from the kernel's tables so that no probe connection
 // disturbs the server.
 inline bool isListening(int port) {
@@ -99,5 +86,8 @@ class SilentServer {
   int fd_ = -1;
   int port_ = 0;
 };
+
+// A port nobody listens on right now (the kernel's choice for a bound, then closed, socket).
+inline int freePort() { return SilentServer().port(); }
 
 }  // namespace vl::test
