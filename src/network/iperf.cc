@@ -31,15 +31,12 @@ std::string secondsText(double seconds) {
   return failure == std::errc() ? std::string(buffer, end) : "1";
 }
 
-bool createEmptyFile(const std::string& path) {
-  std::ofstream file(path, std::ios::trunc);
-  return static_cast<bool>(file);
-}
+// A file that cannot be made shows later as an empty report.
+void createEmptyFile(const std::string& path) { std::ofstream file(path, std::ios::trunc); }
 
 std::string readAll(const std::string& path) { return vl::paths::readFile(path).value_or(""); }
 
-// The command of the client or server, after "exec " so that the tool itself leads the task's
-// process group and receives its signals.
+// "-p" and "-L" for the ports that are set; 0 leaves iperf's default.
 std::string portOptions(int port, int dualTestPort) {
   std::string options;
   if (port > 0) options += " -p " + std::to_string(port);
@@ -132,6 +129,7 @@ vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool 
                         secondsText(vl::time::scale() * kVLIperfClientDuration);
   if (ipv6) command += " -V";
   command += portOptions(port(), dualTestPort());
+  // "exec" makes the tool itself the leader of the task's process group, the one the bound kills.
   auto task = VLCreateBashCommand("exec " + command + " >" + shellQuoted(outputPath) + " 2>" +
                                   shellQuoted(errorPath));
   {
@@ -240,7 +238,8 @@ bool VLIperf::startServer(const std::string& command, vl::Error* error) {
   }
   // The server's reports are not kept: a pipe nobody reads would stall it, and it must outlive
   // this process when asked to.
-  auto task = VLCreateBashCommand("exec " + command + portOptions(port(), 0) + " >/dev/null 2>&1");
+  auto task = VLCreateBashCommand("exec " + command + portOptions(port(), 0) +
+                                  " </dev/null >/dev/null 2>&1");
   task->setStandardOutput(nullptr);
   task->setStandardError(nullptr);
   vl::Error launchError;
