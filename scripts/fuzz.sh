@@ -24,6 +24,8 @@ declare -A testdata=(
   [memory_diagnostics_fuzz]="memory memory-table"
   [journal_import_fuzz]="journal"
   [ping_summary_fuzz]="network/ping"
+  [iperf_output_fuzz]="network/throughput"
+  [curl_output_fuzz]="network/throughput"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

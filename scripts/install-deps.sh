@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libsqlite3-dev libplist-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libpcre2-dev uuid-dev
   libcurl4-openssl-dev libsystemd-dev libcli11-dev libssl-dev
-  libgtest-dev libgmock-dev libbenchmark-dev dbus sqlite3 python3 iputils-ping iperf busybox
+  libgtest-dev libgmock-dev libbenchmark-dev dbus sqlite3 python3 iputils-ping iperf iperf3 busybox
   systemd util-linux
 )
 if [[ "${1:-}" == fuzz ]]; then

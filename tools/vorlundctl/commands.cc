@@ -37,4 +37,14 @@ int runSelectedCommand() {
   return 1;
 }
 
+CLI::App* parentCommand(CLI::App& app, const std::string& name, const std::string& description) {
+  try {
+    return app.get_subcommand(name);
+  } catch (const CLI::OptionNotFound&) {
+    CLI::App* parent = app.add_subcommand(name, description);
+    parent->require_subcommand(1);
+    return parent;
+  }
+}
+
 }  // namespace vorlundctl

@@ -29,6 +29,11 @@ void addPingCommands(CLI::App& app);
 // The whole text of file, or of standard input when file is empty or "-". Throws UsageFailure when
 // the file cannot be read.
 std::string readInputText(const std::string& file);
+void addThroughputCommand(CLI::App& app);
+
+// A parent command ("measure", "parse") whose leaves several command files register: found, or
+// made (requiring one leaf) by the first file to ask, so that each file stands alone.
+CLI::App* parentCommand(CLI::App& app, const std::string& name, const std::string& description);
 
 // Records the action of the command being registered.
 void setAction(CLI::App* command, std::function<int()> action);

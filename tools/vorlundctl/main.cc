@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
   vorlundctl::addSyncCommand(app);
   vorlundctl::addFaultbinCommand(app);
   vorlundctl::addPingCommands(app);
+  vorlundctl::addThroughputCommand(app);
 
   try {
     app.parse(argc, argv);

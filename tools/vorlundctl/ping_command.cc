@@ -14,17 +14,6 @@ namespace vorlundctl {
 
 namespace {
 
-// "measure" and "parse" hold the leaves of several command files, each of which may stand alone.
-CLI::App* parentCommand(CLI::App& app, const std::string& name, const std::string& description) {
-  try {
-    return app.get_subcommand(name);
-  } catch (const CLI::OptionNotFound&) {
-    CLI::App* parent = app.add_subcommand(name, description);
-    parent->require_subcommand(1);
-    return parent;
-  }
-}
-
 std::vector<std::pair<std::string, double>> pingFigures(const VLPingStatistics& s, bool timed) {
   std::vector<std::pair<std::string, double>> figures = {
       {"PacketsTransmitted", static_cast<double>(s.packetsTransmitted)},
