@@ -18,6 +18,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "devicetools/crash_report_writer.h"
 #include "vorlund/devicetools/crash_collector.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/process.h"
@@ -129,7 +130,12 @@ void writeAll(int fd, const char* data, size_t size) {
   }
 }
 
-void writeReport(int signal, const siginfo_t* info) {
+}  // namespace
+
+namespace vl {
+
+void writeCrashReport(int signal, const siginfo_t* info) {
+  if (prepared.folder[0] == '\0') return;
   const time_t now = time(nullptr);
   const CivilTime local = civilTime(static_cast<int64_t>(now) + prepared.utcOffset);
   char dateBuffer[32];
@@ -185,9 +191,13 @@ void writeReport(int signal, const siginfo_t* info) {
   unlink(temporary.c_str());
 }
 
+}  // namespace vl
+
+namespace {
+
 void onFatalSignal(int signal, siginfo_t* info, void*) {
   const int savedErrno = errno;
-  writeReport(signal, info);
+  vl::writeCrashReport(signal, info);
   errno = savedErrno;
   // SA_RESETHAND restored the default action; the signal is blocked while this runs, so the
   // re-raised one ends the process as soon as the handler returns. A fault re-executes the

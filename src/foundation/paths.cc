@@ -72,8 +72,12 @@ bool createDirectories(const std::string& path) {
   }
   std::string parent = deletingLastComponent(path);
   if (!parent.empty() && parent != path && !createDirectories(parent)) return false;
-  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  return true;
+  if (::mkdir(path.c_str(), 0755) == 0) return true;
+  if (errno != EEXIST) return false;
+  // Made meanwhile by someone else, or a file whose name ends in "/" (stat failed above).
+  if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
+  errno = ENOTDIR;
+  return false;
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes) {
@@ -86,8 +90,10 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes) {
   while (ok && written < bytes.size()) {
     ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) ok = false;
-    else written += static_cast<size_t>(n);
+    if (n <= 0)
+      ok = false;
+    else
+      written += static_cast<size_t>(n);
   }
   ok = ok && ::fchmod(fd, 0644) == 0 && ::fsync(fd) == 0;
   ok = (::close(fd) == 0) && ok;
