@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The demo: the main job of the system on the built-in sample set-up. It encodes the sample test case
 # definition as a keyed archive and decodes it back, stages the sample bundles under a demo device
-# root, runs their test cases (one crashes a helper program, which a crash scan then finds), records
+# root, runs their test cases (one crashes a helper program, which a crash scan then finds; the
+# network bundle measures against an HTTP and an iperf server it starts on loopback), records
 # more results and an issue from the shell, and shows the run with where its results file and
 # timeline are; last it publishes the log folder into the sync folders and collects them as a
 # collector taking the run off the device would.
@@ -48,6 +49,32 @@ echo
 echo "== A sample helper crashes on purpose; the crash scan finds its report and adds the crash"
 "$ctl" run "Sample Crashing Helper" --local
 "$ctl" scan
+echo
+echo "== The network bundle measures for real against servers of the demo's own on loopback"
+free_port() {
+  python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+mkdir -p "$work/www"
+head -c 16777216 /dev/urandom > "$work/www/16MiB.bin"
+http_port=$(free_port)
+python3 -m http.server --bind 127.0.0.1 --directory "$work/www" "$http_port" >/dev/null 2>&1 &
+http_server=$!
+iperf_port=$(free_port)
+# Whatever happens from here on, the servers the demo started end with it.
+trap 'kill "$http_server" 2>/dev/null || true; "$ctl" measure iperf-server stop >/dev/null 2>&1 || true' EXIT
+"$ctl" measure iperf-server start --iperf3 --port "$iperf_port"
+for _ in $(seq 100); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$http_port") 2>/dev/null && break
+  sleep 0.05
+done
+"$ctl" run "Network Ping" --local --option Host=127.0.0.1
+"$ctl" run "Network Download" --local --option "URL=http://127.0.0.1:$http_port/16MiB.bin"
+"$ctl" run "Network Iperf" --local --option Server=127.0.0.1 --option Tool=iperf3 \
+  --option Seconds=2 --option "Port=$iperf_port"
+"$ctl" measure ping 127.0.0.1 --count 3 --interval 0.2
+"$ctl" measure iperf-server stop
+kill "$http_server"
+wait "$http_server" 2>/dev/null || true
 echo
 echo "== More results recorded from the shell with vorlundctl results"
 "$ctl" results add --name "WiFi Ping Gateway" --type PassFail --pass --tag band=5GHz
