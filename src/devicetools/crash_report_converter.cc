@@ -54,11 +54,18 @@ std::string oneLine(std::string_view value) {
   return line;
 }
 
-// The entry's time in microseconds since 1970: the given field, else when the journal received it.
+// The latest time a report's name can carry: a five-digit year is no date the scanner reads.
+constexpr uint64_t kLatestReportUsec = 253402214400ULL * 1000000;  // 9999-12-31 00:00:00 UTC
+
+// The entry's time in microseconds since 1970: the given field, else when the journal received it;
+// none when neither is a time a report can be named with.
 std::optional<uint64_t> entryTime(const JournalEntry& entry, std::string_view usecField) {
-  std::optional<uint64_t> usec = number(entry.field(usecField));
-  if (!usec) usec = number(entry.field("__REALTIME_TIMESTAMP"));
-  return usec;
+  // A clock gone wrong on the crashing side still leaves the journal's own time of the entry.
+  for (std::string_view field : {usecField, std::string_view("__REALTIME_TIMESTAMP")}) {
+    std::optional<uint64_t> usec = number(entry.field(field));
+    if (usec && *usec < kLatestReportUsec) return usec;
+  }
+  return std::nullopt;
 }
 
 std::string fileDate(uint64_t usec) {
