@@ -73,7 +73,7 @@ IpmValue show() {
 
 IpmValue reset() {
   std::shared_ptr<VLResults> run = VLResults::currentResults();
-  if (!run->saveToDisk()) return IpmValue::ofError("Unable to save the run to " + run->getResultsFilePath());
+  if (!run->finish()) return IpmValue::ofError("Unable to save the run to " + run->getResultsFilePath());
   // A new run starts now; this one stays in its results file and timeline. Its resume data, which
   // the service's periodic save wrote, must not come back as the next run, so the new run takes
   // over at once and the old data goes.

@@ -16,6 +16,7 @@
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/property_list.h"
 #include "vorlund/logging/log.h"
+#include "vorlund/results/finished_run.h"
 #include "vorlund/results/results.h"
 #include "vorlund/results/test_case_statistic.h"
 #include "vorlund/results/timeline_database.h"
@@ -317,6 +318,12 @@ bool VLResults::saveToFile(const std::string& path) {
 }
 
 bool VLResults::saveToDisk() { return saveToFile(getResultsFilePath()); }
+
+bool VLResults::finish() {
+  if (!saveToDisk()) return false;
+  vl::announceFinishedRun(*this);
+  return true;
+}
 
 bool VLResults::suspend() {
   saveToDisk();

@@ -25,6 +25,7 @@ void addMemdumpCommand(CLI::App& app);
 void addSyncCommand(CLI::App& app);
 void addFaultbinCommand(CLI::App& app);
 void addPingCommands(CLI::App& app);
+void addLedgerCommand(CLI::App& app);
 
 // The whole text of file, or of standard input when file is empty or "-". Throws UsageFailure when
 // the file cannot be read.

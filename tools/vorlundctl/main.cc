@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   vorlundctl::addFaultbinCommand(app);
   vorlundctl::addPingCommands(app);
   vorlundctl::addThroughputCommand(app);
+  vorlundctl::addLedgerCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -110,7 +110,7 @@ vl::Dictionary userRunSummary() {
 std::string resetUserRun() {
   return withUserRun<std::string>(vl::ipm::resetServiceRun, [](VLResults& run) {
     // Resuming consumed the resume data: without a suspend the next command starts a new run.
-    run.saveToDisk();
+    run.finish();
     return run.getResultsFilePath();
   });
 }

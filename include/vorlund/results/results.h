@@ -217,6 +217,9 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
   // saveToDisk(), then writes the resume data atomically. Returns whether the resume data was
   // written (failures are logged at level 16; an older resume file then stays whole).
   bool suspend();
+  // Ends the run: saveToDisk(), and when the results file was written, the run is handed to the
+  // finished-run handler (finished_run.h) before this returns. Returns saveToDisk()'s answer.
+  bool finish();
   // The run carried on from the resume data: every saved key restored, resumed() set, run time
   // updated, results file and timeline paths derived from the restored start time and file name
   // suffix, the resume file deleted and the results file written back at once (the resume data
