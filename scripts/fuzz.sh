@@ -26,6 +26,7 @@ declare -A testdata=(
   [ping_summary_fuzz]="network/ping"
   [iperf_output_fuzz]="network/throughput"
   [curl_output_fuzz]="network/throughput"
+  [ledger_file_fuzz]="hostlink/ledger"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

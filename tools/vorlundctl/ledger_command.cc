@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "vorlund/foundation/date_string.h"
+#include "vorlund/foundation/format.h"
 #include "vorlund/foundation/json.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/hostlink/cordex_transform.h"
@@ -98,14 +99,16 @@ void addLedgerCommand(CLI::App& app) {
   ledger->require_subcommand(1);
   static std::string file;
   static bool asJson = false;
-  ledger->add_option("--file", file, "The ledger file (default: the device's)");
+  const char* fileHelp = "The ledger file (default: the device's)";
 
   auto* showCommand = ledger->add_subcommand("show", "List the blocks");
+  showCommand->add_option("--file", file, fileHelp);
   showCommand->add_flag("--json", asJson, "Print as JSON");
   setAction(showCommand, [] { return show(file, asJson); });
 
   auto* verifyCommand =
       ledger->add_subcommand("verify", "Check the whole chain; exit status 1 at a bad block");
+  verifyCommand->add_option("--file", file, fileHelp);
   setAction(verifyCommand, [] { return verify(file); });
 }
 

@@ -78,7 +78,8 @@ std::string encodeLedgerBlock(std::string_view json, Date time, const std::strin
 
 // A ledger file opened for appending. Every append takes an exclusive lock on the file (flock), so
 // several processes may append to one ledger; one that finds the file changed since its last
-// append reads it again first. The file is never replaced, only appended to and cut.
+// append reads it again first. The file is never replaced, only appended to and cut. One object
+// is used by one thread at a time (the ledger session keeps it on its queue).
 class LedgerFile {
  public:
   // Opens (and creates, with its folder) the ledger at path under an exclusive lock, and cuts a
