@@ -46,10 +46,18 @@ std::string hex(std::string_view raw) {
   return text;
 }
 
+int nibble(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return 0;
+}
+
+// The raw digest of 64 hex digits; what is missing or not a digit counts as zero.
 Digest unhex(const std::string& text) {
   Digest raw(kLedgerHashSize, '\0');
   for (size_t i = 0; i < kLedgerHashSize && 2 * i + 1 < text.size(); ++i) {
-    raw[i] = static_cast<char>(std::stoi(text.substr(2 * i, 2), nullptr, 16));
+    raw[i] = static_cast<char>(nibble(text[2 * i]) << 4 | nibble(text[2 * i + 1]));
   }
   return raw;
 }

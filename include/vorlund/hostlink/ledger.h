@@ -73,7 +73,8 @@ struct LedgerScan {
 // its hash holds (no append writes that).
 LedgerScan scanLedger(std::string_view bytes);
 
-// The bytes of one block as an append writes them; the JSON's length is not checked.
+// The bytes of one block as an append writes them; the JSON's length is not checked. previousHash
+// is 64 hex digits (what is missing or not hex counts as zero).
 std::string encodeLedgerBlock(std::string_view json, Date time, const std::string& previousHash);
 
 // A ledger file opened for appending. Every append takes an exclusive lock on the file (flock), so
