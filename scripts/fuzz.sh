@@ -27,6 +27,7 @@ declare -A testdata=(
   [iperf_output_fuzz]="network/throughput"
   [curl_output_fuzz]="network/throughput"
   [ledger_file_fuzz]="hostlink/ledger"
+  [frame_reader_fuzz]="hostlink/frames"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

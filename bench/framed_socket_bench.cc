@@ -1,0 +1,86 @@
+// Framed round trips over a loopback TCP connection (VLWriteDataToSocket and VLReadDataFromSocket on
+// both ends, logging included), beside the raw baseline of echoing the same bytes (header and
+// payload) with plain write and read calls. Each size compares with the baseline of the same size:
+// 64 bytes, where system calls and wake-ups dominate, and 100000 bytes, the largest frame.
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "bench_sandbox.h"
+#include "vorlund/hostlink/framed_socket.h"
+#include "vorlund/hostlink/socket_server.h"
+
+namespace {
+
+// Reads exactly size bytes; false when the peer closes first.
+bool readAll(int fd, char* buffer, size_t size) {
+  for (size_t done = 0; done < size;) {
+    ssize_t count = ::read(fd, buffer + done, size - done);
+    if (count <= 0) return false;
+    done += static_cast<size_t>(count);
+  }
+  return true;
+}
+
+void framedEcho(int fd) {
+  while (std::optional<vl::Data> frame = VLReadDataFromSocket(fd, 0)) {
+    if (frame->size() == 0) break;  // the client's empty frame, or its close
+    VLWriteDataToSocket(*frame, fd);
+  }
+  ::close(fd);
+}
+
+// Echoes frames of a size known in advance, as a program without the framing layer would.
+VLConnectionHandler rawEcho(size_t frameSize) {
+  return [frameSize](int fd) {
+    std::vector<char> buffer(frameSize);
+    while (readAll(fd, buffer.data(), frameSize)) {
+      if (::send(fd, buffer.data(), frameSize, MSG_NOSIGNAL) != static_cast<ssize_t>(frameSize)) break;
+    }
+    ::close(fd);
+  };
+}
+
+void BM_FramedRoundTrip(benchmark::State& state) {
+  vl::bench::sandbox();
+  const vl::Data payload(std::vector<uint8_t>(static_cast<size_t>(state.range(0)), 'v'));
+  vl::ServerThread server(0, false, framedEcho);
+  int fd = VLGetClientForServer("127.0.0.1", server.port(), 1);
+  for (auto _ : state) {
+    VLWriteDataToSocket(payload, fd);
+    std::optional<vl::Data> reply = VLReadDataFromSocket(fd, 10);
+    if (!reply || reply->size() != payload.size()) {
+      state.SkipWithError("echo failed");
+      break;
+    }
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * 2 * static_cast<int64_t>(payload.size()));
+}
+BENCHMARK(BM_FramedRoundTrip)->Arg(64)->Arg(100000)->UseRealTime();
+
+void BM_RawEchoBaseline(benchmark::State& state) {
+  vl::bench::sandbox();
+  const vl::Data frame =
+      VLPrependDataWithLength(vl::Data(std::vector<uint8_t>(static_cast<size_t>(state.range(0)), 'v')));
+  std::vector<char> reply(frame.size());
+  vl::ServerThread server(0, false, rawEcho(frame.size()));
+  int fd = VLGetClientForServer("127.0.0.1", server.port(), 1);
+  for (auto _ : state) {
+    if (::send(fd, frame.bytes.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()) ||
+        !readAll(fd, reply.data(), reply.size())) {
+      state.SkipWithError("echo failed");
+      break;
+    }
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * 2 * static_cast<int64_t>(state.range(0)));
+}
+BENCHMARK(BM_RawEchoBaseline)->Arg(64)->Arg(100000)->UseRealTime();
+
+}  // namespace
