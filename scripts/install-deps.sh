@@ -8,7 +8,7 @@ packages=(
   libsqlite3-dev libplist-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libpcre2-dev uuid-dev
   libcurl4-openssl-dev libsystemd-dev libcli11-dev libssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev dbus sqlite3 python3 iputils-ping iperf iperf3 busybox
-  systemd util-linux
+  systemd util-linux iproute2
 )
 if [[ "${1:-}" == fuzz ]]; then
   packages+=(clang libclang-rt-14-dev)
