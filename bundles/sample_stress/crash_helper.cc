@@ -4,6 +4,8 @@
 // then dies of the way asked for:
 //   SampleCrasher [segv|abort|overflow] [--own-report]
 // --own-report installs the reporter even where systemd-coredump runs.
+#include <sys/mman.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -44,8 +46,10 @@ int main(int argc, char** argv) {
   if (how == "abort") std::abort();
   if (how == "overflow") return overflow(0);
   if (how == "segv") {
-    volatile int* nowhere = nullptr;
-    *nowhere = 1;
+    // A write to a page that allows no access: a real fault, and no null store for the
+    // sanitizers to stop first.
+    void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page != MAP_FAILED) *static_cast<volatile int*>(page) = 1;
   }
   std::fprintf(stderr, "usage: SampleCrasher [segv|abort|overflow] [--own-report]\n");
   return 2;

@@ -198,7 +198,11 @@ TEST_F(VorlundctlRunTest, ACrashingHelperBecomesACrashIssueOfTheRun) {
   }
   // One report per crash, in no particular order of listing.
   EXPECT_EQ(std::count(exceptions.begin(), exceptions.end(), '|'), 3) << exceptions;
-  EXPECT_NE(exceptions.find("SIGSEGV at 0x0000000000000000"), std::string::npos) << exceptions;
+  // The fault and the overflow each name the address they touched.
+  size_t faults = 0;
+  for (size_t at = 0; (at = exceptions.find("SIGSEGV at 0x", at)) != std::string::npos; ++at)
+    ++faults;
+  EXPECT_EQ(faults, 2u) << exceptions;
   EXPECT_NE(exceptions.find("SIGABRT"), std::string::npos) << exceptions;
 }
 
