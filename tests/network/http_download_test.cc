@@ -1,6 +1,5 @@
-// VLHTTPDownload against a real python3 http.server on loopback and a server that never answers:
-// the figure and its formula, the time-out rules (the -1.0 default included), failures, and the
-// temporary file that must not stay behind.
+// VLHTTPDownload against a python3 http.server on loopback and a server that never answers: the
+// figure, the time-out rules (-1.0 default included), failures, no temporary file left behind.
 #include "vorlund/network/http_download.h"
 
 #include <gtest/gtest.h>

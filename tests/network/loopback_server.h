@@ -41,8 +41,7 @@ inline bool waitUntilListening(int port) {
   return isListening(port);
 }
 
-// A server command run for the test in its own process group: at most 120 s, killed with its
-// group when the object dies.
+// A server command in its own process group, ended after 120 s or with the object.
 class ServerProcess {
  public:
   explicit ServerProcess(const std::string& command)

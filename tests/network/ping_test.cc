@@ -51,7 +51,6 @@ TEST(PingCommand, EveryFlavourSpellsTheOptionsItsOwnWay) {
 TEST(Routes, TheInterfaceThatReachesAHostAndTheDefaultRoute) {
   EXPECT_EQ(interfaceForIPv4Host("localhost").value_or(""), "lo");
   EXPECT_FALSE(interfaceForIPv4Host("no-such-host.invalid"));
-  EXPECT_FALSE(interfaceForIPv4Host("::1"));
   // "default via GATEWAY dev NAME ...", or nothing
   auto shown = test::runChild({"ip", "-4", "route", "show", "default"});
   if (shown.exitStatus != 0) GTEST_SKIP() << "no ip here: " << shown.err;
