@@ -4,51 +4,44 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "support/test_support.h"
 #include "vorlund/devicetools/shell.h"
 
 namespace vl::test {
 
-// Whether a TCP socket listens on port, read from the kernel's tables so that no probe connection
-// disturbs the server.
+// Whether a TCP socket listens on port, read from the kernel's tables (state 0A) so that no probe
+// connection disturbs the server.
 inline bool isListening(int port) {
-  char wanted[16];
-  std::snprintf(wanted, sizeof wanted, ":%04X", port);
+  char wanted[24];
+  std::snprintf(wanted, sizeof wanted, ":%04X 00000000", port);
   for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
-    std::ifstream file(table);
-    std::string sl, local, remote, state;
-    std::string line;
-    std::getline(file, line);
-    while (file >> sl >> local >> remote >> state) {
-      if (state == "0A" && local.size() > 5 && local.substr(local.size() - 5) == wanted) {
-        return true;
-      }
-      std::getline(file, line);
+    std::string text = readFile(table);
+    for (size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1)) {
+      size_t state = text.find(' ', at + 6) + 1;  // after the remote address
+      if (text.compare(state, 2, "0A") == 0) return true;
     }
   }
   return false;
 }
 
-inline bool waitUntilListening(int port, std::chrono::seconds limit = std::chrono::seconds(10)) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!isListening(port)) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
+inline bool waitUntilListening(int port) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!isListening(port) && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  return true;
+  return isListening(port);
 }
 
-// A server command run for the test: at most 120 s, killed with its group when the object dies.
+// A server command in its own process group, ended after 120 s or with the object.
 class ServerProcess {
  public:
   explicit ServerProcess(const std::string& command)
@@ -66,11 +59,8 @@ class ServerProcess {
 // A listening socket whose connections the kernel accepts and nobody ever reads or answers.
 class SilentServer {
  public:
-  SilentServer() {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  SilentServer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
     listen(fd_, 16);
@@ -83,7 +73,7 @@ class SilentServer {
   int port() const { return port_; }
 
  private:
-  int fd_ = -1;
+  int fd_;
   int port_ = 0;
 };
 
