@@ -110,7 +110,8 @@ bool VLIperf::_enablePLNKDiscovery() {
   return task->hasLaunched() && !task->wasSignalled() && task->terminationStatus() == 0;
 }
 
-vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool ipv6) {
+vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool ipv6,
+                                               std::optional<double> seconds) {
   vl::IperfClientReading refused;
   if (!claim(&refused.text)) return refused;
   if (!_enablePLNKDiscovery()) {
@@ -125,8 +126,9 @@ vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool 
   createEmptyFile(outputPath);
   createEmptyFile(errorPath);
 
-  std::string command = "iperf -c " + shellQuoted(address) + " -d -i 1 -t " +
-                        secondsText(vl::time::scale() * kVLIperfClientDuration);
+  const double scaledDuration = vl::time::scale() * kVLIperfClientDuration;
+  const double duration = seconds && *seconds > 0 ? *seconds : scaledDuration;
+  std::string command = "iperf -c " + shellQuoted(address) + " -d -i 1 -t " + secondsText(duration);
   if (ipv6) command += " -V";
   command += portOptions(port(), dualTestPort());
   // "exec" makes the tool itself the leader of the task's process group, the one the bound kills.
@@ -139,8 +141,10 @@ vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool 
   VLLog(VLLogLevelInfo, nullptr, "Starting iperf client now with: \"%@\"", command);
   vl::Error launchError;
   if (task->launch(&launchError)) {
-    // The shell runner scales its time-outs itself.
-    VLSetNSTaskToTimeout(task, kVLIperfClientTimeout);
+    // The shell runner scales its time-outs itself; a chosen length stretches the bound alike.
+    VLSetNSTaskToTimeout(task, scaledDuration > 0
+                                   ? kVLIperfClientTimeout * duration / scaledDuration
+                                   : kVLIperfClientTimeout);
   } else {
     VLLog(VLLogLevelError, nullptr, "%@", launchError.localizedDescription());
   }
@@ -160,7 +164,7 @@ vl::IperfClientReading VLIperf::runIperfClient(const std::string& address, bool 
 
 bool VLIperf::StartIperfClientWith(const std::string& address, bool overPLNK,
                                    std::string* returning) {
-  vl::IperfClientReading reading = runIperfClient(address, overPLNK);
+  vl::IperfClientReading reading = runIperfClient(address, overPLNK, std::nullopt);
   if (returning) *returning = reading.text;
   return reading.succeeded;
 }

@@ -154,9 +154,7 @@ void addMeasureCommands(CLI::App& app) {
       }
       measurement.failure = summary.error;
     } else {
-      // iperf 2's run is 120 s on the time scale: a chosen length is a scale of its own.
-      if (seconds && *seconds > 0) vl::time::setScale(*seconds / kVLIperfClientDuration);
-      vl::IperfClientReading reading = runner.runIperfClient(server, ipv6);
+      vl::IperfClientReading reading = runner.runIperfClient(server, ipv6, seconds);
       std::optional<double> throughput = vl::iperfMegabitsPerSecond(reading);
       if (throughput) {
         measurement.figures.emplace_back("Throughput", *throughput);

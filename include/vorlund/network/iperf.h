@@ -63,8 +63,10 @@ class VLIperf {
   bool StartIperfClientWith(const std::string& address, bool overPLNK, std::string* returning);
 
   // The same run read in full: the reading of the client's output (iperf_output.h), with the
-  // refusals above as failed readings.
-  vl::IperfClientReading runIperfClient(const std::string& address, bool ipv6);
+  // refusals above as failed readings. seconds, when given, replaces the 120 s length (real
+  // seconds), and the bound grows with it in the same proportion.
+  vl::IperfClientReading runIperfClient(const std::string& address, bool ipv6,
+                                        std::optional<double> seconds = std::nullopt);
 
   // Runs "iperf3 -c ADDRESS --json -t N" (with "-6", "-u", "-b", "-p" as asked) under the same
   // in-use rule and link step, bounded by kVLIperfClientTimeout (at least the test's length and 5
