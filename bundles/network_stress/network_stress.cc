@@ -5,7 +5,6 @@
 //   Network Download  URL, Timeout (seconds; the bundle's default is 60)
 //   Network Iperf     Server, Port, Tool ("iperf": iperf 2's 120-second run, or "iperf3"),
 //                     Seconds (iperf3 only), IPv6 ("YES")
-#include <cstdlib>
 #include <optional>
 #include <string>
 
@@ -18,30 +17,6 @@
 #include "vorlund/results/test_case_result.h"
 
 namespace {
-
-std::optional<std::string> stringOption(const std::shared_ptr<VLTestCaseObject>& testCase,
-                                        const char* key) {
-  std::optional<vl::Dictionary> options = testCase->options();
-  if (!options) return std::nullopt;
-  const vl::Value& value = options->get(key);
-  if (const std::string* text = value.asString(); text && !text->empty()) return *text;
-  if (value.asNumber()) return value.description();
-  return std::nullopt;
-}
-
-std::optional<double> numberOption(const std::shared_ptr<VLTestCaseObject>& testCase,
-                                   const char* key) {
-  std::optional<vl::Dictionary> options = testCase->options();
-  if (!options) return std::nullopt;
-  const vl::Value& value = options->get(key);
-  if (const vl::Number* number = value.asNumber()) return number->doubleValue();
-  if (const std::string* text = value.asString()) {
-    char* end = nullptr;
-    double parsed = std::strtod(text->c_str(), &end);
-    if (end != text->c_str() && *end == '\0') return parsed;
-  }
-  return std::nullopt;
-}
 
 // An "Average" result of the test case that has run from its start until now.
 std::shared_ptr<VLTestCaseResult> averageResult(const std::shared_ptr<VLTestCaseObject>& testCase) {
@@ -72,7 +47,7 @@ class NetworkStress : public VLTestCaseClass {
  public:
   std::shared_ptr<VLTestCaseResult> pingHost(std::shared_ptr<VLTestCaseObject> testCase) {
     auto result = averageResult(testCase);
-    std::optional<std::string> host = stringOption(testCase, "Host");
+    std::optional<std::string> host = testCase->stringOption("Host");
     if (!host) {
       std::optional<vl::network::DefaultRoute> route = vl::network::defaultRoute();
       if (!route) return finished(result, "No host given and no default gateway to ping");
@@ -81,11 +56,11 @@ class NetworkStress : public VLTestCaseClass {
     VLPing ping;
     ping.setUrlString(*host);
     // Without an interface the ping would switch to IPv6: name the one that reaches the host.
-    std::optional<std::string> interface = stringOption(testCase, "Interface");
+    std::optional<std::string> interface = testCase->stringOption("Interface");
     ping.setInterface(interface ? interface : vl::network::interfaceForIPv4Host(*host));
-    if (auto count = numberOption(testCase, "Count")) ping.setCount(static_cast<int64_t>(*count));
-    if (auto interval = numberOption(testCase, "Interval")) ping.setInterval(*interval);
-    if (auto size = numberOption(testCase, "Size")) ping.setSize(static_cast<int64_t>(*size));
+    if (auto count = testCase->numberOption("Count")) ping.setCount(static_cast<int64_t>(*count));
+    if (auto interval = testCase->numberOption("Interval")) ping.setInterval(*interval);
+    if (auto size = testCase->numberOption("Size")) ping.setSize(static_cast<int64_t>(*size));
     VLPingStatistics statistics = ping.execute();
     if (ping.error()) return finished(result, reasonOf(*ping.error()));
     result->addMetric(static_cast<double>(statistics.packetsReceived), "PacketsReceived");
@@ -102,8 +77,8 @@ class NetworkStress : public VLTestCaseClass {
   std::shared_ptr<VLTestCaseResult> downloadURL(std::shared_ptr<VLTestCaseObject> testCase) {
     auto result = averageResult(testCase);
     auto download = VLHTTPDownload::make();
-    download->setUrlString(stringOption(testCase, "URL"));
-    download->setTimeout(numberOption(testCase, "Timeout").value_or(60));
+    download->setUrlString(testCase->stringOption("URL"));
+    download->setTimeout(testCase->numberOption("Timeout").value_or(60));
     double throughput = download->download();
     if (download->error()) return finished(result, reasonOf(*download->error()));
     result->addMetric(throughput, "Throughput");
@@ -114,14 +89,14 @@ class NetworkStress : public VLTestCaseClass {
 
   std::shared_ptr<VLTestCaseResult> iperfThroughput(std::shared_ptr<VLTestCaseObject> testCase) {
     auto result = averageResult(testCase);
-    std::optional<std::string> server = stringOption(testCase, "Server");
+    std::optional<std::string> server = testCase->stringOption("Server");
     if (!server) return finished(result, "No iperf server given");
-    const bool ipv6 = stringOption(testCase, "IPv6") == "YES";
+    const bool ipv6 = testCase->stringOption("IPv6") == "YES";
     VLIperf& iperf = VLIperf::sharedIperf();
-    iperf.setPort(static_cast<int>(numberOption(testCase, "Port").value_or(0)));
-    if (stringOption(testCase, "Tool") == "iperf3") {
+    iperf.setPort(static_cast<int>(testCase->numberOption("Port").value_or(0)));
+    if (testCase->stringOption("Tool") == "iperf3") {
       VLIperf3Options options;
-      options.seconds = numberOption(testCase, "Seconds");
+      options.seconds = testCase->numberOption("Seconds");
       vl::Iperf3Summary summary = iperf.runIperf3Client(*server, ipv6, options);
       if (summary.error) return finished(result, summary.error);
       if (summary.receivedBitsPerSecond) {

@@ -1,6 +1,7 @@
 #include "vorlund/catalogue/test_case_object.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -128,6 +129,28 @@ class FieldReader {
 });
 
 }  // namespace
+
+std::optional<std::string> VLTestCaseObject::stringOption(std::string_view key) const {
+  std::optional<vl::Dictionary> resolved = options();
+  if (!resolved) return std::nullopt;
+  const vl::Value& value = resolved->get(key);
+  if (const std::string* text = value.asString(); text && !text->empty()) return *text;
+  if (value.asNumber()) return value.description();
+  return std::nullopt;
+}
+
+std::optional<double> VLTestCaseObject::numberOption(std::string_view key) const {
+  std::optional<vl::Dictionary> resolved = options();
+  if (!resolved) return std::nullopt;
+  const vl::Value& value = resolved->get(key);
+  if (const vl::Number* number = value.asNumber()) return number->doubleValue();
+  if (const std::string* text = value.asString()) {
+    char* end = nullptr;
+    double parsed = std::strtod(text->c_str(), &end);
+    if (end != text->c_str() && *end == '\0') return parsed;
+  }
+  return std::nullopt;
+}
 
 std::shared_ptr<VLTestCaseObject> VLTestCaseObject::make() {
   auto object = std::make_shared<VLTestCaseObject>();

@@ -71,32 +71,49 @@ vl::ToolkitLogger& VLGetSharedZEPLogger() {
   return *shared;
 }
 
-void VLLogMessage(VLLogLevel level, const char* category, const std::string& message) {
-  int flag;
+namespace {
+
+struct LevelRoute {
+  int flag;  // 0: the level is dropped
   bool asynchronous;
+};
+
+LevelRoute routeForLevel(VLLogLevel level) {
   switch (level) {
     case VLLogLevelInfo:
     case VLLogLevelNotice:
-      flag = vl::kToolkitFlagInfo;
-      asynchronous = true;
-      break;
+      return {vl::kToolkitFlagInfo, true};
     case VLLogLevelDebug:
-      flag = vl::kToolkitFlagDebug;
-      asynchronous = true;
-      break;
+      return {vl::kToolkitFlagDebug, true};
     case VLLogLevelError:
     case VLLogLevelFatal:
-      flag = vl::kToolkitFlagError;
-      asynchronous = false;
-      break;
+      return {vl::kToolkitFlagError, false};
     default:
-      return;
+      return {0, false};
   }
+}
+
+}  // namespace
+
+bool VLLogLevelWanted(VLLogLevel level) {
+  LevelRoute route = routeForLevel(level);
+  if (route.flag == 0) return false;
+  try {
+    return vl::logCapturesActive() || VLGetSharedZEPLogger().wants(route.flag);
+  } catch (...) {
+    return false;
+  }
+}
+
+void VLLogMessage(VLLogLevel level, const char* category, const std::string& message) {
+  LevelRoute route = routeForLevel(level);
+  if (route.flag == 0) return;
   try {
     vl::ToolkitLogger& logger = VLGetSharedZEPLogger();
     vl::recordInLogCaptures(level, category, message);
+    if (!logger.wants(route.flag)) return;
     std::string line = vl::format("[%@] %@", category ? category : "Default", message);
-    logger.log(asynchronous, flag, line);
+    logger.log(route.asynchronous, route.flag, line);
   } catch (...) {
     // Logging never throws.
   }

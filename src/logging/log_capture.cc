@@ -1,6 +1,7 @@
 #include "vorlund/logging/log_capture.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include "logging/log_capture_registry.h"
 
@@ -18,7 +19,12 @@ std::vector<LogCapture*>& registry() {
   return captures;
 }
 
+// The registry's size, read without its lock on every VLLog call.
+std::atomic<size_t> liveCaptures{0};
+
 }  // namespace
+
+bool logCapturesActive() { return liveCaptures.load(std::memory_order_relaxed) != 0; }
 
 void recordInLogCaptures(VLLogLevel level, const char* category, const std::string& message) {
   std::lock_guard lock(registryMutex());
@@ -30,11 +36,13 @@ void recordInLogCaptures(VLLogLevel level, const char* category, const std::stri
 LogCapture::LogCapture() {
   std::lock_guard lock(registryMutex());
   registry().push_back(this);
+  liveCaptures = registry().size();
 }
 
 LogCapture::~LogCapture() {
   std::lock_guard lock(registryMutex());
   std::erase(registry(), this);
+  liveCaptures = registry().size();
 }
 
 std::vector<CapturedLine> LogCapture::lines() const {

@@ -8,6 +8,9 @@
 namespace vl {
 
 // Records the line in every live LogCapture. category may be nullptr ("Default").
+// True while at least one LogCapture lives.
+bool logCapturesActive();
+
 void recordInLogCaptures(VLLogLevel level, const char* category, const std::string& message);
 
 }  // namespace vl

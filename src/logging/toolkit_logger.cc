@@ -136,12 +136,16 @@ void ToolkitLogger::addSink(std::shared_ptr<spdlog::sinks::sink> sink, int mask)
     auto masked = std::make_shared<MaskedSink>(std::move(sink), mask);
     masked->set_level(spdlog::level::trace);
     sinks_->add_sink(std::move(masked));
+    wantedFlags_.fetch_or(mask, std::memory_order_relaxed);
   } catch (const std::exception& e) {
     reportSinkError(e.what());
   }
 }
 
 void ToolkitLogger::log(bool asynchronous, int flag, std::string_view line) {
+  // Waking the writer thread for a line that every sink then drops costs more than the work that
+  // logged it (a debug line per frame of the host link).
+  if (!wants(flag)) return;
   try {
     spdlog::level::level_enum level = spdlogLevelForFlag(flag);
     std::shared_lock lock(asyncMutex_);

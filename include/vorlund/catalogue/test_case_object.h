@@ -66,6 +66,11 @@ class VLTestCaseObject : public vl::CodableRecord {
   // stays and an error is logged on each read. The stored options never change.
   std::optional<vl::Dictionary> options() const;
   void setOptions(std::optional<vl::Dictionary> options) { options_ = std::move(options); }
+  // One resolved option as test code reads it, whether the definition gave it as text or as a
+  // number: stringOption gives a non-empty string (a number as its description), numberOption a
+  // number (a string that is wholly a number is read as one). None when absent or of another kind.
+  std::optional<std::string> stringOption(std::string_view key) const;
+  std::optional<double> numberOption(std::string_view key) const;
 
   const std::optional<std::string>& instanceId() const { return instanceId_; }
   void setInstanceId(std::optional<std::string> v) { instanceId_ = std::move(v); }

@@ -26,13 +26,16 @@ inline constexpr VLLogLevel VLLogLevelFatal = 17;
 // Writes an already formatted message. category may be nullptr (printed "Default").
 void VLLogMessage(VLLogLevel level, const char* category, const std::string& message);
 
-// VLLog(level, category, format, args...): formats with vl::format and logs the result.
+// True when a line of this level would be written anywhere (a sink of the shared logger takes it,
+// or a LogCapture is live). False for the levels that are dropped.
+bool VLLogLevelWanted(VLLogLevel level);
+
+// VLLog(level, category, format, args...): formats with vl::format and logs the result. A line
+// that nothing would take is not even formatted: debug lines cost next to nothing where only the
+// log files, without verbose logging, listen.
 template <typename... Args>
 void VLLog(VLLogLevel level, const char* category, std::string_view fmt, const Args&... args) {
-  if (level != VLLogLevelInfo && level != VLLogLevelNotice && level != VLLogLevelDebug &&
-      level != VLLogLevelError && level != VLLogLevelFatal) {
-    return;
-  }
+  if (!VLLogLevelWanted(level)) return;
   VLLogMessage(level, category, vl::format(fmt, args...));
 }
 

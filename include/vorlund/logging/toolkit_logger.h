@@ -8,6 +8,7 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/dist_sink.h>
 
+#include <atomic>
 #include <memory>
 #include <shared_mutex>
 #include <string_view>
@@ -48,6 +49,10 @@ class ToolkitLogger {
   // first one on standard error.
   void log(bool asynchronous, int flag, std::string_view line);
 
+  // True when some sink takes lines of this flag. A line no sink takes is dropped by log() before
+  // it is queued, so callers may skip formatting it at all.
+  bool wants(int flag) const { return (wantedFlags_.load(std::memory_order_relaxed) & flag) != 0; }
+
   // Waits until every asynchronous line logged before the call has reached the sinks.
   void drain();
   // Drains, then writes every later line synchronously. Called when the process exits, so that no
@@ -64,6 +69,8 @@ class ToolkitLogger {
   std::shared_ptr<spdlog::details::thread_pool> pool_;
   std::shared_ptr<spdlog::async_logger> async_;
   bool shutDown_ = false;
+  // The union of the sinks' masks.
+  std::atomic<int> wantedFlags_{0};
 };
 
 }  // namespace vl
