@@ -28,6 +28,7 @@ declare -A testdata=(
   [curl_output_fuzz]="network/throughput"
   [ledger_file_fuzz]="hostlink/ledger"
   [frame_reader_fuzz]="hostlink/frames"
+  [manager_frame_fuzz]="hostlink/manager_frames hostlink/frames"
 )
 
 mapfile -t targets < <(find "$build/fuzz" -maxdepth 1 -type f -executable -name '*_fuzz' \

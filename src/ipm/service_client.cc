@@ -1,6 +1,7 @@
 #include "vorlund/ipm/service_client.h"
 
 #include "request_record.h"
+#include "vorlund/catalogue/lookup.h"
 #include "vorlund/conversion/ipm_conversion.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/ipm/bus.h"
@@ -17,6 +18,26 @@ std::shared_ptr<VLTestCaseResult> failed(const std::shared_ptr<VLTestCaseObject>
         failure.localizedDescription().c_str());
   setError(error, std::move(failure));
   return nullptr;
+}
+
+// A test case that came with only its name and options (a manager asking this device to run one of
+// its test cases) takes the rest of its definition from this device's catalogue, the request's
+// options laid over the bundle's. nullptr, with the reason, when the catalogue lacks the name.
+std::shared_ptr<VLTestCaseObject> completedFromCatalogue(
+    const std::shared_ptr<VLTestCaseObject>& object, std::string* reason) {
+  if (object->selector()) return object;
+  if (!object->name() || object->name()->empty()) {
+    *reason = "The test case has neither a selector nor a name";
+    return nullptr;
+  }
+  vl::Dictionary request;
+  request.set(kVLTestCaseObjectKeyName, *object->name());
+  if (std::optional<vl::Dictionary> options = object->options()) {
+    request.set(kVLTestCaseObjectKeyOptions, std::move(*options));
+  }
+  std::shared_ptr<VLTestCaseObject> completed = VLGetObjectForDictionary(request);
+  if (!completed) *reason = "No bundle here offers a test case named " + *object->name();
+  return completed;
 }
 
 // VLExecuteTestCase outside host processes comes here.
@@ -60,6 +81,7 @@ Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
     std::string reason;
     auto object =
         requestRecord<VLTestCaseObject>(*request.asDictionary(), kVLMessageKeyTestCase, &reason);
+    if (object) object = completedFromCatalogue(object, &reason);
     if (!object) return IpmValue::ofError(reason);
     auto result = execute(object);
     if (!result) {
@@ -73,6 +95,10 @@ Service::Handler testCaseRequestHandler(TestCaseExecutor execute) {
     }
     IpmDictionary reply;
     reply.set(kVLMessageKeyResult, IpmValue::ofData(std::move(data->bytes)));
+    // A request relayed from the manager is matched to its reply by this key.
+    if (const IpmValue* uuid = request.asDictionary()->find(kVLMessageKeyUUID)) {
+      reply.set(kVLMessageKeyUUID, *uuid);
+    }
     return IpmValue::ofDictionary(std::move(reply));
   };
 }

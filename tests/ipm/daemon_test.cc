@@ -211,8 +211,53 @@ TEST(DaemonTest, RunsTestCasesItselfWhateverItIsCalled) {
   auto decoded = VLConvertDataToObject(*result->asData(), &error).record<VLTestCaseResult>();
   ASSERT_TRUE(decoded);
   EXPECT_TRUE(decoded->isNoOp());
+  EXPECT_EQ(reply->asDictionary()->find(kVLMessageKeyUUID), nullptr) << "none asked, none given";
   EXPECT_EQ(daemon.stop(SIGTERM), 0);
 }
+
+#ifdef VORLUND_SAMPLE_BUNDLE_DIR
+// A manager asks by name and options only: the service completes the test case from its own
+// bundles, runs it with the request's options and answers under the request's UUID.
+TEST(DaemonTest, CompletesANamedTestCaseFromItsCatalogueAndAnswersUnderTheRequestsUUID) {
+  test::Sandbox sandbox;
+  const std::string bundles = sandbox.root() + "/BrindleInternal/Library/Bundles/Stress";
+  std::filesystem::create_directories(bundles);
+  std::filesystem::copy(std::string(VORLUND_SAMPLE_BUNDLE_DIR) + "/SampleStress.bundle",
+                        bundles + "/SampleStress.bundle", std::filesystem::copy_options::recursive);
+  test::Daemon daemon(VORLUND_DAEMON_PATH);
+  ASSERT_TRUE(daemon.waitUntilServing());
+
+  auto send = [](const std::string& name, const char* uuid) {
+    auto object = VLTestCaseObject::make();
+    object->setName(name);
+    object->setOptions(Dictionary{{"Reason", Value("Cable cut")}});
+    IpmValue message =
+        archivedMessage(kVLMessageTypeTestCaseRequest, kVLMessageKeyTestCase, Value(object));
+    IpmDictionary withUUID = *message.asDictionary();
+    withUUID.set(kVLMessageKeyUUID, IpmValue::ofString(uuid));
+    Error error;
+    auto reply = sendMessage(IpmValue::ofDictionary(std::move(withUUID)), kNoTimeout, &error);
+    return std::make_pair(reply, error);
+  };
+  const char* kUUID = "6F1C2A44-0000-4000-8000-00000000BEEF";
+  auto [reply, error] = send("Sample Failure", kUUID);
+  ASSERT_TRUE(reply) << error.description();
+  const IpmValue* uuid = reply->asDictionary()->find(kVLMessageKeyUUID);
+  ASSERT_TRUE(uuid && uuid->asString());
+  EXPECT_EQ(*uuid->asString(), kUUID);
+  const IpmValue* archived = reply->asDictionary()->find(kVLMessageKeyResult);
+  ASSERT_TRUE(archived && archived->asData());
+  auto result = VLConvertDataToObject(*archived->asData()).record<VLTestCaseResult>();
+  ASSERT_TRUE(result);
+  EXPECT_FALSE(result->didPass()) << "the bundle's failWithOption: ran";
+  EXPECT_EQ(result->getFailureReason(), "Cable cut") << "with the request's options over the bundle's";
+
+  auto [refused, refusal] = send("Sample Nothing", kUUID);
+  EXPECT_FALSE(refused);
+  EXPECT_EQ(refusal.localizedDescription(), "No bundle here offers a test case named Sample Nothing");
+  EXPECT_EQ(daemon.stop(SIGTERM), 0);
+}
+#endif
 
 #endif
 

@@ -102,6 +102,11 @@ TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
   };
   auto silent = VLTestCaseObject::make();
   silent->setName("Silent");
+  silent->setSelector("runSilently:");
+  // Without a selector the handler looks the name up in the (empty) catalogue first.
+  auto unnamed = VLTestCaseObject::make();
+  auto unlisted = VLTestCaseObject::make();
+  unlisted->setName("Unlisted");
   struct Case {
     const char* name;
     IpmValue message;
@@ -120,6 +125,10 @@ TEST(ServiceTest, RefusesMalformedRequestsAndKeepsServing) {
       {"garbage test case", testCaseRequest({1, 2, 3}), kErrorFailed, nullptr},
       {"no result", testCaseRequest(VLConvertObjectToData(Value(silent))->bytes), kErrorFailed,
        "Running Silent gave no result"},
+      {"neither selector nor name", testCaseRequest(VLConvertObjectToData(Value(unnamed))->bytes),
+       kErrorFailed, "The test case has neither a selector nor a name"},
+      {"a name no bundle offers", testCaseRequest(VLConvertObjectToData(Value(unlisted))->bytes),
+       kErrorFailed, "No bundle here offers a test case named Unlisted"},
   };
   for (const Case& c : cases) {
     Error error;

@@ -30,10 +30,13 @@ using TestCaseExecutor =
     std::function<std::shared_ptr<VLTestCaseResult>(const std::shared_ptr<VLTestCaseObject>&)>;
 
 // The service's handler of "TestCaseRequest": unarchives "TestCase" with the classes of
-// VLValidExternalClassesForCoding(), runs it with execute and replies {"Result": archived result}.
-// Replies with an IPM error (so a D-Bus error) when "TestCase" is missing, not data or not an
-// archived VLTestCaseObject, when execute gives no result or throws, or when the result cannot be
-// archived.
+// VLValidExternalClassesForCoding(), runs it with execute and replies {"Result": archived result},
+// plus the request's "UUID" when it has one (requests relayed from the manager are matched by it).
+// A test case without a selector (a manager's request names only the test case and its options) is
+// first completed from this device's catalogue, as VLGetObjectForDictionary does with its "Name"
+// and "Options". Replies with an IPM error (so a D-Bus error) when "TestCase" is missing, not data
+// or not an archived VLTestCaseObject, when a test case without a selector has no name or no bundle
+// offers its name, when execute gives no result or throws, or when the result cannot be archived.
 Service::Handler testCaseRequestHandler(TestCaseExecutor execute);
 
 // The service's handler of every other message ("ManagerCommandResult", "TestCaseResult", a reply
