@@ -47,7 +47,7 @@ class ManagerProcess {
     posix_spawn_file_actions_addopen(&actions, 2, logPath_.c_str(), O_WRONLY | O_CREAT, 0644);
     if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&actions);
-    static const std::regex listening("Listening on 127\\.0\\.0\\.1:([0-9]+)");
+    static const std::regex listening("Listening on [0-9.]+:([0-9]+)");
     std::smatch match;
     for (auto until = Clock::now() + std::chrono::seconds(10); pid_ > 0 && Clock::now() < until;) {
       std::string text = log();
@@ -535,11 +535,18 @@ TEST_F(ManagerTest, StatusPrintsTheDevicesOrSaysNoManagerAnswers) {
   test::ChildResult none = test::runChild({VORLUND_MANAGER_PATH, "--status", "--manager", address});
   EXPECT_EQ(none.exitStatus, 1);
   EXPECT_NE(none.err.find("no manager answers at " + address), std::string::npos) << none.err;
+  test::ChildResult nowhere =
+      test::runChild({VORLUND_MANAGER_PATH, "--listen", "lab.example", "--port", "0"});
+  EXPECT_EQ(nowhere.exitStatus, 1);
+  EXPECT_NE(nowhere.err.find("not an IPv4 address"), std::string::npos) << nowhere.err;
 }
 
 TEST_F(ManagerTest, AFrameThatIsNotAMessageDropsOnlyItsConnection) {
-  ManagerProcess manager(dir_, {});
+  ManagerProcess manager(dir_, {"--listen", "0.0.0.0"});
   ASSERT_GT(manager.port(), 0) << manager.log();
+  // Neither a bridge that says nothing nor one stuck in the middle of a header holds anyone up.
+  Bridge silent(manager.port()), stuck(manager.port());
+  stuck.sendRaw("0000");
   Bridge a(manager.port(), "A");
   ASSERT_EQ(a.command({{"AddCharacteristic", "a"}}), Value(Dictionary{{"succeeded", true}}));
   struct Case {
