@@ -554,16 +554,19 @@ TEST_F(ManagerTest, AFrameThatIsNotAMessageDropsOnlyItsConnection) {
     std::string bytes;
     bool droppedWhileOpen;  // false: the frame is only wrong once the bridge closes
     const char* logged;
+    bool hello = true;
   };
   const Case cases[] = {
       {"header of letters", "garbage!and more", true, "frame header that is not 8 digits"},
       {"over the limit", "00100001xyz", true, "a frame of 100001 bytes, over the limit"},
       {"not an archive", "00000010plain text", true, "does not decode to a dictionary"},
       {"truncated", "00000050short", false, "its frame of 50 bytes ended early"},
+      {"instead of a hello", "00000010plain text", true, "does not decode", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    auto garbage = std::make_unique<Bridge>(manager.port(), "G");
+    auto garbage = c.hello ? std::make_unique<Bridge>(manager.port(), "G")
+                           : std::make_unique<Bridge>(manager.port());
     garbage->sendRaw(c.bytes);
     if (c.droppedWhileOpen) {
       EXPECT_TRUE(garbage->closedByManager());

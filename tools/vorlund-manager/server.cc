@@ -65,6 +65,7 @@ void Server::run(int stopDescriptor) {
     session.connection = connection;
     session.thread = std::thread([this, &session, connection] {
       serve(connection);
+      connection->close();
       session.done = true;
     });
   }
