@@ -65,10 +65,9 @@ bool hasPendingListener(const std::string& key) {
 }
 
 // The manager's answer to request uuid, as the bridge hands it to the router.
-vl::Dictionary answer(const std::string& uuid) {
-  return {{"MessageType", "ManagerCommandResult"},
-          {"UUID", uuid},
-          {"ManagerCommandResult", vl::Array{"SERIAL-A", "SERIAL-B"}}};
+vl::Dictionary answer(const std::string& uuid,
+                      const vl::Value& result = vl::Array{"SERIAL-A", "SERIAL-B"}) {
+  return {{"MessageType", "ManagerCommandResult"}, {"UUID", uuid}, {"ManagerCommandResult", result}};
 }
 
 // The handler was called once, with dictionary (none by default) and the logged error.
