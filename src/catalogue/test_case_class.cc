@@ -82,7 +82,7 @@ void VLTestCaseClass::setLock(std::shared_ptr<vl::Condition> lock) {
   lock_ = std::move(lock);
 }
 
-int64_t VLTestCaseClass::technology() const {
+std::optional<int64_t> VLTestCaseClass::technology() const {
   std::lock_guard guard(mutex_);
   return technology_;
 }
@@ -122,6 +122,8 @@ void VLTestCaseClass::setRegisteredClass(RegisteredClass registered) {
   std::lock_guard guard(mutex_);
   registeredClass_ = std::move(registered);
 }
+
+std::string VLTestCaseClass::description() const { return vl::CodableRecord::description(); }
 
 std::string VLTestCaseClass::className() const {
   if (std::optional<RegisteredClass> registered = registeredClass()) return registered->name;

@@ -19,7 +19,7 @@ struct Registries {
   std::mutex classesMutex;
   std::vector<std::shared_ptr<VLTestCaseClass>> classes;
   std::mutex remoteMutex;
-  std::vector<std::shared_ptr<VLTestCaseClass>> remoteObjects;
+  std::vector<std::shared_ptr<VLPendingReplyOwner>> remoteObjects;
 };
 
 Registries& registries() {
@@ -101,16 +101,33 @@ std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* 
 
 namespace {
 
+// Prints a reply owner in a log line's list the way the owner describes itself.
+class DescribedOwner : public Record {
+ public:
+  explicit DescribedOwner(std::string description) : description_(std::move(description)) {}
+  std::string className() const override { return "VLPendingReplyOwner"; }
+  std::string description() const override { return description_; }
+
+ private:
+  std::string description_;
+};
+
+Value loggable(const std::shared_ptr<VLTestCaseClass>& object) { return Value(object); }
+Value loggable(const std::shared_ptr<VLPendingReplyOwner>& owner) {
+  return Value(std::make_shared<DescribedOwner>(owner->description()));
+}
+
 // A copy of one registry's objects, taken under its lock and logged as the loaded classes.
-std::vector<std::shared_ptr<VLTestCaseClass>> snapshotLoaded(
-    std::mutex& mutex, const std::vector<std::shared_ptr<VLTestCaseClass>>& objects) {
-  std::vector<std::shared_ptr<VLTestCaseClass>> copy;
+template <typename T>
+std::vector<std::shared_ptr<T>> snapshotLoaded(std::mutex& mutex,
+                                               const std::vector<std::shared_ptr<T>>& objects) {
+  std::vector<std::shared_ptr<T>> copy;
   {
     std::lock_guard lock(mutex);
     copy = objects;
   }
   vl::Array listed;
-  for (const auto& object : copy) listed.push_back(vl::Value(object));
+  for (const auto& object : copy) listed.push_back(loggable(object));
   VLLog(VLLogLevelDebug, "Framework", "Currently loaded classes are %@", listed);
   return copy;
 }
@@ -122,7 +139,7 @@ std::vector<std::shared_ptr<VLTestCaseClass>> loadedTestCaseClasses() {
   return snapshotLoaded(r.classesMutex, r.classes);
 }
 
-void addRemoteExecutionObject(std::shared_ptr<VLTestCaseClass> object) {
+void addRemoteExecutionObject(std::shared_ptr<VLPendingReplyOwner> object) {
   if (!object) return;
   Registries& r = registries();
   std::lock_guard lock(r.remoteMutex);
@@ -132,13 +149,13 @@ void addRemoteExecutionObject(std::shared_ptr<VLTestCaseClass> object) {
   r.remoteObjects.push_back(std::move(object));
 }
 
-void removeRemoteExecutionObject(const VLTestCaseClass* object) {
+void removeRemoteExecutionObject(const VLPendingReplyOwner* object) {
   Registries& r = registries();
   std::lock_guard lock(r.remoteMutex);
   std::erase_if(r.remoteObjects, [&](const auto& listed) { return listed.get() == object; });
 }
 
-std::vector<std::shared_ptr<VLTestCaseClass>> loadedRemoteExecutionObjects() {
+std::vector<std::shared_ptr<VLPendingReplyOwner>> loadedRemoteExecutionObjects() {
   Registries& r = registries();
   return snapshotLoaded(r.remoteMutex, r.remoteObjects);
 }

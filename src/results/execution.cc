@@ -134,7 +134,7 @@ std::shared_ptr<VLTestCaseResult> executeInService(
   return result;
 }
 
-void deliverToWaitingObject(const std::shared_ptr<VLTestCaseClass>& object,
+void deliverToWaitingObject(const std::shared_ptr<VLPendingReplyOwner>& object,
                             const Dictionary& message) {
   object->updateResponses([&](Array& responses) { responses.push_back(Value(message)); });
   std::shared_ptr<Condition> condition = object->lock();

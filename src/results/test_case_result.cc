@@ -132,7 +132,7 @@ std::shared_ptr<VLTestCaseResult> VLTestCaseResult::withTestCaseObject(
     result->setName(testCaseObject->name());
     result->setType(testCaseObject->type());
     if (auto implementer = VLGetClassForTestCase(testCaseObject)) {
-      result->technologiesInvolved_ = implementer->technology();
+      result->technologiesInvolved_ = implementer->technology().value_or(0);
     }
     result->setStartTime(std::nullopt);
     if (const auto& webTags = testCaseObject->webTags()) {

@@ -1,6 +1,6 @@
 // VLTestCaseClass: the base of the classes that implement test cases (a bundle's principal class
-// derives from it). It carries what every such class needs to wait for replies from the host: a
-// condition `lock`, the identifiers of requests still awaiting a reply and the replies delivered.
+// derives from it). It takes on the reply-owner role (catalogue/pending_reply_owner.h), so that
+// every such class can send requests to the host and wait for their replies.
 #pragma once
 
 #include <cstdint>
@@ -14,10 +14,11 @@
 #include <utility>
 
 #include "vorlund/catalogue/condition.h"
+#include "vorlund/catalogue/pending_reply_owner.h"
 #include "vorlund/conversion/keyed_archive.h"
 #include "vorlund/foundation/value.h"
 
-class VLTestCaseClass : public vl::CodableRecord {
+class VLTestCaseClass : public vl::CodableRecord, public VLPendingReplyOwner {
  public:
   // Creates a T and then calls its registerForNotifications(). This is the way to create a test
   // case class: a constructor cannot reach a subclass's override of a virtual function, so the
@@ -38,20 +39,21 @@ class VLTestCaseClass : public vl::CodableRecord {
   // returned as copies.
   std::optional<std::string> instanceId() const;
   void setInstanceId(std::optional<std::string> instanceId);
-  vl::Array responses() const;
+  vl::Array responses() const override;
   void setResponses(vl::Array responses);
   vl::Date lastUsed() const;
   void setLastUsed(vl::Date lastUsed);
-  vl::Array pendingMessageIDs() const;
+  vl::Array pendingMessageIDs() const override;
   void setPendingMessageIDs(vl::Array pendingMessageIDs);
-  std::shared_ptr<vl::Condition> lock() const;
+  std::shared_ptr<vl::Condition> lock() const override;
   void setLock(std::shared_ptr<vl::Condition> lock);
-  int64_t technology() const;
+  // Always set: 0 until a subclass sets its technologies.
+  std::optional<int64_t> technology() const override;
 
   // Change the array in place under the accessors' mutex (append a reply, drop an identifier),
   // so that the thread that sends requests and the one that delivers replies do not lose updates.
-  void updateResponses(const std::function<void(vl::Array&)>& change);
-  void updatePendingMessageIDs(const std::function<void(vl::Array&)>& change);
+  void updateResponses(const std::function<void(vl::Array&)>& change) override;
+  void updatePendingMessageIDs(const std::function<void(vl::Array&)>& change) override;
 
   // The name of the object's class: className().
   std::string friendlyName() const;
@@ -71,6 +73,8 @@ class VLTestCaseClass : public vl::CodableRecord {
   // under this name with {"VLTestCaseClass", "NSObject"} as its superclasses, so that a process
   // that does not know it decodes it as a VLTestCaseClass.
   std::string className() const override;
+  // "<ClassName: 0x...>", for records and reply owners alike.
+  std::string description() const override;
 
   // The registered class an object was created as: its name and the shared object that registered
   // it ("" for classes compiled into the program). Two bundles may hold classes of the same C++

@@ -65,14 +65,16 @@ std::shared_ptr<const TestCaseProvider> findTestCaseProvider(const std::string* 
 // "Framework", "Currently loaded classes are %@".
 std::vector<std::shared_ptr<VLTestCaseClass>> loadedTestCaseClasses();
 
-// The loaded remote-execution objects: test case class instances that wait for replies from the
-// host and to which incoming replies are routed. Created empty on first use, guarded by its own
-// lock. Adding an object already present does nothing.
-void addRemoteExecutionObject(std::shared_ptr<VLTestCaseClass> object);
-void removeRemoteExecutionObject(const VLTestCaseClass* object);
-// A copy of the list, in order of addition. Logs it at level 2, category "Framework", "Currently
-// loaded classes are %@".
-std::vector<std::shared_ptr<VLTestCaseClass>> loadedRemoteExecutionObjects();
+// The loaded remote-execution objects: the reply owners that have sent a request and wait, or
+// waited, for its reply; the message router hands incoming replies to them. Created empty on
+// first use, guarded by its own lock. An owner is added once (adding it again does nothing) and
+// stays for the life of the process, so that late replies still reach it; removal is for owners
+// that go away (and for tests).
+void addRemoteExecutionObject(std::shared_ptr<VLPendingReplyOwner> object);
+void removeRemoteExecutionObject(const VLPendingReplyOwner* object);
+// A copy of the list, in order of addition. Logs it on every call at level 2, category
+// "Framework", "Currently loaded classes are %@", each owner as its description() prints it.
+std::vector<std::shared_ptr<VLPendingReplyOwner>> loadedRemoteExecutionObjects();
 
 }  // namespace vl
 

@@ -76,8 +76,9 @@ std::shared_ptr<VLTestCaseResult> executeTestCaseInProcess(
 std::shared_ptr<VLTestCaseResult> VLExecuteTestCase(const vl::Value& testCase,
                                                     vl::Error* error = nullptr);
 
-// Routes one incoming message: to the remote-execution object whose pendingMessageIDs hold the
-// message's "UUID" (appended to its responses, then its lock broadcast); else by "MessageType": a
+// Routes one incoming message: to the first loaded remote-execution object (a reply owner, see
+// catalogue/pending_reply_owner.h) whose pendingMessageIDs hold the message's "UUID" (appended to
+// its responses, then its lock broadcast); else by "MessageType": a
 // "ManagerCommandResult" is posted on the default notification center as
 // "com.brindle.vorlund.ManagerCommandResult.<UUID>" with the message as user info, a
 // "TestCaseResult" has its archived "Result" added to the current results; any other message is
