@@ -5,6 +5,7 @@
 #include <semaphore>
 
 #include "vorlund/foundation/time_scale.h"
+#include "vorlund/hostlink/manager_commands.h"
 #include "vorlund/logging/log.h"
 #include "vorlund/results/execution.h"
 
@@ -62,4 +63,46 @@ void ManagerRemote::processAsyncRequest(const vl::Dictionary& request, double ti
   registry->unregiserSource(source);
   registry->unregisterForEventWithUUID(key);
   registry->clean();
+}
+
+void ManagerRemote::processEnvelope(const std::optional<vl::Dictionary>& envelope, double timeout,
+                                    const AsyncHandler& handler) {
+  if (!envelope) {
+    // One text for commands and test cases alike: callers match on it.
+    handler(std::nullopt, errorWithMessage("Did not get result for runTest"));
+    return;
+  }
+  processAsyncRequest(*envelope, timeout, handler);
+}
+
+void ManagerRemote::runCommand(const vl::Dictionary& command, double timeout,
+                               const AsyncHandler& handler) {
+  processEnvelope(VLManagerCommand(nullptr, command), timeout, handler);
+}
+
+void ManagerRemote::runTest(const std::string& name, const vl::Dictionary& options,
+                            const vl::Value& characteristics, double timeout,
+                            const AsyncHandler& handler) {
+  processEnvelope(VLManagerRunTestCase(nullptr, name, options, characteristics), timeout, handler);
+}
+
+void ManagerRemote::run(const AsyncHandler& handler) {
+  runTest(testCase_, options_, characteristics_, vl::kManagerRemoteTimeoutSeconds, handler);
+}
+
+void ManagerRemote::findDevicesWith(const vl::Value& characteristics, const AsyncHandler& handler) {
+  runCommand({{"FindDevices", vl::Dictionary{{"characteristics", characteristics}}}},
+             vl::kManagerRemoteTimeoutSeconds, handler);
+}
+
+void ManagerRemote::findDevicesWithout(const vl::Value& characteristics,
+                                       const AsyncHandler& handler) {
+  runCommand({{"FindDevicesWithout", vl::Dictionary{{"characteristics", characteristics}}}},
+             vl::kManagerRemoteTimeoutSeconds, handler);
+}
+
+void ManagerRemote::findDevicesWithAttributes(const vl::Value& attributes,
+                                              const AsyncHandler& handler) {
+  runCommand({{"FindDevicesWithAttributes", vl::Dictionary{{"attributes", attributes}}}},
+             vl::kManagerRemoteTimeoutSeconds, handler);
 }

@@ -65,6 +65,10 @@ class ManagerRemote {
   static vl::Error errorWithMessage(const std::string& message);
 
  private:
+  // Waits for the answer to envelope, or fails at once when the command was never sent.
+  void processEnvelope(const std::optional<vl::Dictionary>& envelope, double timeout,
+                       const AsyncHandler& handler);
+
   std::string testCase_;
   vl::Dictionary options_;
   vl::Value characteristics_;
