@@ -168,7 +168,11 @@ TEST_F(AsyncListenerTest, ItsTimeOutEndsItSilently) {
   auto listener = AsyncListener::withBlock(callback, 1);
   EXPECT_FALSE(listener->done());
 
-  ASSERT_TRUE(eventually([&] { return listener->done(); }));
+  std::string alreadyDone =
+      "Got event, But not going to notify because we are already done. " + listener->description();
+  // The time-out's last line, written after done is set.
+  ASSERT_TRUE(eventually([&] { return logs.count(alreadyDone) == 1; }));
+  EXPECT_TRUE(listener->done());
   EXPECT_TRUE(logs.contains(VLLogLevelDebug, "AsyncListener",
                             "Timeout HAPPENING NOW " + listener->description()));
   vl::Error timeoutError = vl::Error::withDescription("com.brindle.vorlund.asynclistener", -1,
@@ -176,9 +180,7 @@ TEST_F(AsyncListenerTest, ItsTimeOutEndsItSilently) {
   EXPECT_TRUE(logs.contains(VLLogLevelInfo, "AsyncListener",
                             vl::format("Got %@, %@", nullptr, timeoutError)));
   listener->notifyEvent(vl::Dictionary{{"late", true}}, std::nullopt);
-  EXPECT_EQ(logs.count("Got event, But not going to notify because we are already done. " +
-                       listener->description()),
-            2u);
+  EXPECT_EQ(logs.count(alreadyDone), 2u);
   EXPECT_TRUE(calls.all().empty());
 }
 
