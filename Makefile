@@ -8,7 +8,7 @@ JOBS       ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build demo test test-asan coverage bench fuzz format clean
+.PHONY: all deps build demo demo-fleet test test-asan coverage bench fuzz format clean
 
 all: build
 
@@ -21,6 +21,9 @@ build: deps
 
 demo: build
 	@bash scripts/demo.sh $(BUILD)
+
+demo-fleet: build
+	@bash scripts/demo-fleet.sh $(BUILD)
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

@@ -30,10 +30,9 @@ namespace {
 constexpr double kDefaultRemoteTimeout = 60;
 constexpr double kDefaultKingTimeout = 30;
 
-std::shared_ptr<VLTestCaseResult> averageResult(const std::shared_ptr<VLTestCaseObject>& testCase) {
-  auto result = VLTestCaseResult::withTestCaseObject(testCase);
-  result->setType(std::string(kVLTestCaseResultTypeAverage));
-  return result;
+// A result of the test case's own type, started now.
+std::shared_ptr<VLTestCaseResult> resultFor(const std::shared_ptr<VLTestCaseObject>& testCase) {
+  return VLTestCaseResult::withTestCaseObject(testCase);
 }
 
 std::shared_ptr<VLTestCaseResult> finished(std::shared_ptr<VLTestCaseResult> result,
@@ -49,7 +48,8 @@ std::shared_ptr<VLTestCaseResult> finished(std::shared_ptr<VLTestCaseResult> res
 
 // The instance the registry made of this bundle's class: the reply holder of the calls below, so
 // that late replies still find it.
-std::shared_ptr<VLPendingReplyOwner> replyHolderFor(const std::shared_ptr<VLTestCaseObject>& testCase) {
+std::shared_ptr<VLPendingReplyOwner> replyHolderFor(
+    const std::shared_ptr<VLTestCaseObject>& testCase) {
   return VLGetClassForTestCase(testCase);
 }
 
@@ -58,15 +58,18 @@ std::shared_ptr<VLPendingReplyOwner> replyHolderFor(const std::shared_ptr<VLTest
 class HostLinkStress : public VLTestCaseClass {
  public:
   std::shared_ptr<VLTestCaseResult> findPeers(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = averageResult(testCase);
-    std::string characteristic = testCase->stringOption("Characteristic").value_or("hostlink-sample");
+    auto result = resultFor(testCase);
+    std::string characteristic =
+        testCase->stringOption("Characteristic").value_or("hostlink-sample");
     VLManagerAddCharacteristic(vl::Value(characteristic));
     vl::Dictionary find;
-    find.set("FindDevices", vl::Dictionary{{"characteristics", vl::Array{vl::Value(characteristic)}}});
+    find.set("FindDevices",
+             vl::Dictionary{{"characteristics", vl::Array{vl::Value(characteristic)}}});
     std::optional<vl::Dictionary> answer = VLManagerCommand(replyHolderFor(testCase), find);
     if (!answer) return finished(result, "The manager did not answer FindDevices");
     const vl::Array* devices = answer->get("Result").asArray();
-    if (!devices) return finished(result, "The manager's answer lists no devices: " + answer->description());
+    if (!devices)
+      return finished(result, "The manager's answer lists no devices: " + answer->description());
     const std::string self = vl::deviceSerialNumber();
     auto peers = std::count_if(devices->begin(), devices->end(), [&](const vl::Value& device) {
       const std::string* serial = device.asString();
@@ -82,7 +85,7 @@ class HostLinkStress : public VLTestCaseClass {
   }
 
   std::shared_ptr<VLTestCaseResult> remoteEcho(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = averageResult(testCase);
+    auto result = resultFor(testCase);
     std::optional<std::string> peer = testCase->stringOption("peer");
     if (!peer) return finished(result, "No peer given: set the option peer to its serial number");
     std::shared_ptr<VLTestCaseObject> echo = VLGetObjectForTestCase("Echo");
@@ -97,7 +100,8 @@ class HostLinkStress : public VLTestCaseClass {
     echo->setTimeout(timeout == 0 ? kDefaultRemoteTimeout : timeout);
 
     const auto started = std::chrono::steady_clock::now();
-    std::shared_ptr<VLTestCaseResult> remote = VLExecuteRemoteTestCase(replyHolderFor(testCase), echo);
+    std::shared_ptr<VLTestCaseResult> remote =
+        VLExecuteRemoteTestCase(replyHolderFor(testCase), echo);
     const std::chrono::duration<double> roundTrip = std::chrono::steady_clock::now() - started;
     result->addMetric(vl::Value(roundTrip.count()), "RoundTrip");
     if (!remote) return finished(result, "No result came back from " + *peer);
@@ -108,7 +112,7 @@ class HostLinkStress : public VLTestCaseClass {
   }
 
   std::shared_ptr<VLTestCaseResult> echo(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = averageResult(testCase);
+    auto result = resultFor(testCase);
     std::optional<std::string> requester = testCase->stringOption("RequestingDevice");
     if (!requester) return finished(result, "Echo was not asked by another device");
     result->addTag(vl::Value(*requester), "RequestingDevice");
@@ -117,7 +121,7 @@ class HostLinkStress : public VLTestCaseClass {
   }
 
   std::shared_ptr<VLTestCaseResult> kingCommand(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = averageResult(testCase);
+    auto result = resultFor(testCase);
     const int request = static_cast<int>(testCase->numberOption("Request").value_or(1));
     const std::string command = testCase->stringOption("Command").value_or("");
     const double timeout = testCase->numberOption("Timeout").value_or(kDefaultKingTimeout);
