@@ -22,29 +22,12 @@
 #include "vorlund/deviceinfo/device_serial.h"
 #include "vorlund/hostlink/manager_commands.h"
 #include "vorlund/hostlink/remote_execution.h"
-#include "vorlund/results/execution.h"
 #include "vorlund/results/test_case_result.h"
 
 namespace {
 
 constexpr double kDefaultRemoteTimeout = 60;
 constexpr double kDefaultKingTimeout = 30;
-
-// A result of the test case's own type, started now.
-std::shared_ptr<VLTestCaseResult> resultFor(const std::shared_ptr<VLTestCaseObject>& testCase) {
-  return VLTestCaseResult::withTestCaseObject(testCase);
-}
-
-std::shared_ptr<VLTestCaseResult> finished(std::shared_ptr<VLTestCaseResult> result,
-                                           const std::optional<std::string>& reason) {
-  if (reason) {
-    result->failWithReason(*reason);
-  } else {
-    result->pass();
-  }
-  result->setEndTime(std::nullopt);
-  return result;
-}
 
 // The instance the registry made of this bundle's class: the reply holder of the calls below, so
 // that late replies still find it.
@@ -58,7 +41,7 @@ std::shared_ptr<VLPendingReplyOwner> replyHolderFor(
 class HostLinkStress : public VLTestCaseClass {
  public:
   std::shared_ptr<VLTestCaseResult> findPeers(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = resultFor(testCase);
+    auto result = VLTestCaseResult::withTestCaseObject(testCase);
     std::string characteristic =
         testCase->stringOption("Characteristic").value_or("hostlink-sample");
     VLManagerAddCharacteristic(vl::Value(characteristic));
@@ -66,10 +49,11 @@ class HostLinkStress : public VLTestCaseClass {
     find.set("FindDevices",
              vl::Dictionary{{"characteristics", vl::Array{vl::Value(characteristic)}}});
     std::optional<vl::Dictionary> answer = VLManagerCommand(replyHolderFor(testCase), find);
-    if (!answer) return finished(result, "The manager did not answer FindDevices");
+    if (!answer) return vl::finishResult(result, "The manager did not answer FindDevices");
     const vl::Array* devices = answer->get("Result").asArray();
     if (!devices)
-      return finished(result, "The manager's answer lists no devices: " + answer->description());
+      return vl::finishResult(result,
+                              "The manager's answer lists no devices: " + answer->description());
     const std::string self = vl::deviceSerialNumber();
     auto peers = std::count_if(devices->begin(), devices->end(), [&](const vl::Value& device) {
       const std::string* serial = device.asString();
@@ -78,18 +62,20 @@ class HostLinkStress : public VLTestCaseClass {
     result->addMetric(vl::Value(static_cast<double>(peers)), "Peers");
     const double minimum = testCase->numberOption("MinimumPeers").value_or(1);
     if (static_cast<double>(peers) < minimum) {
-      return finished(result, "Found " + std::to_string(peers) + " peers with " + characteristic +
-                                  ", expected at least " + vl::Value(minimum).description());
+      return vl::finishResult(result, "Found " + std::to_string(peers) + " peers with " +
+                                          characteristic + ", expected at least " +
+                                          vl::Value(minimum).description());
     }
-    return finished(result, std::nullopt);
+    return vl::finishResult(result, std::nullopt);
   }
 
   std::shared_ptr<VLTestCaseResult> remoteEcho(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = resultFor(testCase);
+    auto result = VLTestCaseResult::withTestCaseObject(testCase);
     std::optional<std::string> peer = testCase->stringOption("peer");
-    if (!peer) return finished(result, "No peer given: set the option peer to its serial number");
+    if (!peer)
+      return vl::finishResult(result, "No peer given: set the option peer to its serial number");
     std::shared_ptr<VLTestCaseObject> echo = VLGetObjectForTestCase("Echo");
-    if (!echo) return finished(result, "This device has no Echo test case to send");
+    if (!echo) return vl::finishResult(result, "This device has no Echo test case to send");
     vl::Dictionary options = echo->options().value_or(vl::Dictionary{});
     options.set("Message", vl::Value(testCase->stringOption("Message").value_or("")));
     echo->setOptions(options);
@@ -104,31 +90,32 @@ class HostLinkStress : public VLTestCaseClass {
         VLExecuteRemoteTestCase(replyHolderFor(testCase), echo);
     const std::chrono::duration<double> roundTrip = std::chrono::steady_clock::now() - started;
     result->addMetric(vl::Value(roundTrip.count()), "RoundTrip");
-    if (!remote) return finished(result, "No result came back from " + *peer);
+    if (!remote) return vl::finishResult(result, "No result came back from " + *peer);
     if (!remote->didPass()) {
-      return finished(result, *peer + ": " + remote->getFailureReason().value_or("did not pass"));
+      return vl::finishResult(result,
+                              *peer + ": " + remote->getFailureReason().value_or("did not pass"));
     }
-    return finished(result, std::nullopt);
+    return vl::finishResult(result, std::nullopt);
   }
 
   std::shared_ptr<VLTestCaseResult> echo(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = resultFor(testCase);
+    auto result = VLTestCaseResult::withTestCaseObject(testCase);
     std::optional<std::string> requester = testCase->stringOption("RequestingDevice");
-    if (!requester) return finished(result, "Echo was not asked by another device");
+    if (!requester) return vl::finishResult(result, "Echo was not asked by another device");
     result->addTag(vl::Value(*requester), "RequestingDevice");
     result->addTag(vl::Value(testCase->stringOption("Message").value_or("")), "Message");
-    return finished(result, std::nullopt);
+    return vl::finishResult(result, std::nullopt);
   }
 
   std::shared_ptr<VLTestCaseResult> kingCommand(std::shared_ptr<VLTestCaseObject> testCase) {
-    auto result = resultFor(testCase);
+    auto result = VLTestCaseResult::withTestCaseObject(testCase);
     const int request = static_cast<int>(testCase->numberOption("Request").value_or(1));
     const std::string command = testCase->stringOption("Command").value_or("");
     const double timeout = testCase->numberOption("Timeout").value_or(kDefaultKingTimeout);
     std::optional<std::string> outcome =
         VLExecuteKingCommandOnHost(replyHolderFor(testCase), request, vl::Value(command), timeout);
-    if (outcome == "Success!") return finished(result, std::nullopt);
-    return finished(result, outcome.value_or("The host gave no outcome"));
+    if (outcome == "Success!") return vl::finishResult(result, std::nullopt);
+    return vl::finishResult(result, outcome.value_or("The host gave no outcome"));
   }
 };
 

@@ -25,18 +25,6 @@ std::shared_ptr<VLTestCaseResult> averageResult(const std::shared_ptr<VLTestCase
   return result;
 }
 
-// Passes the result, or fails it with reason; ends it now.
-std::shared_ptr<VLTestCaseResult> finished(std::shared_ptr<VLTestCaseResult> result,
-                                           const std::optional<std::string>& reason) {
-  if (reason) {
-    result->failWithReason(*reason);
-  } else {
-    result->pass();
-  }
-  result->setEndTime(std::nullopt);
-  return result;
-}
-
 std::string reasonOf(const vl::Error& error) {
   return error.userInfo.get("Reason").stringOr(error.localizedDescription());
 }
@@ -50,7 +38,7 @@ class NetworkStress : public VLTestCaseClass {
     std::optional<std::string> host = testCase->stringOption("Host");
     if (!host) {
       std::optional<vl::network::DefaultRoute> route = vl::network::defaultRoute();
-      if (!route) return finished(result, "No host given and no default gateway to ping");
+      if (!route) return vl::finishResult(result, "No host given and no default gateway to ping");
       host = route->gateway;
     }
     VLPing ping;
@@ -62,7 +50,7 @@ class NetworkStress : public VLTestCaseClass {
     if (auto interval = testCase->numberOption("Interval")) ping.setInterval(*interval);
     if (auto size = testCase->numberOption("Size")) ping.setSize(static_cast<int64_t>(*size));
     VLPingStatistics statistics = ping.execute();
-    if (ping.error()) return finished(result, reasonOf(*ping.error()));
+    if (ping.error()) return vl::finishResult(result, reasonOf(*ping.error()));
     result->addMetric(static_cast<double>(statistics.packetsReceived), "PacketsReceived");
     result->addMetric(statistics.packetLoss, "PacketLoss");
     result->addMetric(statistics.roundTripMin, "RoundTripMin");
@@ -71,7 +59,7 @@ class NetworkStress : public VLTestCaseClass {
     if (vl::network::hasRoundTripStdDev(statistics)) {
       result->addMetric(statistics.roundTripStdDev, "RoundTripStdDev");
     }
-    return finished(result, std::nullopt);
+    return vl::finishResult(result, std::nullopt);
   }
 
   std::shared_ptr<VLTestCaseResult> downloadURL(std::shared_ptr<VLTestCaseObject> testCase) {
@@ -80,17 +68,17 @@ class NetworkStress : public VLTestCaseClass {
     download->setUrlString(testCase->stringOption("URL"));
     download->setTimeout(testCase->numberOption("Timeout").value_or(60));
     double throughput = download->download();
-    if (download->error()) return finished(result, reasonOf(*download->error()));
+    if (download->error()) return vl::finishResult(result, reasonOf(*download->error()));
     result->addMetric(throughput, "Throughput");
     result->addMetric(download->downloadTime(), "DownloadTime");
     result->addMetric(static_cast<double>(download->bytesReceived()), "Bytes");
-    return finished(result, std::nullopt);
+    return vl::finishResult(result, std::nullopt);
   }
 
   std::shared_ptr<VLTestCaseResult> iperfThroughput(std::shared_ptr<VLTestCaseObject> testCase) {
     auto result = averageResult(testCase);
     std::optional<std::string> server = testCase->stringOption("Server");
-    if (!server) return finished(result, "No iperf server given");
+    if (!server) return vl::finishResult(result, "No iperf server given");
     const bool ipv6 = testCase->stringOption("IPv6") == "YES";
     VLIperf& iperf = VLIperf::sharedIperf();
     iperf.setPort(static_cast<int>(testCase->numberOption("Port").value_or(0)));
@@ -98,7 +86,7 @@ class NetworkStress : public VLTestCaseClass {
       VLIperf3Options options;
       options.seconds = testCase->numberOption("Seconds");
       vl::Iperf3Summary summary = iperf.runIperf3Client(*server, ipv6, options);
-      if (summary.error) return finished(result, summary.error);
+      if (summary.error) return vl::finishResult(result, summary.error);
       if (summary.receivedBitsPerSecond) {
         result->addMetric(*summary.receivedBitsPerSecond / 1e6, "Throughput");
       }
@@ -108,15 +96,16 @@ class NetworkStress : public VLTestCaseClass {
       if (summary.retransmits) {
         result->addMetric(static_cast<double>(*summary.retransmits), "Retransmits");
       }
-      return finished(result, std::nullopt);
+      return vl::finishResult(result, std::nullopt);
     }
     vl::IperfClientReading reading = iperf.runIperfClient(*server, ipv6);
     std::optional<double> megabits = vl::iperfMegabitsPerSecond(reading);
     if (!megabits)
-      return finished(result, reading.succeeded ? "Unreadable throughput figure: " + reading.text
-                                                : reading.text);
+      return vl::finishResult(result, reading.succeeded
+                                          ? "Unreadable throughput figure: " + reading.text
+                                          : reading.text);
     result->addMetric(*megabits, "Throughput");
-    return finished(result, std::nullopt);
+    return vl::finishResult(result, std::nullopt);
   }
 };
 

@@ -2,6 +2,10 @@
 // through it when the preference "LedgerResults" is set.
 #include "vorlund/hostlink/cordex_transform.h"
 
+#include <map>
+#include <mutex>
+#include <string>
+
 #include "vorlund/catalogue/preferences.h"
 #include "vorlund/foundation/date_string.h"
 #include "vorlund/foundation/json.h"
@@ -36,10 +40,15 @@ vl::Value jsonReady(const vl::Value& value) {
   return value;
 }
 
-// One transform per process, made when the first run is to be written (its session opens the
-// ledger then, not at start-up).
+// One transform per ledger folder, made when the first run is to be written there (its session
+// opens the ledger then, not at start-up). A process keeps one folder all its life; a test that
+// gives each case a home of its own gets a ledger of its own too.
 VLCordexTransform& sharedTransform() {
-  static VLCordexTransform* transform = new VLCordexTransform();  // lives for the process
+  static std::mutex mutex;
+  static auto* transforms = new std::map<std::string, VLCordexTransform*>();  // live for the process
+  std::lock_guard lock(mutex);
+  VLCordexTransform*& transform = (*transforms)[VLCordexTransform::dataDirectory()];
+  if (!transform) transform = new VLCordexTransform();
   return *transform;
 }
 

@@ -462,3 +462,16 @@ bool VLTestCaseResult::isValidResult() const {
   VLAddFailureToResults(*reason);
   return false;
 }
+
+namespace vl {
+std::shared_ptr<VLTestCaseResult> finishResult(std::shared_ptr<VLTestCaseResult> result,
+                                               const std::optional<std::string>& failureReason) {
+  if (failureReason) {
+    result->failWithReason(*failureReason);
+  } else {
+    result->pass();
+  }
+  result->setEndTime(std::nullopt);
+  return result;
+}
+}  // namespace vl

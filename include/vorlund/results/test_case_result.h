@@ -185,3 +185,10 @@ class VLTestCaseResult : public vl::CodableRecord {
   std::optional<std::string> bucket_;
   int64_t technologiesInvolved_ = 0;
 };
+
+namespace vl {
+// Ends a test method's result now: passes it, or fails it with failureReason when one is given.
+// Returns the result, so that a test method can end with `return finishResult(result, reason);`.
+std::shared_ptr<VLTestCaseResult> finishResult(std::shared_ptr<VLTestCaseResult> result,
+                                               const std::optional<std::string>& failureReason);
+}  // namespace vl
