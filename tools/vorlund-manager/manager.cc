@@ -150,9 +150,9 @@ void Manager::runTestCase(const std::shared_ptr<Connection>& connection,
     connection->send(vl::Dictionary{
         {"MessageType", "ManagerCommandResult"}, {"UUID", uuid}, {"ManagerCommandResult", value}});
   };
-  const vl::Dictionary* spec = command.get(kRunTestCase).asDictionary();
-  const std::string* name = spec ? spec->get("Name").asString() : nullptr;
-  const vl::Value& options = spec ? spec->get("Options") : vl::Value();
+  const vl::Dictionary* request = command.get(kRunTestCase).asDictionary();
+  const std::string* name = request ? request->get("Name").asString() : nullptr;
+  const vl::Value& options = request ? request->get("Options") : vl::Value();
   if (!name || !(options.isNone() || options.asDictionary())) {
     return answer(commandError(
         "RunTestCase needs a dictionary with \"Name\" (text) and \"Options\" (a dictionary)"));
