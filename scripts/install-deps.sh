@@ -9,6 +9,7 @@ packages=(
   libcurl4-openssl-dev libsystemd-dev libcli11-dev libssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev dbus sqlite3 python3 iputils-ping iperf iperf3 busybox
   systemd util-linux iproute2
+  libjs-chart.js chromium libxml2-utils
 )
 if [[ "${1:-}" == fuzz ]]; then
   packages+=(clang libclang-rt-14-dev)
