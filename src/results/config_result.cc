@@ -9,16 +9,19 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <filesystem>
+#include <map>
 #include <mutex>
 
 #include "vorlund/foundation/directory_watch.h"
 #include "vorlund/foundation/notification_center.h"
+#include "vorlund/foundation/property_list.h"
 #include "vorlund/foundation/serial_queue.h"
 #include "vorlund/foundation/time_scale.h"
 #include "vorlund/logging/log.h"
@@ -143,6 +146,65 @@ vl::Array columnStrings(vl::sqlite::Database& db, const std::optional<std::strin
 
 std::string valueText(const std::optional<std::string>& value) { return value.value_or("(null)"); }
 
+// What tells one version of a file from another: a file replaced by a move is another inode, one
+// rewritten in place has another modification time or size.
+struct FileVersion {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  int64_t modifiedNs = 0;
+  bool operator==(const FileVersion&) const = default;
+};
+
+std::optional<FileVersion> versionOf(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+  return FileVersion{info.st_dev, info.st_ino, info.st_size,
+                     int64_t{info.st_mtim.tv_sec} * 1'000'000'000 + info.st_mtim.tv_nsec};
+}
+
+// The results files of the last refresh as read, so that a refresh after one device's file changed
+// parses that file alone. Each run is still rebuilt from its dictionary: merging changes the run
+// that becomes the aggregate.
+class ParsedFiles {
+ public:
+  // The run of the results file at path, or nullptr (logged at level 16) when it is no results
+  // file, or not yet a whole one.
+  std::shared_ptr<VLResults> runOf(const std::string& path) {
+    VLLog(VLLogLevelInfo, kCategory, "Trying to restore existing save : %@", path);
+    std::optional<FileVersion> version = versionOf(path);
+    auto cached = files_.find(path);
+    if (!version || cached == files_.end() || !(cached->second.version == *version)) {
+      vl::Error error;
+      std::optional<vl::Dictionary> plist = vl::plist::readDictionary(path, &error);
+      if (!plist) {
+        VLLog(VLLogLevelError, kCategory, "Unable to restore results from %@: %@", path, error);
+        if (cached != files_.end()) files_.erase(cached);
+        return nullptr;
+      }
+      cached = files_.insert_or_assign(path, Entry{version.value_or(FileVersion{}), std::move(*plist)})
+                   .first;
+    }
+    auto run = std::make_shared<VLResults>();
+    run->setPlistPath(path);
+    run->restoreStateFromSavedPlist(cached->second.plist);
+    return run;
+  }
+  // Forgets the files that are gone.
+  void keepOnly(const std::vector<std::string>& paths) {
+    std::erase_if(files_, [&](const auto& entry) {
+      return std::find(paths.begin(), paths.end(), entry.first) == paths.end();
+    });
+  }
+
+ private:
+  struct Entry {
+    FileVersion version;
+    vl::Dictionary plist;
+  };
+  std::map<std::string, Entry> files_;
+};
+
 }  // namespace
 
 namespace vl {
@@ -208,11 +270,12 @@ struct VLConfigResult::Impl {
       paths = owner.getPlistPaths();
     }
 
+    parsedFiles.keepOnly(paths);
     std::shared_ptr<VLResults> merged;
     for (const std::string& path : paths) {
-      // A file that is not a results file (or not yet a whole one) is logged by withFile and
-      // left out; the others still make the aggregate.
-      std::shared_ptr<VLResults> run = VLResults::withFile(path);
+      // A file that is not a results file (or not yet a whole one) is logged and left out; the
+      // others still make the aggregate.
+      std::shared_ptr<VLResults> run = parsedFiles.runOf(path);
       if (!run) continue;
       if (!merged) {
         merged = std::move(run);
@@ -254,6 +317,7 @@ struct VLConfigResult::Impl {
   const std::string databasesPath;
   std::shared_ptr<Lifeline> lifeline = std::make_shared<Lifeline>();
   std::atomic<bool> refreshPending{false};
+  ParsedFiles parsedFiles;  // used on the refresh queue only
 
   mutable std::mutex mutex;  // guards the three results of a refresh
   std::shared_ptr<VLResults> aggregated;

@@ -309,14 +309,27 @@ TEST_F(ConfigResultTest, RefreshesOnceAFileIsCompleteNeverHalfWay) {
   for (const auto& line : log_.lines())
     EXPECT_FALSE(line.message.starts_with("Unable to restore results from")) << line.message;
 
+  // Rewritten in place with other figures: the refresh reads the new version, not the one it knew.
+  const uint64_t before = config->aggregated()->statisticForName("WiFi Ping Gateway")->instances();
+  Dictionary rewritten = *vl::plist::readDictionary(third);
+  Dictionary cases = *rewritten.get("TestCases").asDictionary();
+  Dictionary ping = *cases.get("WiFi Ping Gateway").asDictionary();
+  ping.set("Instances", Value(int64_t{ping.get("Instances").int64Or(0) + 100}));
+  cases.set("WiFi Ping Gateway", Value(ping));
+  rewritten.set("TestCases", Value(cases));
+  vl::test::writeFile(plists() + "/" + third.filename().string(),
+                      *vl::plist::serialize(Value(rewritten), vl::plist::Format::Xml));
+  ASSERT_TRUE(observer.waitFor(2));
+  EXPECT_EQ(config->aggregated()->statisticForName("WiFi Ping Gateway")->instances(), before + 100);
+
   // Moved in whole, then deleted: each is one more refresh.
   const std::string moved = device_.path("moved.plist");
   fs::copy_file(recorded("Plists")[0], moved);
   fs::rename(moved, plists() + "/extra.plist");
-  ASSERT_TRUE(observer.waitFor(2));
+  ASSERT_TRUE(observer.waitFor(3));
   EXPECT_EQ(config->plistCount(), 4);
   fs::remove(plists() + "/extra.plist");
-  ASSERT_TRUE(observer.waitFor(3));
+  ASSERT_TRUE(observer.waitFor(4));
   EXPECT_EQ(config->plistCount(), 3);
 }
 
