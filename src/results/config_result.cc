@@ -19,6 +19,7 @@
 #include <map>
 #include <mutex>
 
+#include "vorlund/foundation/background.h"
 #include "vorlund/foundation/directory_watch.h"
 #include "vorlund/foundation/notification_center.h"
 #include "vorlund/foundation/property_list.h"
@@ -168,39 +169,87 @@ std::optional<FileVersion> versionOf(const std::string& path) {
 // that becomes the aggregate.
 class ParsedFiles {
  public:
-  // The run of the results file at path, or nullptr (logged at level 16) when it is no results
-  // file, or not yet a whole one.
-  std::shared_ptr<VLResults> runOf(const std::string& path) {
-    VLLog(VLLogLevelInfo, kCategory, "Trying to restore existing save : %@", path);
-    std::optional<FileVersion> version = versionOf(path);
-    auto cached = files_.find(path);
-    if (!version || cached == files_.end() || !(cached->second.version == *version)) {
-      vl::Error error;
-      std::optional<vl::Dictionary> plist = vl::plist::readDictionary(path, &error);
-      if (!plist) {
-        VLLog(VLLogLevelError, kCategory, "Unable to restore results from %@: %@", path, error);
-        if (cached != files_.end()) files_.erase(cached);
-        return nullptr;
-      }
-      cached = files_.insert_or_assign(path, Entry{version.value_or(FileVersion{}), std::move(*plist)})
-                   .first;
-    }
-    auto run = std::make_shared<VLResults>();
-    run->setPlistPath(path);
-    run->restoreStateFromSavedPlist(cached->second.plist);
-    return run;
-  }
-  // Forgets the files that are gone.
-  void keepOnly(const std::vector<std::string>& paths) {
+  // The runs of the results files at paths, in their order; nullptr (logged at level 16) for a
+  // file that is no results file, or not yet a whole one. The files are read on the calling thread
+  // and on the background pool at once; the calling thread alone can finish the work, so a busy
+  // pool only makes it slower.
+  std::vector<std::shared_ptr<VLResults>> runsOf(const std::vector<std::string>& paths) {
     std::erase_if(files_, [&](const auto& entry) {
       return std::find(paths.begin(), paths.end(), entry.first) == paths.end();
     });
+    auto batch = std::make_shared<Batch>();
+    batch->paths = paths;
+    batch->versions.resize(paths.size());
+    batch->known.resize(paths.size(), nullptr);
+    batch->parsed.resize(paths.size());
+    batch->runs.resize(paths.size());
+    for (size_t i = 0; i < paths.size(); ++i) {
+      batch->versions[i] = versionOf(paths[i]);
+      auto cached = files_.find(paths[i]);
+      if (batch->versions[i] && cached != files_.end() &&
+          cached->second.version == *batch->versions[i])
+        batch->known[i] = &cached->second.plist;
+    }
+    const size_t helpers = std::min(vl::background::threadCount(), paths.size() / 2);
+    for (size_t h = 0; h < helpers; ++h) vl::background::run([batch] { batch->work(); });
+    batch->work();
+    {
+      std::unique_lock lock(batch->mutex);
+      batch->done.wait(lock, [&] { return batch->finished == batch->paths.size(); });
+    }
+    for (size_t i = 0; i < paths.size(); ++i) {
+      if (batch->known[i]) continue;
+      if (batch->parsed[i] && batch->versions[i]) {
+        files_.insert_or_assign(paths[i], Entry{*batch->versions[i], std::move(*batch->parsed[i])});
+      } else {
+        files_.erase(paths[i]);
+      }
+    }
+    return std::move(batch->runs);
   }
 
  private:
   struct Entry {
     FileVersion version;
     vl::Dictionary plist;
+  };
+  // One refresh's reading. Helpers that start after it is done find nothing left to claim.
+  struct Batch {
+    std::vector<std::string> paths;
+    std::vector<std::optional<FileVersion>> versions;
+    std::vector<const vl::Dictionary*> known;  // the dictionary read before, or nullptr
+    std::vector<std::optional<vl::Dictionary>> parsed;
+    std::vector<std::shared_ptr<VLResults>> runs;
+    std::atomic<size_t> next{0};
+    std::mutex mutex;
+    std::condition_variable done;
+    size_t finished = 0;
+
+    void work() {
+      for (size_t i; (i = next.fetch_add(1)) < paths.size();) {
+        read(i);
+        std::lock_guard lock(mutex);
+        if (++finished == paths.size()) done.notify_all();
+      }
+    }
+    void read(size_t i) {
+      VLLog(VLLogLevelInfo, kCategory, "Trying to restore existing save : %@", paths[i]);
+      const vl::Dictionary* plist = known[i];
+      if (!plist) {
+        vl::Error error;
+        parsed[i] = vl::plist::readDictionary(paths[i], &error);
+        if (!parsed[i]) {
+          VLLog(VLLogLevelError, kCategory, "Unable to restore results from %@: %@", paths[i],
+                error);
+          return;
+        }
+        plist = &*parsed[i];
+      }
+      auto run = std::make_shared<VLResults>();
+      run->setPlistPath(paths[i]);
+      run->restoreStateFromSavedPlist(*plist);
+      runs[i] = std::move(run);
+    }
   };
   std::map<std::string, Entry> files_;
 };
@@ -270,12 +319,13 @@ struct VLConfigResult::Impl {
       paths = owner.getPlistPaths();
     }
 
-    parsedFiles.keepOnly(paths);
+    std::vector<std::shared_ptr<VLResults>> runs = parsedFiles.runsOf(paths);
     std::shared_ptr<VLResults> merged;
-    for (const std::string& path : paths) {
+    for (size_t i = 0; i < runs.size(); ++i) {
       // A file that is not a results file (or not yet a whole one) is logged and left out; the
       // others still make the aggregate.
-      std::shared_ptr<VLResults> run = parsedFiles.runOf(path);
+      std::shared_ptr<VLResults>& run = runs[i];
+      const std::string& path = paths[i];
       if (!run) continue;
       if (!merged) {
         merged = std::move(run);
@@ -287,6 +337,7 @@ struct VLConfigResult::Impl {
         VLLog(VLLogLevelError, kCategory, "Leaving %@ out of the aggregate: %@", path,
               exception.what());
       }
+      run.reset();
     }
     const long databases = static_cast<long>(owner.getDBPaths().size());
     {
