@@ -37,9 +37,8 @@ std::shared_ptr<VLTestCaseStatistic> statistic(int device, int index) {
   s->setInstances(instances);
   if (index % 8 == 7) {
     s->setType(std::string(kVLTestCaseResultTypeInstanceHistogram));
-    s->setMetrics(vl::Dictionary{{"1ch", vl::Value(0.25)},
-                                 {"6ch", vl::Value(0.5)},
-                                 {"11ch", vl::Value(0.25)}});
+    s->setMetrics(vl::Dictionary{
+        {"1ch", vl::Value(0.25)}, {"6ch", vl::Value(0.5)}, {"11ch", vl::Value(0.25)}});
     return s;
   }
   const bool average = index % 2 == 0;
@@ -47,20 +46,20 @@ std::shared_ptr<VLTestCaseStatistic> statistic(int device, int index) {
   const double failed = double((device + index) % 9) / double(instances);
   s->setFailureRate(failed);
   if (failed > 0) {
-    s->setFailures(vl::Dictionary{{"Request timed out", vl::Value(0.5)},
-                                  {"No route to host", vl::Value(0.25)},
-                                  {"Link lost on device " + std::to_string(device % 5),
-                                   vl::Value(0.25)}});
+    s->setFailures(
+        vl::Dictionary{{"Request timed out", vl::Value(0.5)},
+                       {"No route to host", vl::Value(0.25)},
+                       {"Link lost on device " + std::to_string(device % 5), vl::Value(0.25)}});
   }
   if (average) {
     vl::Dictionary metrics;
     for (const char* metric : kMetrics) {
       const double mean = 100.0 + device % 17 + index;
-      metrics.set(metric, vl::Value(vl::Dictionary{{kVLTestCaseStatisticMetricMax, mean * 1.5},
-                                                   {kVLTestCaseStatisticMetricMin, mean * 0.5},
-                                                   {kVLTestCaseStatisticMetricMean, mean},
-                                                   {kVLTestCaseStatisticMetricStdDeviation,
-                                                    mean / 10}}));
+      metrics.set(metric,
+                  vl::Value(vl::Dictionary{{kVLTestCaseStatisticMetricMax, mean * 1.5},
+                                           {kVLTestCaseStatisticMetricMin, mean * 0.5},
+                                           {kVLTestCaseStatisticMetricMean, mean},
+                                           {kVLTestCaseStatisticMetricStdDeviation, mean / 10}}));
     }
     s->setMetrics(std::move(metrics));
   }

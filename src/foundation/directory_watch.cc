@@ -75,8 +75,8 @@ std::unique_ptr<DirectoryWatch> DirectoryWatch::start(const std::string& path, u
     return nullptr;
   }
   state->wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (state->wakeFd < 0 || inotify_add_watch(state->inotifyFd, path.c_str(),
-                                             events | IN_ONLYDIR) < 0) {
+  if (state->wakeFd < 0 ||
+      inotify_add_watch(state->inotifyFd, path.c_str(), events | IN_ONLYDIR) < 0) {
     setError(error, watchError("Cannot watch " + path, errno));
     close(state->inotifyFd);
     if (state->wakeFd >= 0) close(state->wakeFd);

@@ -355,9 +355,8 @@ struct VLConfigResult::Impl {
   void postRefreshCompleted() {
     std::shared_ptr<VLConfigResult> self = owner.weak_from_this().lock();
     if (!self) return;
-    vl::Dictionary info{
-        {kVLConfigResultRefreshedObjectKey, vl::Value(std::make_shared<ConfigResultReference>(
-                                                std::move(self)))}};
+    vl::Dictionary info{{kVLConfigResultRefreshedObjectKey,
+                         vl::Value(std::make_shared<ConfigResultReference>(std::move(self)))}};
     vl::NotificationCenter::defaultCenter().post(kVLResultsRefreshCompletedNotification,
                                                  std::move(info));
   }
@@ -524,9 +523,9 @@ vl::Dictionary VLConfigResult::timestampsForTestCaseFailures(
   forEachDevice(getDBPaths(), [&](const std::string& device, vl::sqlite::Database& db) {
     for (size_t i = 0; i < failures.size(); ++i) {
       const std::string& bucket = failures.entry(i).first;
-      const auto sql = unboundQuery(
-          vl::format(kFailureTimesQuery, kFailedResult, statistic.name(), bucket),
-          {statistic.name(), bucket});
+      const auto sql =
+          unboundQuery(vl::format(kFailureTimesQuery, kFailedResult, statistic.name(), bucket),
+                       {statistic.name(), bucket});
       vl::Dictionary perDevice;
       if (const vl::Dictionary* held = timestamps.get(bucket).asDictionary()) perDevice = *held;
       perDevice.set(device, vl::Value(columnStrings(db, sql, "start_time")));
@@ -540,6 +539,6 @@ std::string VLConfigResult::description() const {
   std::shared_ptr<VLResults> merged = aggregated();
   vl::Value shown = merged ? vl::Value(vl::format("<VLResults: %p>", merged.get())) : vl::Value();
   return vl::format(
-      "<VLConfigResult: %p> Result object is %@ from %ld plists and %ld dbs.  Rootpath is %@",
-      this, shown, plistCount(), dbCount(), impl_->rootPath);
+      "<VLConfigResult: %p> Result object is %@ from %ld plists and %ld dbs.  Rootpath is %@", this,
+      shown, plistCount(), dbCount(), impl_->rootPath);
 }

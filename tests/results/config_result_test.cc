@@ -150,7 +150,8 @@ TEST_F(ConfigResultTest, SortsDroppedFilesAndMergesEveryDeviceIntoRealFigures) {
     const Dictionary& ping =
         *run.get("TestCases").asDictionary()->get("WiFi Ping Gateway").asDictionary();
     pingInstances += ping.get("Instances").int64Or(0);
-    pingFailures += std::llround(ping.get("FailureRate").doubleOr(0) * ping.get("Instances").int64Or(0));
+    pingFailures +=
+        std::llround(ping.get("FailureRate").doubleOr(0) * ping.get("Instances").int64Or(0));
     for (const Value& issue : *run.get("Issues").asArray()) {
       if (issue.asDictionary()->get("Type") == Value("Crash"))
         crashes += issue.asDictionary()->get("Instances").int64Or(0);
@@ -226,10 +227,11 @@ TEST_F(ConfigResultTest, AsksEveryTimelineByDeviceName) {
     auto [bucket, perDevice] = failures.entry(b);
     ASSERT_EQ(perDevice.asDictionary()->size(), 4u) << bucket;
     for (size_t i = 0; i < names.size(); ++i) {
-      std::string count = sqliteTool(paths[i],
-                                     "SELECT count(DISTINCT uuid) FROM TestCases WHERE result=1 AND "
-                                     "test_case_name='WiFi Ping Gateway' AND bucket='" +
-                                         bucket + "';");
+      std::string count =
+          sqliteTool(paths[i],
+                     "SELECT count(DISTINCT uuid) FROM TestCases WHERE result=1 AND "
+                     "test_case_name='WiFi Ping Gateway' AND bucket='" +
+                         bucket + "';");
       const vl::Array* starts = perDevice.asDictionary()->get(names[i]).asArray();
       ASSERT_NE(starts, nullptr);
       // One row per tag of a result: each ping result carries one.
@@ -271,8 +273,8 @@ TEST_F(ConfigResultTest, AQuoteInAQuestionFindsNothingAndChangesNoTimeline) {
 TEST_F(ConfigResultTest, RemovingPlistsWhileARefreshWaitsEndsItWithNoAggregate) {
   RefreshObserver observer;
   auto making = std::async(std::launch::async, [&] { return VLConfigResult::withPath(root_); });
-  ASSERT_TRUE(waitForLog(log_, "Sleeping 1s while we wait for device plists to show up in " +
-                                   plists() + "...", 2));
+  ASSERT_TRUE(waitForLog(
+      log_, "Sleeping 1s while we wait for device plists to show up in " + plists() + "...", 2));
   fs::remove_all(plists());
   ASSERT_EQ(making.wait_for(kDeadline), std::future_status::ready);
   auto config = making.get();
@@ -354,8 +356,8 @@ TEST_F(ConfigResultTest, DisablingOrDestroyingWhileARefreshIsDueNeverHangs) {
   // The folder emptied: the refresh that follows waits for a file, here for 100 s at a time.
   vl::time::ScopedScale slow(100);
   for (const std::string& path : config->getPlistPaths()) fs::remove(path);
-  ASSERT_TRUE(waitForLog(log_, "Sleeping 1s while we wait for device plists to show up in " +
-                                   plists() + "..."));
+  ASSERT_TRUE(waitForLog(
+      log_, "Sleeping 1s while we wait for device plists to show up in " + plists() + "..."));
   auto destroying = std::async(std::launch::async, [&] { config.reset(); });
   ASSERT_EQ(destroying.wait_for(kDeadline), std::future_status::ready);
   fs::copy_file(recorded("Plists")[1], plists() + "/late.plist");

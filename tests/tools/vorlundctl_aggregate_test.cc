@@ -148,7 +148,8 @@ TEST(VorlundctlAggregateTest, SummarisesAFleetFolderAsTextAndJson) {
     const Dictionary& ping =
         *run.get("TestCases").asDictionary()->get("WiFi Ping Gateway").asDictionary();
     instances += ping.get("Instances").int64Or(0);
-    failures += std::llround(ping.get("FailureRate").doubleOr(0) * ping.get("Instances").int64Or(0));
+    failures +=
+        std::llround(ping.get("FailureRate").doubleOr(0) * ping.get("Instances").int64Or(0));
   }
   bool found = false;
   for (const auto& row : json["testCases"]) {
@@ -209,8 +210,7 @@ TEST(VorlundctlAggregateTest, WatchPrintsAgainForEveryNewDeviceUntilSigterm) {
   auto line = watcher.nextLine();
   ASSERT_TRUE(line);
   nlohmann::json json = nlohmann::json::parse(*line);
-  EXPECT_EQ(json["devices"],
-            nlohmann::json({"FLEET0001", "FLEET0002", "FLEET0003", "FLEET0004"}));
+  EXPECT_EQ(json["devices"], nlohmann::json({"FLEET0001", "FLEET0002", "FLEET0003", "FLEET0004"}));
   EXPECT_EQ(json["mergedResults"], 4);
 
   EXPECT_EQ(watcher.stop(SIGTERM), 0);
