@@ -274,6 +274,11 @@ void VLResults::addIssue(const std::shared_ptr<VLIssue>& issue) { addIssue(issue
 void VLResults::addIssueFromMerge(const std::shared_ptr<VLIssue>& issue) { addIssue(issue, true); }
 
 void VLResults::addIssue(const std::shared_ptr<VLIssue>& given, bool isFromMerge) {
+  addIssue(given, isFromMerge, nullptr);
+}
+
+void VLResults::addIssue(const std::shared_ptr<VLIssue>& given, bool isFromMerge,
+                         const vl::Dictionary* primaryProcesses) {
   if (!given) return;
   given->isValid();
   // The run keeps its own record: the caller's may change, or belong to another run (a merge).
@@ -307,9 +312,11 @@ void VLResults::addIssue(const std::shared_ptr<VLIssue>& given, bool isFromMerge
     }
 
     if (issue->type() == std::optional<std::string>("Crash"))
-      captures = checkForWirelessCrash(*issue, isFromMerge);
+      captures = checkForWirelessCrash(*issue, isFromMerge, primaryProcesses);
 
-    VLLog(VLLogLevelInfo, kCategory, "Adding issue %@", issue);
+    // An issue from a merge was logged by the run that recorded it; replaying a whole fleet's
+    // issues at the info level would cost a refresh more than the merge itself.
+    VLLog(isFromMerge ? VLLogLevelDebug : VLLogLevelInfo, kCategory, "Adding issue %@", issue);
     {
       std::lock_guard lock(impl_->issuesMutex);
       auto same = std::find_if(impl_->issues.begin(), impl_->issues.end(),
@@ -358,9 +365,10 @@ void VLResults::saveIssueRow(const VLIssue& issue) {
   }
 }
 
-std::vector<VLSnapdumpRequest> VLResults::checkForWirelessCrash(VLIssue& issue, bool isFromMerge) {
+std::vector<VLSnapdumpRequest> VLResults::checkForWirelessCrash(
+    VLIssue& issue, bool isFromMerge, const vl::Dictionary* primaryProcesses) {
   const std::string process = issue.process().value_or("");
-  vl::Dictionary table = VLGetPrimaryProcesses();
+  const vl::Dictionary table = primaryProcesses ? *primaryProcesses : VLGetPrimaryProcesses();
   bool capture = false;
   if (!isFromMerge) {
     vl::Dictionary preferences = VLGetPreferences();

@@ -436,7 +436,11 @@ void VLResults::restoreStateFromSavedPlist(const vl::Dictionary& plist) {
 
   if (const vl::Dictionary* crashes = plist.get(kKeyWirelessCrashes).asDictionary())
     setWirelessCrashes(*crashes);
-  VLLog(VLLogLevelInfo, kResultsCategory, "Restored Crashes With : %@", wirelessCrashes());
+  // The restored state is printed whole, so only where debug lines are wanted: a fleet's refresh
+  // restores every device's file, and printing them cost more than reading them.
+  const bool printRestored = VLLogLevelWanted(VLLogLevelDebug);
+  if (printRestored)
+    VLLog(VLLogLevelDebug, kResultsCategory, "Restored Crashes With : %@", wirelessCrashes());
 
   if (const vl::Array* issues = plist.get(kKeyIssues).asArray()) {
     std::vector<std::shared_ptr<VLIssue>> restored;
@@ -446,9 +450,11 @@ void VLResults::restoreStateFromSavedPlist(const vl::Dictionary& plist) {
     }
     setIssueList(std::move(restored));
   }
-  vl::Array issueRecords;
-  for (const auto& issue : issueList()) issueRecords.push_back(vl::Value(issue));
-  VLLog(VLLogLevelInfo, kResultsCategory, "Restored Issues With : %@", issueRecords);
+  if (printRestored) {
+    vl::Array issueRecords;
+    for (const auto& issue : issueList()) issueRecords.push_back(vl::Value(issue));
+    VLLog(VLLogLevelDebug, kResultsCategory, "Restored Issues With : %@", issueRecords);
+  }
 
   if (const vl::Dictionary* testCases = plist.get(kKeyTestCases).asDictionary()) {
     vl::Dictionary statistics;
@@ -459,7 +465,10 @@ void VLResults::restoreStateFromSavedPlist(const vl::Dictionary& plist) {
     }
     setTestCaseStatistics(statistics);
   }
-  VLLog(VLLogLevelInfo, kResultsCategory, "Restored testCaseStats With : %@", testCaseStatistics());
+  if (printRestored) {
+    VLLog(VLLogLevelDebug, kResultsCategory, "Restored testCaseStats With : %@",
+          testCaseStatistics());
+  }
 }
 
 const vl::ClassSet& VLResults::resumeDataClasses() {

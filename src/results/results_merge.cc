@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "results/results_impl.h"
+#include "vorlund/catalogue/primary_processes.h"
 #include "vorlund/foundation/format.h"
 #include "vorlund/logging/log.h"
 #include "vorlund/results/results.h"
@@ -101,10 +102,11 @@ void VLResults::mergeWithResult(const VLResults& other) {
   // (A crash this run counted of its own meanwhile would be lost: merges are made on aggregates
   // read back from files, not on the run that is recording.)
   const vl::Dictionary crashesBefore = wirelessCrashes();
+  const vl::Dictionary primaryProcesses = VLGetPrimaryProcesses();
   for (const auto& issue : other.issueList()) {
     // A results file may hold an issue that lacks a field; it is left out, not the whole merge.
     try {
-      addIssueFromMerge(issue);
+      addIssue(issue, true, &primaryProcesses);
     } catch (const VLException& exception) {
       VLLog(VLLogLevelError, kCategory, "Skipping an invalid issue of a merged run: %@",
             exception.reason());

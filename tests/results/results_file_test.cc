@@ -218,7 +218,7 @@ TEST(ResultsFileTest, AResultsFileKeepsItsKeyOrderAndRestoresTheRunItWasSavedFro
   auto restored = VLResults::withFile(path);
   ASSERT_TRUE(restored);
   EXPECT_TRUE(
-      capture.contains(VLLogLevelInfo, "Results",
+      capture.contains(VLLogLevelDebug, "Results",
                        vl::format("Restored Crashes With : %@", restored->wirelessCrashes())));
   EXPECT_EQ(restored->plistPath(), path);
   // Every key came back: saving the restored aggregate writes the same file again (but for the

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "vorlund/foundation/notification_center.h"
 #include "vorlund/foundation/value.h"
 #include "vorlund/results/issue.h"
 #include "vorlund/results/results.h"
@@ -80,3 +81,11 @@ class VLConfigResult : public std::enable_shared_from_this<VLConfigResult> {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+namespace vl {
+
+// The "RefreshedObject" of a "ResultsRefreshCompleted" notification; nullptr when the
+// notification carries none.
+std::shared_ptr<VLConfigResult> refreshedConfigResult(const Notification& notification);
+
+}  // namespace vl

@@ -254,7 +254,13 @@ class VLResults : public std::enable_shared_from_this<VLResults> {
  private:
   // Marks a crash of a wireless daemon, counts it per area and overall, and returns the captures
   // it reserved, for the caller to request once it holds no lock.
-  std::vector<VLSnapdumpRequest> checkForWirelessCrash(VLIssue& issue, bool isFromMerge);
+  // primaryProcesses is the table of VLGetPrimaryProcesses(), or nullptr to read it here (it is
+  // read from the preferences, so a merge reads it once for all of its issues).
+  std::vector<VLSnapdumpRequest> checkForWirelessCrash(VLIssue& issue, bool isFromMerge,
+                                                       const vl::Dictionary* primaryProcesses);
+  // addIssue(issue, isFromMerge) with the table checkForWirelessCrash takes.
+  void addIssue(const std::shared_ptr<VLIssue>& issue, bool isFromMerge,
+                const vl::Dictionary* primaryProcesses);
   // The statistics part of mergeWithResult: all or nothing, under the statistics lock.
   void mergeStatistics(const VLResults& other);
   // The issue's row, with the recent history as JSON text.
