@@ -95,6 +95,12 @@ void VLResults::mergeWithResult(const VLResults& other) {
   if (&other == this) return;
   mergeStatistics(other);
 
+  // Merging the other run's issues runs the wireless-crash check on its crashes, which counts them
+  // in this run's table a second time: the other run's own table already holds them. The table is
+  // therefore taken back to what it was before the issues, and the other's table added to it.
+  // (A crash this run counted of its own meanwhile would be lost: merges are made on aggregates
+  // read back from files, not on the run that is recording.)
+  const vl::Dictionary crashesBefore = wirelessCrashes();
   for (const auto& issue : other.issueList()) {
     // A results file may hold an issue that lacks a field; it is left out, not the whole merge.
     try {
@@ -105,6 +111,7 @@ void VLResults::mergeWithResult(const VLResults& other) {
     }
   }
 
+  setWirelessCrashes(crashesBefore);
   const vl::Dictionary crashes = other.wirelessCrashes();
   for (size_t i = 0; i < crashes.size(); ++i) {
     auto [area, entry] = crashes.entry(i);

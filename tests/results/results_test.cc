@@ -571,6 +571,17 @@ TEST(ResultsTest, MergingAnotherRunAddsItsStatisticsIssuesCrashesAndRunTime) {
   EXPECT_EQ(results->startTime(), device->startTime());
   EXPECT_EQ(results->mergedResults(), 2);
 
+  // A wireless crash of the other run is counted once, though merging its issue checks it again.
+  auto crashed = std::make_shared<VLResults>();
+  crashed->setWirelessCrashes(Dictionary{{"wifi", Dictionary{{"iwd", 2}, {"Total", 2}}},
+                                         {"overall", Dictionary{{"iwd", 2}, {"Total", 2}}}});
+  auto crash = issue("iwd crashed", "iwd", "Crash", 70, *results);
+  crash->setInstances(2);
+  crashed->setIssueList({crash});
+  results->mergeWithResult(*crashed);
+  EXPECT_EQ(results->wirelessCrashes().get("wifi"),
+            Value(Dictionary{{"iwd", 4}, {"Total", 6}, {"wpa_supplicant", 2}}));
+
   // A merge that fails again (the types differ) raises and changes nothing.
   auto mixed = std::make_shared<VLResults>();
   mixed->setTestCaseStatistics(

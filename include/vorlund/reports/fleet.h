@@ -10,9 +10,8 @@
 #include <vector>
 
 #include "vorlund/foundation/error.h"
+#include "vorlund/results/config_result.h"
 #include "vorlund/results/results.h"
-
-class VLConfigResult;
 
 namespace vl {
 
@@ -47,10 +46,19 @@ struct Fleet {
 // left out.
 std::optional<Fleet> loadFleet(const std::string& path, Error* error = nullptr);
 
+// The devices of the given results files and timelines (paired as loadFleet pairs them) with an
+// aggregate merged elsewhere; nullopt when there is no aggregate.
+std::optional<Fleet> fleetOfFiles(const std::vector<std::string>& resultsPaths,
+                                  const std::vector<std::string>& timelinePaths,
+                                  std::shared_ptr<VLResults> aggregate, Error* error = nullptr);
+
 // The devices of a VLConfigResult's folder, with its current aggregate (nullopt before its first
 // refresh).
-std::optional<Fleet> fleetOfConfigResult(const VLConfigResult& configResult,
-                                         Error* error = nullptr);
+inline std::optional<Fleet> fleetOfConfigResult(const VLConfigResult& configResult,
+                                                Error* error = nullptr) {
+  return fleetOfFiles(configResult.getPlistPaths(), configResult.getDBPaths(),
+                      configResult.aggregated(), error);
+}
 
 // The Config table's "SerialNumber" of a timeline database opened read-only; empty when the file
 // cannot be opened or has none.
