@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
   vorlundctl::addThroughputCommand(app);
   vorlundctl::addLedgerCommand(app);
   vorlundctl::addQueryCommand(app);
+  vorlundctl::addFleetCommand(app);
 
   try {
     app.parse(argc, argv);
