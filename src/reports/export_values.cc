@@ -1,5 +1,6 @@
 #include "reports/export_values.h"
 
+#include <charconv>
 #include <cmath>
 
 #include "vorlund/foundation/date_string.h"
@@ -47,6 +48,12 @@ Value exportable(const Value& value) {
 nlohmann::ordered_json exportJson(const Value& value) {
   // The display text is always well-formed JSON, so parsing it back cannot fail.
   return nlohmann::ordered_json::parse(json::displayString(exportable(value)));
+}
+
+std::string shortestNumber(double value) {
+  char text[64];
+  auto [end, status] = std::to_chars(text, text + sizeof text, value);
+  return status == std::errc() ? std::string(text, end) : std::string("nan");
 }
 
 }  // namespace vl::reports

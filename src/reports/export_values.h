@@ -4,11 +4,15 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "vorlund/foundation/value.h"
 
 namespace vl::reports {
 
 nlohmann::ordered_json exportJson(const Value& value);
+
+// The shortest decimal text that reads back as the same double ("0.1", "2.5", "1e+20").
+std::string shortestNumber(double value);
 
 }  // namespace vl::reports

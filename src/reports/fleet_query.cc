@@ -103,14 +103,7 @@ std::vector<std::string> columnsOf(const sqlite::Statement& statement) {
 std::string cellText(const Value& value) {
   if (const Number* n = value.asNumber()) {
     if (!n->isFloatingPoint()) return std::to_string(n->int64Value());
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%.17g", n->doubleValue());
-    for (int precision = 1; precision < 17; ++precision) {
-      char shorter[32];
-      std::snprintf(shorter, sizeof shorter, "%.*g", precision, n->doubleValue());
-      if (std::strtod(shorter, nullptr) == n->doubleValue()) return shorter;
-    }
-    return buffer;
+    return reports::shortestNumber(n->doubleValue());
   }
   if (value.isData()) return reports::exportJson(value).get<std::string>();
   return value.stringOr("");

@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   vorlundctl::addLedgerCommand(app);
   vorlundctl::addQueryCommand(app);
   vorlundctl::addFleetCommand(app);
+  vorlundctl::addExportCommand(app);
 
   try {
     app.parse(argc, argv);
