@@ -56,38 +56,6 @@ class FolderWatch {
   int fd_;
 };
 
-struct LiveRun {
-  std::string resultsFile;
-  std::string timeline;
-  int64_t rows = 0;
-};
-
-// A run saved once and then carried on: its last results are only in the timeline's log.
-LiveRun liveRun(const test::Sandbox& device, const std::string& serial, double startOffset) {
-  test::ScopedEnv serialEnv("VORLUND_SERIAL_NUMBER", serial);
-  test::RunSandbox sandbox;
-  VLResults& run = *sandbox.results();
-  run.setStartTime(Date{run.startTime().secondsSince1970 + startOffset});
-  run.addTestCaseResult(test::timedResult(run, "Ping", 1, "No reply"), true);
-  EXPECT_TRUE(run.saveToDisk());
-  for (int i = 0; i < 5; ++i) run.addTestCaseResult(test::timedResult(run, "Ping", 2 + i, ""), true);
-  LiveRun live{run.getResultsFilePath(), run.timelinePath(), 0};
-  EXPECT_TRUE(fs::exists(live.timeline + "-wal"));
-  // The files outlive the sandbox: keep them in the caller's device folder.
-  for (std::string* path : {&live.resultsFile, &live.timeline}) {
-    std::string kept = device.path(serial + "_" + std::to_string(static_cast<int>(startOffset)) +
-                                   fs::path(*path).extension().string());
-    if (*path == live.timeline) {
-      test::sqliteTool(*path, "VACUUM INTO '" + kept + "';");
-    } else {
-      fs::copy_file(*path, kept);
-    }
-    *path = kept;
-  }
-  live.rows = std::stoll(test::sqliteTool(live.timeline, "SELECT count(*) FROM TestCases;"));
-  return live;
-}
-
 TEST(FleetCollectTest, ALiveRunArrivesWholeAndAWatcherSeesOnlyCompleteFiles) {
   test::TempDir fleetDir;
   test::ScopedEnv serialEnv("VORLUND_SERIAL_NUMBER", "LIVE0001");
@@ -126,37 +94,37 @@ TEST(FleetCollectTest, ALiveRunArrivesWholeAndAWatcherSeesOnlyCompleteFiles) {
 }
 
 TEST(FleetCollectTest, RecollectingReplacesAndASecondRunOfTheDeviceKeepsItsOwnFiles) {
-  test::Sandbox device;
+  test::SandboxFleet source;
   test::TempDir fleetDir;
-  LiveRun first = liveRun(device, "TWICE001", 0);
-  LiveRun second = liveRun(device, "TWICE001", -7200);
-  for (const LiveRun* run : {&first, &first, &second}) {
+  auto first = source.addDevice("TWICE001", [](VLResults&) {});
+  auto second = source.addDevice("TWICE001", [](VLResults& run) {
+    run.setStartTime(Date{run.startTime().secondsSince1970 - 7200});
+  });
+  for (const auto* run : {&first, &first, &second}) {
     Error error;
-    ASSERT_TRUE(collectRun(fleetDir.path(), run->resultsFile, run->timeline, &error))
+    ASSERT_TRUE(collectRun(fleetDir.path(), run->results, run->timeline, &error))
         << error.description();
   }
-  EXPECT_EQ(namesIn(fleetDir.file("Plists")).size(), 2u);
-  EXPECT_EQ(namesIn(fleetDir.file("Databases")).size(), 2u);
+  EXPECT_EQ(namesIn(fleetDir.file("Plists")), namesIn(source.file("Plists")));
+  EXPECT_EQ(namesIn(fleetDir.file("Databases")),
+            (std::vector<std::string>{fs::path(second.timeline).filename().string(),
+                                      fs::path(first.timeline).filename().string()}));
   std::optional<Fleet> fleet = loadFleet(fleetDir.path());
   ASSERT_TRUE(fleet);
   ASSERT_EQ(fleet->devices.size(), 2u);
-  for (const DeviceRun& run : fleet->devices) {
-    EXPECT_EQ(run.device, "TWICE001");
-    // Each results file is paired with the timeline of its own run.
-    EXPECT_EQ(fs::path(run.timelinePath).stem().string().substr(15),
-              fs::path(run.resultsPath).stem().string().substr(14));
-  }
+  EXPECT_EQ(fleet->devices[0].device, "TWICE001");
+  EXPECT_EQ(fleet->devices[1].device, "TWICE001");
 }
 
 TEST(FleetCollectTest, TheTimelineNamesADeviceItsResultsFileDoesNotAndBadInputPlacesNothing) {
-  test::Sandbox device;
+  test::SandboxFleet source;
   test::TempDir fleetDir;
-  LiveRun run = liveRun(device, "FROMDB01", 0);
-  Dictionary results = *plist::readDictionary(run.resultsFile);
+  auto run = source.addDevice("FROMDB01", [](VLResults&) {});
+  Dictionary results = *plist::readDictionary(run.results);
   Dictionary hardware = *results.get("Hardware Info").asDictionary();
   hardware.erase("SerialNumber");
   results.set("Hardware Info", hardware);
-  const std::string anonymous = device.path("anonymous.plist");
+  const std::string anonymous = source.file("anonymous.plist");
   ASSERT_TRUE(plist::writeFile(Value(results), anonymous));
 
   Error error;
@@ -165,13 +133,13 @@ TEST(FleetCollectTest, TheTimelineNamesADeviceItsResultsFileDoesNotAndBadInputPl
   EXPECT_EQ(collected->serialNumber, "FROMDB01");
 
   test::TempDir empty;
-  const std::string garbage = device.path("garbage.plist");
+  const std::string garbage = source.file("garbage.plist");
   test::writeFile(garbage, "not a property list");
   const std::pair<std::pair<std::string, std::string>, std::string> refused[] = {
       {{anonymous, ""}, "no serial number in " + anonymous},
       {{garbage, run.timeline}, garbage + " is not a results file"},
-      {{device.path("missing.plist"), run.timeline}, "cannot read the results file"},
-      {{run.resultsFile, garbage}, "cannot copy the timeline " + garbage},
+      {{source.file("missing.plist"), run.timeline}, "cannot read the results file"},
+      {{run.results, garbage}, "cannot copy the timeline " + garbage},
   };
   for (const auto& [files, message] : refused) {
     EXPECT_FALSE(collectRun(empty.path(), files.first, files.second, &error)) << message;

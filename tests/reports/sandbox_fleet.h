@@ -35,20 +35,24 @@ class SandboxFleet {
   const std::string& path() const { return dir_.path(); }
   std::string file(const std::string& relative) const { return dir_.file(relative); }
 
+  struct Files {
+    std::string results;
+    std::string timeline;
+  };
   // Makes one run of the device serial, filled by fill, and copies its files into the fleet. The
-  // names carry the serial, as collected files do. Returns the copied timeline's path.
-  std::string addDevice(const std::string& serial, const std::function<void(VLResults&)>& fill) {
+  // names carry the serial and the start, as collected files do.
+  Files addDevice(const std::string& serial, const std::function<void(VLResults&)>& fill) {
     ScopedEnv serialEnv("VORLUND_SERIAL_NUMBER", serial);
     RunSandbox sandbox;
     VLResults& run = *sandbox.results();
     fill(run);
     EXPECT_TRUE(run.saveToDisk());
     const std::string stem = serial + "_" + dateString(run.startTime());
-    const std::string timeline = dir_.file("Databases/VorlundTimeline_" + stem + ".db");
-    std::filesystem::copy_file(run.getResultsFilePath(),
-                               dir_.file("Plists/VorlundResults_" + stem + ".plist"));
-    std::filesystem::copy_file(run.getTimelineFilePath(), timeline);
-    return timeline;
+    Files files{dir_.file("Plists/VorlundResults_" + stem + ".plist"),
+                dir_.file("Databases/VorlundTimeline_" + stem + ".db")};
+    std::filesystem::copy_file(run.getResultsFilePath(), files.results);
+    std::filesystem::copy_file(run.timelinePath(), files.timeline);
+    return files;
   }
 
  private:
