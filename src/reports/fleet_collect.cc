@@ -93,15 +93,15 @@ bool snapshotTimeline(const std::string& source, const std::string& copy, Error*
   Error sqlError;
   if (!from.open(sqlite::kOpenReadOnly, &sqlError) ||
       !from.executeUpdate("VACUUM INTO ?", {Value(copy)}, &sqlError)) {
-    return fail(error, "cannot copy the timeline " + source + ": " +
-                           sqlError.localizedDescription());
+    return fail(error,
+                "cannot copy the timeline " + source + ": " + sqlError.localizedDescription());
   }
   from.close();
   sqlite::Database to(copy);
   if (!to.open(sqlite::kOpenReadWrite, &sqlError) ||
       !to.executeStatements("PRAGMA journal_mode=DELETE", &sqlError)) {
-    return fail(error, "cannot finish the copy of " + source + ": " +
-                           sqlError.localizedDescription());
+    return fail(error,
+                "cannot finish the copy of " + source + ": " + sqlError.localizedDescription());
   }
   return true;
 }
@@ -131,7 +131,7 @@ std::optional<CollectedRun> collectRun(const std::string& dir, const std::string
   }
   if (run.serialNumber.empty()) {
     return none("no serial number in " + resultsPath +
-                           (timelinePath.empty() ? "" : " nor in " + timelinePath));
+                (timelinePath.empty() ? "" : " nor in " + timelinePath));
   }
 
   const std::string plists = paths::join(dir, kVLConfigResultPlistsFolder);

@@ -66,8 +66,8 @@ bool isBlank(const std::string& sql) {
 std::optional<DeviceQuery> prepareOn(const std::string& path, const std::string& sql,
                                      std::string* why, std::optional<Error>* refused) {
   DeviceQuery q{path, {}, std::make_unique<sqlite::Database>(path), std::nullopt};
-  q.db->setBusyTimeout(std::chrono::duration_cast<std::chrono::milliseconds>(
-      time::scaled(kFleetQueryBusySeconds)));
+  q.db->setBusyTimeout(
+      std::chrono::duration_cast<std::chrono::milliseconds>(time::scaled(kFleetQueryBusySeconds)));
   Error error;
   // Reading the schema makes SQLite look at the file, which opening alone does not: a file that
   // is no database fails here rather than answering a query that reads no table.
@@ -138,7 +138,7 @@ std::vector<std::string> fleetTimelinePaths(const std::string& dir) {
   namespace fs = std::filesystem;
   std::error_code ec;
   fs::path folder = fs::is_directory(fs::path(dir) / "Databases", ec) ? fs::path(dir) / "Databases"
-                                                                     : fs::path(dir);
+                                                                      : fs::path(dir);
   std::vector<std::string> found;
   for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
     if (it->path().extension() == ".db" && it->is_regular_file(ec)) {

@@ -6,11 +6,11 @@ namespace vl {
 nlohmann::ordered_json fleetResultsJson(const Fleet& fleet, const FleetSummary& summary) {
   nlohmann::ordered_json devices = nlohmann::ordered_json::array();
   for (const DeviceRun& run : fleet.devices) {
-    nlohmann::ordered_json device = {{"device", run.device},
-                                     {"resultsFile", run.resultsPath},
-                                     {"timeline", run.timelinePath}};
-    device["results"] = run.results ? reports::exportJson(Value(run.results->resultsFileDictionary()))
-                                    : nlohmann::ordered_json(nullptr);
+    nlohmann::ordered_json device = {
+        {"device", run.device}, {"resultsFile", run.resultsPath}, {"timeline", run.timelinePath}};
+    device["results"] = run.results
+                            ? reports::exportJson(Value(run.results->resultsFileDictionary()))
+                            : nlohmann::ordered_json(nullptr);
     devices.push_back(std::move(device));
   }
   nlohmann::ordered_json document;

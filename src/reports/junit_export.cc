@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <map>
 
 #include "reports/export_values.h"
@@ -12,29 +14,31 @@ namespace {
 constexpr const char* kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
 // Text for an attribute or element: the five specials as entities; control bytes, which XML 1.0
-// forbids even as character references, and every byte of malformed UTF-8 as U+FFFD.
+// forbids even as character references, U+FFFE, U+FFFF and every byte of malformed UTF-8 as U+FFFD.
 std::string xmlText(const std::string& text) {
+  // Line breaks and tabs survive in attributes only as references.
+  static constexpr std::pair<char, const char*> kEntities[] = {
+      {'&', "&amp;"},   {'<', "&lt;"},   {'>', "&gt;"},   {'"', "&quot;"},
+      {'\'', "&apos;"}, {'\n', "&#10;"}, {'\r', "&#13;"}, {'\t', "&#9;"}};
   const bool utf8 = isValidUtf8(text);
   std::string out;
   out.reserve(text.size());
   for (char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      // Line breaks and tabs survive in attributes only as references.
-      case '\n': out += "&#10;"; break;
-      case '\r': out += "&#13;"; break;
-      case '\t': out += "&#9;"; break;
-      default:
-        if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !utf8)) {
-          out += kReplacement;
-        } else {
-          out += c;
-        }
+    auto entity = std::find_if(std::begin(kEntities), std::end(kEntities),
+                               [c](const auto& e) { return e.first == c; });
+    if (entity != std::end(kEntities)) {
+      out += entity->second;
+    } else if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !utf8)) {
+      out += kReplacement;
+    } else {
+      out += c;
+    }
+  }
+  // U+FFFE and U+FFFF are well-formed UTF-8 but no XML characters.
+  for (const char* noCharacter : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
+    for (size_t at; (at = out.find(noCharacter)) != std::string::npos;) {
+      out.replace(at, 3, kReplacement);
     }
   }
   return out;
@@ -75,9 +79,10 @@ std::string suiteXml(const std::string& device, double runtime, const FleetSumma
     const std::string type = row.type.empty() ? "Vorlund" : row.type;
     std::string failures;
     for (const auto& [bucket, count] : figures->second.failuresByBucket) {
-      failures += format("      <failure message=\"%@\" type=\"Failure\">%llu of %llu instances</failure>\n",
-                         xmlText(bucket), static_cast<unsigned long long>(count),
-                         static_cast<unsigned long long>(figures->second.instances));
+      failures += format(
+          "      <failure message=\"%@\" type=\"Failure\">%llu of %llu instances</failure>\n",
+          xmlText(bucket), static_cast<unsigned long long>(count),
+          static_cast<unsigned long long>(figures->second.instances));
     }
     cases += format("    <testcase name=\"%@\" classname=\"%@\"", xmlText(row.name), xmlText(type));
     cases += failures.empty() ? "/>\n" : ">\n" + failures + "    </testcase>\n";

@@ -1,5 +1,5 @@
-// Collecting live runs into a fleet folder: rows still in the timeline's log come along, a watcher of
-// "Plists" only ever sees a complete file moved in, runs of one device keep apart, and a device
+// Collecting live runs into a fleet folder: rows still in the timeline's log come along, a watcher
+// of "Plists" only ever sees a complete file moved in, runs of one device keep apart, and a device
 // without a serial in its results file is named by its timeline.
 #include "vorlund/reports/fleet_collect.h"
 
@@ -64,14 +64,15 @@ TEST(FleetCollectTest, ALiveRunArrivesWholeAndAWatcherSeesOnlyCompleteFiles) {
   run.addTestCaseResult(test::timedResult(run, "Ping", 1, "No reply"), true);
   ASSERT_TRUE(run.saveToDisk());
   // Results after the save are in the log only; the collected copy must hold them.
-  for (int i = 0; i < 5; ++i) run.addTestCaseResult(test::timedResult(run, "Ping", 2 + i, ""), true);
+  for (int i = 0; i < 5; ++i)
+    run.addTestCaseResult(test::timedResult(run, "Ping", 2 + i, ""), true);
   ASSERT_TRUE(fs::exists(run.timelinePath() + "-wal"));
 
   fs::create_directories(fleetDir.file("Plists"));
   FolderWatch watch(fleetDir.file("Plists"));
   Error error;
-  auto collected = collectRun(fleetDir.path(), run.getResultsFilePath(), run.timelinePath(),
-                              &error);
+  auto collected =
+      collectRun(fleetDir.path(), run.getResultsFilePath(), run.timelinePath(), &error);
   ASSERT_TRUE(collected) << error.description();
   const std::string stem = "LIVE0001_" + dateString(run.startTime());
   EXPECT_EQ(collected->serialNumber, "LIVE0001");

@@ -62,9 +62,8 @@ TEST_F(FleetQueryTest, AQuoteInTheSqlTextIsPlainSql) {
                            "SELECT test_case_name, bucket FROM TestCases "
                            "WHERE bucket = 'it''s <gone> & \"lost\"'");
   ASSERT_TRUE(result);
-  EXPECT_EQ(lines(*result),
-            (std::vector<std::string>{"FLEET0002|Ping|it's <gone> & \"lost\"",
-                                      "FLEET0002|Ping|it's <gone> & \"lost\""}));
+  EXPECT_EQ(lines(*result), (std::vector<std::string>{"FLEET0002|Ping|it's <gone> & \"lost\"",
+                                                      "FLEET0002|Ping|it's <gone> & \"lost\""}));
 }
 
 TEST_F(FleetQueryTest, WritesAndSeveralStatementsAreRefusedAndNothingChanges) {
@@ -107,7 +106,8 @@ TEST(FleetQueryBrokenTest, ABrokenDatabaseIsReportedByNameAndTheOthersAnswer) {
 
   auto result = queryFleet(fleet.path(), "SELECT bucket FROM TestCases");
   ASSERT_TRUE(result);
-  EXPECT_EQ(result->rows, (std::vector<std::vector<Value>>{{Value("GOOD0001"), Value("No reply")}}));
+  EXPECT_EQ(result->rows,
+            (std::vector<std::vector<Value>>{{Value("GOOD0001"), Value("No reply")}}));
   ASSERT_EQ(result->failures.size(), 2u);
   EXPECT_EQ(result->failures[0].path, garbage);
   EXPECT_EQ(result->failures[0].message, "file is not a database");

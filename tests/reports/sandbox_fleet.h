@@ -1,6 +1,6 @@
 // A fleet folder of real runs for the reports tests: each device's run is made through the results
-// API in a sandbox of its own (its serial number from VORLUND_SERIAL_NUMBER), saved, and its results
-// file and timeline copied into "Plists" and "Databases" as a collected fleet holds them.
+// API in a sandbox of its own (its serial number from VORLUND_SERIAL_NUMBER), saved, and its
+// results file and timeline copied into "Plists" and "Databases" as a collected fleet holds them.
 #pragma once
 
 #include <filesystem>
@@ -15,10 +15,9 @@ namespace vl::test {
 
 // A result of test case name, started secondsAfterStart after the run's start and lasting a
 // second: passed when reason is empty, else failed with that reason as its bucket.
-inline std::shared_ptr<VLTestCaseResult> timedResult(const VLResults& run, const std::string& name,
-                                                     double secondsAfterStart,
-                                                     const std::string& reason,
-                                                     const char* type = kVLTestCaseResultTypePassFail) {
+inline std::shared_ptr<VLTestCaseResult> timedResult(
+    const VLResults& run, const std::string& name, double secondsAfterStart,
+    const std::string& reason, const char* type = kVLTestCaseResultTypePassFail) {
   auto r = result(name, reason.empty(), type);
   if (!reason.empty()) r->failWithReason(reason);
   r->setStartTime(Date{run.startTime().secondsSince1970 + secondsAfterStart});

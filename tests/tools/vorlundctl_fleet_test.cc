@@ -22,7 +22,8 @@ class VorlundctlFleetTest : public ::testing::Test {
   void SetUp() override {
     for (const char* serial : {"CLI0001", "CLI0002", "CLI0003"}) {
       test::ScopedEnv serialEnv("VORLUND_SERIAL_NUMBER", serial);
-      ASSERT_EQ(ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--pass"}).exitStatus, 0);
+      ASSERT_EQ(
+          ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--pass"}).exitStatus, 0);
       ASSERT_EQ(ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--fail", kReason})
                     .exitStatus,
                 0);
@@ -76,9 +77,9 @@ TEST_F(VorlundctlFleetTest, ExportsOfTheFolderAreValidJUnitAndJson) {
   auto exported = ctl({"export", fleet_.path(), "--junit", xml, "--json", json});
   ASSERT_EQ(exported.exitStatus, 0) << exported.err;
 
-  test::ChildResult valid = test::runChild(
-      {"xmllint", "--noout", "--schema",
-       std::string(VORLUND_TESTDATA_DIR) + "/reports/junit-10.xsd", xml});
+  test::ChildResult valid =
+      test::runChild({"xmllint", "--noout", "--schema",
+                      std::string(VORLUND_TESTDATA_DIR) + "/reports/junit-10.xsd", xml});
   EXPECT_EQ(valid.exitStatus, 0) << valid.err;
   EXPECT_NE(test::readFile(xml).find("message=\"it&apos;s &quot;odd&quot;, &lt;really&gt;\""),
             std::string::npos);
@@ -97,7 +98,8 @@ TEST_F(VorlundctlFleetTest, CollectTakesGivenFilePairsAndRefusesAnUnpairedFile) 
   std::vector<std::string> args = {"fleet", "collect", other.path()};
   for (const auto& entry : std::filesystem::directory_iterator(fleet_.file("Plists"))) {
     std::string results = entry.path().string();
-    std::string timeline = fleet_.file("Databases/" + entry.path().stem().string().replace(0, 14, "VorlundTimeline") + ".db");
+    std::string timeline = fleet_.file(
+        "Databases/" + entry.path().stem().string().replace(0, 14, "VorlundTimeline") + ".db");
     args.push_back(results);
     args.push_back(timeline);
   }

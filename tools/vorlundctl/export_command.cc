@@ -19,11 +19,14 @@ void writeExport(const std::string& path, const std::string& text) {
 
 void addExportCommand(CLI::App& app) {
   static std::string source, junit, json;
-  auto* command = app.add_subcommand("export", "Export a run or a fleet folder as JUnit XML or JSON");
+  auto* command =
+      app.add_subcommand("export", "Export a run or a fleet folder as JUnit XML or JSON");
   command->footer(
       "SOURCE is a results file (its timeline beside it) or a fleet folder (\"Plists\" and "
-      "\"Databases\", as `vorlundctl fleet collect` fills it). JUnit: one testsuite per device, one "
-      "testcase per test case with a failure element per failure bucket, properties for the metrics. "
+      "\"Databases\", as `vorlundctl fleet collect` fills it). JUnit: one testsuite per device, "
+      "one "
+      "testcase per test case with a failure element per failure bucket, properties for the "
+      "metrics. "
       "JSON: every device's results, the merged aggregate and the fleet summary.");
   command->add_option("SOURCE", source, "Results file or fleet folder")->required();
   auto* junitOption = command->add_option("--junit", junit, "Write JUnit XML to this file");
@@ -40,9 +43,10 @@ void addExportCommand(CLI::App& app) {
     vl::FleetSummary summary = vl::summarizeFleet(*fleet);
     if (!junit.empty()) writeExport(junit, vl::fleetJUnitXml(*fleet, summary));
     if (!json.empty()) {
-      writeExport(json, vl::fleetResultsJson(*fleet, summary)
-                            .dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
-                            "\n");
+      writeExport(json,
+                  vl::fleetResultsJson(*fleet, summary)
+                          .dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
+                      "\n");
     }
     return 0;
   });

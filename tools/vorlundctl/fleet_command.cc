@@ -14,22 +14,27 @@ namespace {
 
 constexpr const char* kCollectHelp =
     "Copies a run's results file into DIR/Plists and its timeline into DIR/Databases (both made "
-    "when missing) as VorlundResults_<serial>_<start>.plist and VorlundTimeline_<serial>_<start>.db. "
-    "The serial number is the results file's \"Hardware Info\" \"SerialNumber\", else the timeline's "
-    "Config \"SerialNumber\"; <start> is the run's StartTime. Without files, the current run of this "
+    "when missing) as VorlundResults_<serial>_<start>.plist and "
+    "VorlundTimeline_<serial>_<start>.db. "
+    "The serial number is the results file's \"Hardware Info\" \"SerialNumber\", else the "
+    "timeline's "
+    "Config \"SerialNumber\"; <start> is the run's StartTime. Without files, the current run of "
+    "this "
     "user is saved and collected (the stress service's while it runs). Collecting a run again "
     "replaces its files; each run of a device keeps its own. Each file appears in its folder "
     "complete, so a folder being watched can be filled.";
 
 void printCollected(const vl::CollectedRun& run) {
   std::printf("%s: %s\n", run.serialNumber.c_str(), run.resultsPath.c_str());
-  if (!run.timelinePath.empty()) std::printf("%s: %s\n", run.serialNumber.c_str(), run.timelinePath.c_str());
+  if (!run.timelinePath.empty())
+    std::printf("%s: %s\n", run.serialNumber.c_str(), run.timelinePath.c_str());
 }
 
 }  // namespace
 
 void addFleetCommand(CLI::App& app) {
-  CLI::App* fleet = parentCommand(app, "fleet", "Work with a fleet folder of several devices' runs");
+  CLI::App* fleet =
+      parentCommand(app, "fleet", "Work with a fleet folder of several devices' runs");
   static std::string dir;
   static std::vector<std::string> files;
   auto* collect = fleet->add_subcommand("collect", "Place device runs into a fleet folder");
@@ -49,7 +54,8 @@ void addFleetCommand(CLI::App& app) {
     for (size_t i = 0; i + 1 < files.size(); i += 2) runs.emplace_back(files[i], files[i + 1]);
     for (const auto& [resultsFile, timeline] : runs) {
       vl::Error error;
-      std::optional<vl::CollectedRun> collected = vl::collectRun(dir, resultsFile, timeline, &error);
+      std::optional<vl::CollectedRun> collected =
+          vl::collectRun(dir, resultsFile, timeline, &error);
       if (!collected) throw UsageFailure(error.localizedDescription());
       printCollected(*collected);
     }

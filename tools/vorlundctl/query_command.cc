@@ -24,7 +24,8 @@ constexpr const char* kQueryHelp =
 void addQueryCommand(CLI::App& app) {
   static std::string dir, sql;
   static bool csv = false, json = false;
-  auto* query = app.add_subcommand("query", "Run one read-only SQL query across a fleet's timelines");
+  auto* query =
+      app.add_subcommand("query", "Run one read-only SQL query across a fleet's timelines");
   query->footer(kQueryHelp);
   query->add_option("DIR", dir, "Fleet folder")->required();
   query->add_option("SQL", sql, "One read-only SQL statement")->required();

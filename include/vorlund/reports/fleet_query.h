@@ -64,11 +64,11 @@ std::optional<FleetQueryResult> queryFleet(const std::string& dir, const std::st
 // An aligned table for a terminal: a header, a rule, one line per row; numbers right-aligned, NULL
 // as "NULL", line breaks inside a value shown as "\n".
 std::string fleetQueryTable(const FleetQueryResult& result);
-// RFC 4180: a header record, CRLF line ends, fields quoted when they hold a comma, a quote or a line
-// break (quotes doubled); NULL as an empty field, data as base64.
+// RFC 4180: a header record, CRLF line ends, fields quoted when they hold a comma, a quote or a
+// line break (quotes doubled); NULL as an empty field, data as base64.
 std::string fleetQueryCsv(const FleetQueryResult& result);
-// An array of objects, one per row, keyed by column name in column order: numbers as numbers, NULL as null, data
-// as base64 text.
+// An array of objects, one per row, keyed by column name in column order: numbers as numbers, NULL
+// as null, data as base64 text.
 nlohmann::ordered_json fleetQueryJson(const FleetQueryResult& result);
 
 }  // namespace vl
