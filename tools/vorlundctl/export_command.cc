@@ -22,12 +22,11 @@ void addExportCommand(CLI::App& app) {
   auto* command =
       app.add_subcommand("export", "Export a run or a fleet folder as JUnit XML or JSON");
   command->footer(
-      "SOURCE is a results file (its timeline beside it) or a fleet folder (\"Plists\" and "
-      "\"Databases\", as `vorlundctl fleet collect` fills it). JUnit: one testsuite per device, "
-      "one "
-      "testcase per test case with a failure element per failure bucket, properties for the "
-      "metrics. "
-      "JSON: every device's results, the merged aggregate and the fleet summary.");
+      "SOURCE is a results file (its timeline beside it) or a fleet folder (\"Plists\" and\n"
+      "\"Databases\", as `vorlundctl fleet collect` fills it).\n"
+      "JUnit: one testsuite per device, one testcase per test case with a failure element per\n"
+      "failure bucket, properties for the metrics. JSON: every device's results, the merged\n"
+      "aggregate and the fleet summary.");
   command->add_option("SOURCE", source, "Results file or fleet folder")->required();
   auto* junitOption = command->add_option("--junit", junit, "Write JUnit XML to this file");
   auto* jsonOption = command->add_option("--json", json, "Write JSON to this file");

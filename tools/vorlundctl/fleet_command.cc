@@ -13,16 +13,14 @@ namespace vorlundctl {
 namespace {
 
 constexpr const char* kCollectHelp =
-    "Copies a run's results file into DIR/Plists and its timeline into DIR/Databases (both made "
+    "Copies a run's results file into DIR/Plists and its timeline into DIR/Databases (both made\n"
     "when missing) as VorlundResults_<serial>_<start>.plist and "
-    "VorlundTimeline_<serial>_<start>.db. "
-    "The serial number is the results file's \"Hardware Info\" \"SerialNumber\", else the "
-    "timeline's "
-    "Config \"SerialNumber\"; <start> is the run's StartTime. Without files, the current run of "
-    "this "
-    "user is saved and collected (the stress service's while it runs). Collecting a run again "
-    "replaces its files; each run of a device keeps its own. Each file appears in its folder "
-    "complete, so a folder being watched can be filled.";
+    "VorlundTimeline_<serial>_<start>.db.\n"
+    "The serial number is the results file's \"Hardware Info\" \"SerialNumber\", else the\n"
+    "timeline's Config \"SerialNumber\"; <start> is the run's StartTime. Without files, this\n"
+    "user's current run is saved and collected (the stress service's while it runs).\n"
+    "Collecting a run again replaces its files; each run of a device keeps its own. Each file\n"
+    "appears in its folder complete, so a folder being watched can be filled.";
 
 void printCollected(const vl::CollectedRun& run) {
   std::printf("%s: %s\n", run.serialNumber.c_str(), run.resultsPath.c_str());

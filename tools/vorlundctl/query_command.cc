@@ -10,14 +10,16 @@ namespace vorlundctl {
 namespace {
 
 constexpr const char* kQueryHelp =
-    "Run one read-only SQL statement on every device timeline of DIR (DIR/Databases/*.db, or *.db "
-    "in DIR) at once. Each row starts with a \"device\" column: the timeline's Config "
+    "Runs one read-only SQL statement on every device timeline of DIR (DIR/Databases/*.db, or\n"
+    "*.db in DIR) at once. Each row starts with a \"device\" column: the timeline's Config\n"
     "\"SerialNumber\", else its file name. The tables are TestCases, Issues and Config.\n"
+    "\n"
     "Failures per hour per device:\n"
-    "  vorlundctl query FLEET \"SELECT substr(start_time,1,13) AS hour, count(*) FROM TestCases "
-    "WHERE result=1 GROUP BY hour\"\n"
-    "Exit status: 0 when every timeline answered, 2 when some could not (each named on standard "
-    "error), 1 when the statement is refused (it writes, or is not exactly one statement).";
+    "  vorlundctl query FLEET \"SELECT substr(start_time,1,13) AS hour, count(*)\n"
+    "                         FROM TestCases WHERE result=1 GROUP BY hour\"\n"
+    "\n"
+    "Exit status: 0 when every timeline answered; 2 when some could not, each named on standard\n"
+    "error; 1 when the statement is refused (it writes, or is not exactly one statement).";
 
 }  // namespace
 
