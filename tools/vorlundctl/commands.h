@@ -27,6 +27,9 @@ void addFaultbinCommand(CLI::App& app);
 void addPingCommands(CLI::App& app);
 void addLedgerCommand(CLI::App& app);
 void addAggregateCommand(CLI::App& app);
+void addQueryCommand(CLI::App& app);
+void addFleetCommand(CLI::App& app);
+void addExportCommand(CLI::App& app);
 
 // The whole text of file, or of standard input when file is empty or "-". Throws UsageFailure when
 // the file cannot be read.

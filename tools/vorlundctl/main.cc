@@ -26,6 +26,9 @@ int main(int argc, char** argv) {
   vorlundctl::addThroughputCommand(app);
   vorlundctl::addLedgerCommand(app);
   vorlundctl::addAggregateCommand(app);
+  vorlundctl::addQueryCommand(app);
+  vorlundctl::addFleetCommand(app);
+  vorlundctl::addExportCommand(app);
 
   try {
     app.parse(argc, argv);
