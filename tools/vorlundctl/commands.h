@@ -26,6 +26,7 @@ void addSyncCommand(CLI::App& app);
 void addFaultbinCommand(CLI::App& app);
 void addPingCommands(CLI::App& app);
 void addLedgerCommand(CLI::App& app);
+void addReportCommand(CLI::App& app);
 
 // The whole text of file, or of standard input when file is empty or "-". Throws UsageFailure when
 // the file cannot be read.

@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   vorlundctl::addPingCommands(app);
   vorlundctl::addThroughputCommand(app);
   vorlundctl::addLedgerCommand(app);
+  vorlundctl::addReportCommand(app);
 
   try {
     app.parse(argc, argv);

@@ -217,10 +217,12 @@
         data: {datasets: datasets},
         options: {
           scales: {x: timeAxis(),
+                   // One row a device, named; the half-steps of the range keep bubbles off the edges.
                    y: {min: -0.5, max: devices.length - 0.5,
-                       ticks: {stepSize: 1, callback: function (v) {
-                         return Number.isInteger(v) ? devices[v] : '';
-                       }}}},
+                       afterBuildTicks: function (axis) {
+                         axis.ticks = devices.map(function (d, i) { return {value: i}; });
+                       },
+                       ticks: {autoSkip: false, callback: function (v) { return devices[v]; }}}},
           plugins: {tooltip: {callbacks: {label: function (item) {
             const p = item.raw;
             return item.dataset.label + ' x' + p.count + ' at ' + time(p.x) + ': ' + p.reason;
