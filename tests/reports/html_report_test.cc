@@ -44,6 +44,20 @@ TEST(HtmlReportData, NoTextOfTheDataEndsItsScriptElement) {
   EXPECT_EQ(nlohmann::json::parse(mangled)["reason"], "crash \xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
+TEST(HtmlReportData, KeepsTheMostFrequentIssuesAndCountsTheRest) {
+  FleetSummary summary;
+  summary.devices = {"D1"};
+  for (size_t i = 0; i < kHtmlReportMaxIssueRows + 50; ++i) {
+    summary.issues.push_back({"reason " + std::to_string(i), "p", "Crash", 1000 - i, {{"D1", 1}}});
+  }
+  nlohmann::json data = htmlReportData(summary, {}, "t");
+  ASSERT_EQ(data["issues"].size(), kHtmlReportMaxIssueRows);
+  EXPECT_EQ(data["issues"][0]["reason"], "reason 0");
+  EXPECT_EQ(data["issues"][kHtmlReportMaxIssueRows - 1]["total"],
+            1000 - (kHtmlReportMaxIssueRows - 1));
+  EXPECT_EQ(data["issuesLeftOut"], 50);
+}
+
 class HtmlReportTest : public ::testing::Test {
  protected:
   fs::path fleet() const { return fs::path(scratch_.file("fleet")); }
