@@ -6,8 +6,8 @@
 #include <filesystem>
 
 #include "reports/html_assets.h"
-#include "vorlund/foundation/value.h"
 #include "vorlund/foundation/paths.h"
+#include "vorlund/foundation/value.h"
 #include "vorlund/logging/log.h"
 
 namespace vl {

@@ -105,6 +105,15 @@ std::vector<TimeBucket> bucketMetric(const std::vector<Point>& points, size_t ma
   return filled;
 }
 
+// At most maxLength bytes of text, cut before a UTF-8 character rather than inside one.
+std::string cut(std::string text, size_t maxLength) {
+  if (text.size() <= maxLength) return text;
+  size_t end = maxLength;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  text.resize(end);
+  return text;
+}
+
 struct Event {
   double time;
   std::string reason;
@@ -118,7 +127,7 @@ std::vector<IssueBin> binEvents(const std::vector<Event>& events, size_t maxBuck
   std::vector<double> timeSums(maxBuckets, 0);
   for (const Event& e : events) {
     size_t i = bucketing.index(e.time);
-    if (bins[i].count++ == 0) bins[i].reason = e.reason;
+    if (bins[i].count++ == 0) bins[i].reason = cut(e.reason, kHtmlReportMaxBinReasonLength);
     timeSums[i] += e.time;
   }
   std::vector<IssueBin> filled;

@@ -66,7 +66,9 @@ class HtmlReportTest : public ::testing::Test {
 };
 
 TEST_F(HtmlReportTest, ATimelineBecomesBoundedSeriesOfItsMetricsIssuesAndFailures) {
-  test::makeReportRun({"DIGEST-1", 40, true, 50, 10.0, {"first crash", "second crash"}}, fleet());
+  // A reason longer than a bin carries, with a two-byte character across the cut.
+  const std::string longReason = std::string(199, 'x') + "\u00e9" + std::string(300, 'y');
+  test::makeReportRun({"DIGEST-1", 40, true, 50, 10.0, {longReason, "second crash"}}, fleet());
   std::optional<Fleet> loaded = loadFleet(fleet().string());
   ASSERT_TRUE(loaded);
   ASSERT_EQ(loaded->devices.size(), 1u);
@@ -110,7 +112,7 @@ TEST_F(HtmlReportTest, ATimelineBecomesBoundedSeriesOfItsMetricsIssuesAndFailure
   uint64_t crashCount = 0;
   for (const IssueBin& bin : crashes.bins) crashCount += bin.count;
   EXPECT_EQ(crashCount, 2u);
-  EXPECT_EQ(crashes.bins.front().reason, "first crash");
+  EXPECT_EQ(crashes.bins.front().reason, std::string(199, 'x'));
   EXPECT_EQ(failures.type, kHtmlReportTestCaseFailureType);
   uint64_t failureCount = 0;
   for (const IssueBin& bin : failures.bins) failureCount += bin.count;

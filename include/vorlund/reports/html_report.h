@@ -26,6 +26,9 @@ namespace vl {
 inline constexpr size_t kHtmlReportMaxBuckets = 500;
 // The most issues the page's table lists, most frequent first; the rest are counted.
 inline constexpr size_t kHtmlReportMaxIssueRows = 200;
+// The longest reason an issue bin carries (in bytes, cut at a character): a bin only hints at
+// what happened; the issue table has the whole reasons.
+inline constexpr size_t kHtmlReportMaxBinReasonLength = 200;
 // The type under which a timeline's failed test case instances join the issues over time.
 inline constexpr const char* kHtmlReportTestCaseFailureType = "TestCaseFailure";
 
@@ -50,7 +53,7 @@ struct MetricSeries {
 struct IssueBin {
   double time = 0;  // the mean time of the bucket's issues
   uint64_t count = 0;
-  std::string reason;  // the first reason seen in the bucket
+  std::string reason;  // the first reason seen in the bucket, cut to kHtmlReportMaxBinReasonLength
 };
 
 struct IssueSeries {
