@@ -187,17 +187,23 @@ class HtmlReportBrowserTest : public HtmlReportTest {
     }
   }
 
-  // Loads the report and checks that the script ran to its end without an error and that every
-  // chart in expectedCharts drew something. Returns the DOM.
-  std::string loadAndCheck(const std::vector<std::string>& expectedCharts) {
+  // Loads the report in Chromium, which must finish and leave nothing running. Returns the DOM.
+  std::string load() {
     test::BrowserDump dump =
         test::dumpDom(out(), scratch_.file("profile"), std::chrono::seconds(90));
     EXPECT_EQ(dump.survivors, 0);
     EXPECT_TRUE(dump.finished) << "Chromium did not finish in time:\n" << dump.log;
     EXPECT_EQ(dump.exitStatus, 0) << dump.log;
-    const std::string& dom = dump.dom;
+    if (dump.dom.find("id=\"vl-status\"") == std::string::npos) ADD_FAILURE() << dump.log;
+    return dump.dom;
+  }
+
+  // Loads the report and checks that the script ran to its end without an error and that every
+  // chart in expectedCharts drew something. Returns the DOM.
+  std::string loadAndCheck(const std::vector<std::string>& expectedCharts) {
+    std::string dom = load();
     EXPECT_NE(dom.find("id=\"vl-status\" data-done=\"true\""), std::string::npos)
-        << "the report's script did not run to its end\n" << dump.log;
+        << "the report's script did not run to its end";
     EXPECT_NE(dom.find("data-errors=\"0\""), std::string::npos) << errors(dom);
     std::regex canvas(R"re(<canvas data-chart="([^"]+)"[^>]*data-points="(\d+)"[^>]*)re");
     std::map<std::string, std::string> charts;
@@ -222,6 +228,18 @@ class HtmlReportBrowserTest : public HtmlReportTest {
     return at == std::string::npos ? "no error list" : dom.substr(at, 2000);
   }
 };
+
+// The checks above can fail: a page whose data the script cannot draw records its errors.
+TEST_F(HtmlReportBrowserTest, APageThatCannotBeDrawnRecordsItsErrors) {
+  nlohmann::json data = htmlReportData(FleetSummary{}, {}, "broken");
+  data.erase("devices");
+  data.erase("testCases");
+  test::writeFile(out(), htmlReportPage(data));
+  std::string dom = load();
+  EXPECT_EQ(dom.find("data-errors=\"0\""), std::string::npos);
+  EXPECT_NE(dom.find("<li>overview: TypeError"), std::string::npos) << errors(dom);
+  EXPECT_NE(dom.find("<li>testCases: TypeError"), std::string::npos) << errors(dom);
+}
 
 TEST_F(HtmlReportBrowserTest, AFleetOfThreeDevicesDrawsEveryChart) {
   test::makeReportRun({"FLEET-B", 20, true, 12, 30.0, {kHostileReason}}, fleet());
