@@ -210,6 +210,8 @@
                          count: series.n[j], reason: series.reason[j]});
           });
         }
+        // Charts are made with normalized data, which Chart.js may read as sorted by x.
+        points.sort(function (p, q) { return p.x - q.x; });
         return {label: type, data: points, backgroundColor: color(i, 0.6), borderColor: color(i)};
       });
       chart(s, 'issues-timeline', 'Issues over time per device', {
