@@ -34,8 +34,14 @@ nlohmann::json metricSeriesData(const MetricSeries& series) {
     high.push_back(number(b.maximum));
     n.push_back(b.count);
   }
-  return {{"testCase", series.testCase}, {"metric", series.metric}, {"device", series.device},
-          {"t", t}, {"mean", mean}, {"min", low}, {"max", high}, {"n", n}};
+  return {{"testCase", series.testCase},
+          {"metric", series.metric},
+          {"device", series.device},
+          {"t", t},
+          {"mean", mean},
+          {"min", low},
+          {"max", high},
+          {"n", n}};
 }
 
 nlohmann::json issueSeriesData(const IssueSeries& series) {
@@ -46,8 +52,7 @@ nlohmann::json issueSeriesData(const IssueSeries& series) {
     n.push_back(bin.count);
     reason.push_back(bin.reason);
   }
-  return {{"device", series.device}, {"type", series.type}, {"t", t}, {"n", n},
-          {"reason", reason}};
+  return {{"device", series.device}, {"type", series.type}, {"t", t}, {"n", n}, {"reason", reason}};
 }
 
 }  // namespace
@@ -82,10 +87,17 @@ std::string scriptSafeJson(const nlohmann::json& data) {
   // In JSON these characters occur only inside strings, where a \u escape means the same.
   for (char c : text) {
     switch (c) {
-      case '<': safe += "\\u003c"; break;
-      case '>': safe += "\\u003e"; break;
-      case '&': safe += "\\u0026"; break;
-      default: safe += c;
+      case '<':
+        safe += "\\u003c";
+        break;
+      case '>':
+        safe += "\\u003e";
+        break;
+      case '&':
+        safe += "\\u0026";
+        break;
+      default:
+        safe += c;
     }
   }
   return safe;
@@ -103,7 +115,8 @@ std::string htmlReportPage(const nlohmann::json& data) {
   page +=
       "</style>\n<script>\n"
       "window.vlErrors = [];\n"
-      "window.addEventListener('error', function (e) { window.vlErrors.push(String(e.message)); });\n"
+      "window.addEventListener('error', function (e) { window.vlErrors.push(String(e.message)); "
+      "});\n"
       "window.addEventListener('unhandledrejection', function (e) {\n"
       "  window.vlErrors.push('unhandled rejection: ' + String(e.reason)); });\n"
       "</script>\n<script>\n/*!\n";
@@ -130,8 +143,8 @@ bool writeHtmlReport(const std::string& path, const std::string& outPath, Error*
       continue;
     }
     Error failure;
-    std::optional<TimelineDigest> digest = digestTimeline(run.timelinePath, run.device,
-                                                          kHtmlReportMaxBuckets, &failure);
+    std::optional<TimelineDigest> digest =
+        digestTimeline(run.timelinePath, run.device, kHtmlReportMaxBuckets, &failure);
     if (!digest) {
       VLLog(VLLogLevelError, kCategory, "Leaving a timeline out of the report: %s",
             failure.localizedDescription());
@@ -144,7 +157,8 @@ bool writeHtmlReport(const std::string& path, const std::string& outPath, Error*
   nlohmann::json data = htmlReportData(summary, timelines, title.empty() ? path : title);
   data["warnings"] = warnings;
   if (!paths::writeFileAtomically(outPath, htmlReportPage(data))) {
-    setError(error, Error::withDescription(kErrorDomain, 3, "Cannot write the report to " + outPath));
+    setError(error,
+             Error::withDescription(kErrorDomain, 3, "Cannot write the report to " + outPath));
     return false;
   }
   return true;

@@ -197,7 +197,8 @@ std::optional<TimelineDigest> digestTimeline(const std::string& path, const std:
   ok = ok && forEachRow(db, kSelectIssues, error, [&](const sqlite::ResultSet& row) {
          ++digest.issueRows;
          std::optional<double> time = dates.seconds(row.stringForColumn("time"));
-         if (time) events[row.stringForColumn("type")].push_back({*time, row.stringForColumn("reason")});
+         if (time)
+           events[row.stringForColumn("type")].push_back({*time, row.stringForColumn("reason")});
        });
   ok = ok && forEachRow(db, kSelectFailures, error, [&](const sqlite::ResultSet& row) {
          std::optional<double> time = dates.seconds(row.stringForColumn("start_time"));

@@ -9,8 +9,8 @@
 #include <regex>
 
 #include "reports/report_fleet.h"
-#include "vorlund/foundation/date_string.h"
 #include "support/browser.h"
+#include "vorlund/foundation/date_string.h"
 
 namespace fs = std::filesystem;
 
@@ -32,8 +32,8 @@ nlohmann::json pageData(const std::string& page) {
 }
 
 TEST(HtmlReportData, NoTextOfTheDataEndsItsScriptElement) {
-  const std::vector<std::string> texts = {
-      kHostileReason, "</SCRIPT >", "a & b > c", "line\u2028separator", "plain"};
+  const std::vector<std::string> texts = {kHostileReason, "</SCRIPT >", "a & b > c",
+                                          "line\u2028separator", "plain"};
   for (const std::string& text : texts) {
     std::string safe = scriptSafeJson({{"reason", text}});
     EXPECT_EQ(safe.find_first_of("<>&"), std::string::npos) << safe;
@@ -167,8 +167,8 @@ TEST_F(HtmlReportTest, ThePageNeedsNoNetworkAndCarriesChartJsWithItsLicence) {
   EXPECT_TRUE(page.starts_with("<!DOCTYPE html>"));
   // Nothing is loaded from anywhere: no element takes a source, a link or a style import.
   std::smatch match;
-  EXPECT_FALSE(std::regex_search(page, match, std::regex(R"(<(script|img|link|iframe)[^>]*\b(src|href)=)",
-                                                         std::regex::icase)))
+  EXPECT_FALSE(std::regex_search(
+      page, match, std::regex(R"(<(script|img|link|iframe)[^>]*\b(src|href)=)", std::regex::icase)))
       << match.str();
   EXPECT_EQ(page.find("@import"), std::string::npos);
   EXPECT_EQ(page.find("url("), std::string::npos);
@@ -263,8 +263,8 @@ TEST_F(HtmlReportBrowserTest, AFleetOfThreeDevicesDrawsEveryChart) {
 }
 
 TEST_F(HtmlReportBrowserTest, ASingleRunFileDrawsEveryChart) {
-  std::string file = test::makeReportRun({"SINGLE-1", 12, true, 8, 5.0, {"bluetoothd hang"}},
-                                         fleet());
+  std::string file =
+      test::makeReportRun({"SINGLE-1", 12, true, 8, 5.0, {"bluetoothd hang"}}, fleet());
   ASSERT_TRUE(writeHtmlReport(file, out()));
   std::string dom = loadAndCheck({"failure-rate", "metric-0", "issues-timeline"});
   EXPECT_NE(dom.find("bluetoothd hang"), std::string::npos);

@@ -72,7 +72,8 @@ inline std::string makeReportRun(const ReportDevice& device, const std::filesyst
   }
   run->setRuntime(3600);
   std::filesystem::create_directories(folder);
-  std::string copy = (folder / std::filesystem::path(run->getResultsFilePath()).filename()).string();
+  std::string copy =
+      (folder / std::filesystem::path(run->getResultsFilePath()).filename()).string();
   EXPECT_TRUE(run->saveToFile(copy));
   std::filesystem::path timeline = folder / std::filesystem::path(run->timelinePath()).filename();
   std::filesystem::copy_file(run->timelinePath(), timeline);

@@ -91,12 +91,20 @@ BrowserDump dumpDom(const std::string& htmlPath, const std::string& profileDir,
   std::filesystem::create_directories(profileDir);
   std::string marker =
       std::string(kMarkerName) + "=" + std::to_string(getpid()) + "-" + std::to_string(++launches);
-  std::vector<std::string> argv = {
-      kChromiumPath, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
-      "--no-first-run", "--disable-background-networking", "--disable-component-update",
-      "--disable-sync", "--disable-crash-reporter", "--window-size=1280,1600",
-      "--user-data-dir=" + profileDir, "--dump-dom",
-      "file://" + std::filesystem::absolute(htmlPath).string()};
+  std::vector<std::string> argv = {kChromiumPath,
+                                   "--headless",
+                                   "--no-sandbox",
+                                   "--disable-gpu",
+                                   "--disable-quic",
+                                   "--no-first-run",
+                                   "--disable-background-networking",
+                                   "--disable-component-update",
+                                   "--disable-sync",
+                                   "--disable-crash-reporter",
+                                   "--window-size=1280,1600",
+                                   "--user-data-dir=" + profileDir,
+                                   "--dump-dom",
+                                   "file://" + std::filesystem::absolute(htmlPath).string()};
   std::vector<char*> args, env;
   for (std::string& a : argv) args.push_back(a.data());
   args.push_back(nullptr);

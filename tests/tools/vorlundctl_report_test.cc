@@ -19,8 +19,7 @@ TEST(VorlundctlReportTest, WritesThePageOfAFleetFolderOrOneRunFile) {
   test::makeReportRun({"CTL-A", 8, true, 4, 10.0, {"wpa_supplicant crashed"}}, fleet);
   std::string single = test::makeReportRun({"CTL-B", 8, false, 4, 20.0, {}}, fleet);
 
-  for (const auto& [input, devices] :
-       std::vector<std::pair<std::string, std::vector<std::string>>>{
+  for (const auto& [input, devices] : std::vector<std::pair<std::string, std::vector<std::string>>>{
            {fleet, {"CTL-A", "CTL-B"}}, {single, {"CTL-B"}}}) {
     std::string out = scratch.file("report.html");
     test::ChildResult written = ctl({"report", input, "--html", out});
@@ -37,7 +36,8 @@ TEST(VorlundctlReportTest, RefusesWhatItCannotReadOrWrite) {
   test::TempDir scratch;
   std::string run = test::makeReportRun({"CTL-C", 2, false, 0, 0.0, {}}, scratch.file("fleet"));
   const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
-      {{"report", scratch.file("missing"), "--html", scratch.file("a.html")}, scratch.file("missing")},
+      {{"report", scratch.file("missing"), "--html", scratch.file("a.html")},
+       scratch.file("missing")},
       {{"report", run, "--html", scratch.file("no/such/folder.html")}, "Cannot write the report"},
   };
   for (const auto& [args, reason] : refused) {
