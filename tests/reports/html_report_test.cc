@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <regex>
 
@@ -228,6 +229,18 @@ class HtmlReportBrowserTest : public HtmlReportTest {
     return at == std::string::npos ? "no error list" : dom.substr(at, 2000);
   }
 };
+
+// A page that never finishes loading: Chromium is killed at the deadline with all of its helpers.
+TEST_F(HtmlReportBrowserTest, AHungPageIsKilledAtTheDeadline) {
+  test::writeFile(out(), "<!DOCTYPE html><html><body><script>for (;;) {}</script></body></html>");
+  auto start = std::chrono::steady_clock::now();
+  test::BrowserDump dump =
+      test::dumpDom(out(), scratch_.file("profile"), std::chrono::milliseconds(3000));
+  EXPECT_FALSE(dump.finished);
+  EXPECT_EQ(dump.exitStatus, 128 + SIGKILL);
+  EXPECT_EQ(dump.survivors, 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
 
 // The checks above can fail: a page whose data the script cannot draw records its errors.
 TEST_F(HtmlReportBrowserTest, APageThatCannotBeDrawnRecordsItsErrors) {
