@@ -30,6 +30,7 @@ void addAggregateCommand(CLI::App& app);
 void addQueryCommand(CLI::App& app);
 void addFleetCommand(CLI::App& app);
 void addExportCommand(CLI::App& app);
+void addReportCommand(CLI::App& app);
 
 // The whole text of file, or of standard input when file is empty or "-". Throws UsageFailure when
 // the file cannot be read.

@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
   vorlundctl::addQueryCommand(app);
   vorlundctl::addFleetCommand(app);
   vorlundctl::addExportCommand(app);
+  vorlundctl::addReportCommand(app);
 
   try {
     app.parse(argc, argv);
