@@ -2,6 +2,7 @@
 #include "vorlund/hostlink/framed_socket.h"
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,9 +72,14 @@ vl::Data VLPrependDataWithLength(const vl::Data& data) {
 ssize_t VLWriteDataToSocket(const vl::Data& data, int descriptor) {
   std::string header = vl::headerText(data.size());
   VLLog(VLLogLevelNotice, vl::kCategory, "Sending Data of length %@", header);
-  vl::Data frame = VLPrependDataWithLength(data);
-  ssize_t written = ::send(descriptor, frame.bytes.data(), frame.size(), MSG_NOSIGNAL);
-  if (written < 0 && errno == ENOTSOCK) written = ::write(descriptor, frame.bytes.data(), frame.size());
+  // Header and payload go out in one call without first being copied into one buffer.
+  iovec parts[2] = {{header.data(), header.size()},
+                    {const_cast<uint8_t*>(data.bytes.data()), data.size()}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  ssize_t written = ::sendmsg(descriptor, &message, MSG_NOSIGNAL);
+  if (written < 0 && errno == ENOTSOCK) written = ::writev(descriptor, parts, 2);
   return written;
 }
 
@@ -84,7 +90,6 @@ std::optional<vl::Data> VLReadDataFromSocket(int descriptor, int timeoutSeconds,
   vl::FrameReadReport& outcome = report ? *report : local;
   outcome = vl::FrameReadReport{};
 
-  std::array<uint8_t, vl::kFrameReadChunk> scratch{};
   vl::Data payload;
 
   std::array<char, vl::kFrameHeaderLength> header{};
@@ -121,6 +126,7 @@ std::optional<vl::Data> VLReadDataFromSocket(int descriptor, int timeoutSeconds,
     VLLog(VLLogLevelError, vl::kCategory,
           "Got expected length of %zd which is a bit excessive; we're going down and trying again",
           static_cast<ssize_t>(length));
+    std::array<uint8_t, vl::kFrameReadChunk> scratch;
     ssize_t count;
     do {
       count = vl::readOnce(descriptor, scratch.data(), scratch.size());
@@ -131,10 +137,12 @@ std::optional<vl::Data> VLReadDataFromSocket(int descriptor, int timeoutSeconds,
   }
 
   outcome.status = FrameReadStatus::Complete;
-  if (length > 0) payload.bytes.reserve(static_cast<size_t>(length));
-  while (static_cast<long>(payload.size()) < length) {
-    size_t wanted = std::min(static_cast<size_t>(length) - payload.size(), scratch.size());
-    ssize_t count = vl::readOnce(descriptor, scratch.data(), wanted);
+  // The chunks are read straight into the payload; it is cut back to what came if the peer closes.
+  size_t received = 0;
+  payload.bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
+  while (received < payload.size()) {
+    size_t wanted = std::min(payload.size() - received, vl::kFrameReadChunk);
+    ssize_t count = vl::readOnce(descriptor, payload.bytes.data() + received, wanted);
     if (count < 0) {
       VLLog(VLLogLevelError, vl::kCategory, "Error reading from socket");
       outcome.status = FrameReadStatus::ReadError;
@@ -145,9 +153,9 @@ std::optional<vl::Data> VLReadDataFromSocket(int descriptor, int timeoutSeconds,
       break;
     }
     VLLog(VLLogLevelDebug, vl::kCategory, "Adding %zd bytes", count);
-    payload.bytes.insert(payload.bytes.end(), scratch.begin(), scratch.begin() + count);
-    std::memset(scratch.data(), 0, static_cast<size_t>(count));
+    received += static_cast<size_t>(count);
   }
+  payload.bytes.resize(received);
   VLLog(VLLogLevelInfo, vl::kCategory, "Read data of length %ld", static_cast<long>(payload.size()));
   return payload;
 }

@@ -2,8 +2,10 @@
 #include "vorlund/hostlink/manager_frames.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "vorlund/catalogue/preferences.h"
@@ -11,6 +13,7 @@
 #include "vorlund/deviceinfo/device_identity.h"
 #include "vorlund/deviceinfo/device_serial.h"
 #include "vorlund/foundation/format.h"
+#include "vorlund/foundation/time_scale.h"
 #include "vorlund/hostlink/framed_socket.h"
 #include "vorlund/results/execution.h"
 
@@ -31,7 +34,39 @@ std::string printable(std::string_view bytes) {
   return text;
 }
 
-Receipt refused(std::string reason) { return {ReceiptStatus::Refused, {}, std::move(reason)}; }
+Receipt refused(FrameFault fault, std::string reason, long announcedLength = 0) {
+  Receipt receipt{ReceiptStatus::Refused, {}, std::move(reason), fault};
+  receipt.announcedLength = announcedLength;
+  return receipt;
+}
+
+// Peeks at up to size bytes; what recv returned, EINTR retried.
+ssize_t peek(int descriptor, char* buffer, size_t size, int flags) {
+  ssize_t peeked;
+  do {
+    peeked = ::recv(descriptor, buffer, size, MSG_PEEK | flags);
+  } while (peeked < 0 && errno == EINTR);
+  return peeked;
+}
+
+// Peeks at the whole header once its first bytes have come, for at most
+// kFrameHeaderCompletionSeconds: a receive time-out bounds MSG_WAITALL, which otherwise waits until
+// the peer closes. The descriptor's own receive time-out is put back afterwards.
+ssize_t peekRestOfHeader(int descriptor, char* header, size_t size) {
+  timeval saved{};
+  socklen_t savedSize = sizeof saved;
+  if (::getsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &saved, &savedSize) != 0) return -1;
+  auto limit = std::chrono::duration_cast<std::chrono::microseconds>(
+      vl::time::scaled(kFrameHeaderCompletionSeconds));
+  // A zero time-out would mean none at all.
+  if (limit.count() <= 0) limit = std::chrono::microseconds(1);
+  timeval bounded{static_cast<time_t>(limit.count() / 1000000),
+                  static_cast<suseconds_t>(limit.count() % 1000000)};
+  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &bounded, sizeof bounded);
+  ssize_t peeked = peek(descriptor, header, size, MSG_WAITALL);
+  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &saved, sizeof saved);
+  return peeked;
+}
 
 }  // namespace
 
@@ -65,45 +100,61 @@ std::optional<vl::Dictionary> decodeManagerFrame(const vl::Data& payload, std::s
 
 Receipt receiveFrame(int descriptor) {
   char header[kFrameHeaderLength];
-  ssize_t peeked;
-  do {
-    peeked = ::recv(descriptor, header, sizeof header, MSG_PEEK);
-  } while (peeked < 0 && errno == EINTR);
+  ssize_t peeked = peek(descriptor, header, sizeof header, 0);
   if (peeked == 0) return {};
   if (peeked < 0 && errno != ENOTSOCK) {
-    return refused(vl::format("The connection failed: %s", std::strerror(errno)));
+    Receipt receipt = refused(FrameFault::ReadFailed,
+                              vl::format("The connection failed: %s", std::strerror(errno)));
+    receipt.error = errno;
+    return receipt;
+  }
+  if (peeked > 0 && peeked < static_cast<ssize_t>(sizeof header)) {
+    peeked = peekRestOfHeader(descriptor, header, sizeof header);
   }
   if (peeked == static_cast<ssize_t>(sizeof header)) {
     std::string_view text(header, sizeof header);
     if (!isWellFormedFrameHeader(text)) {
-      return refused("The frame header \"" + printable(text) + "\" is not eight digits");
+      return refused(FrameFault::BadHeader,
+                     "The frame header \"" + printable(text) + "\" is not eight digits");
     }
-    if (frameHeaderLength(text) > kMaximumFramePayload) {
-      return refused(vl::format("The frame announces %ld bytes, more than the limit of %ld",
-                                frameHeaderLength(text), kMaximumFramePayload));
+    if (long length = frameHeaderLength(text); length > kMaximumFramePayload) {
+      return refused(FrameFault::OverLimit,
+                     vl::format("The frame announces %ld bytes, more than the limit of %ld", length,
+                                kMaximumFramePayload),
+                     length);
     }
+  } else if (peeked > 0) {
+    // Left unread: the stream is not trusted past a header that did not complete.
+    return refused(FrameFault::ShortHeader, "The frame header was cut short");
   }
 
   FrameReadReport report;
   std::optional<vl::Data> payload = VLReadDataFromSocket(descriptor, 0, &report);
+  const long announced = report.announcedLength;
   switch (report.status) {
     case FrameReadStatus::Complete:
-      // The header came in a later read than the check above looked at.
-      if (!report.wellFormedHeader) return refused("The frame header is not eight digits");
+      // A descriptor that cannot be peeked at gets its header checked only here.
+      if (!report.wellFormedHeader) {
+        return refused(FrameFault::BadHeader, "The frame header is not eight digits");
+      }
       return {ReceiptStatus::Frame, std::move(*payload), {}};
     case FrameReadStatus::Truncated:
-      return refused(vl::format("The frame was cut short: %zu of %ld bytes came",
-                                payload ? payload->size() : size_t{0}, report.announcedLength));
+      return refused(FrameFault::Truncated,
+                     vl::format("The frame was cut short: %zu of %ld bytes came",
+                                payload ? payload->size() : size_t{0}, announced),
+                     announced);
     case FrameReadStatus::ShortHeader:
-      return refused("The frame header was cut short");
+      return refused(FrameFault::ShortHeader, "The frame header was cut short");
     case FrameReadStatus::Excessive:
-      return refused(vl::format("The frame announces %ld bytes, more than the limit of %ld",
-                                report.announcedLength, kMaximumFramePayload));
+      return refused(FrameFault::OverLimit,
+                     vl::format("The frame announces %ld bytes, more than the limit of %ld",
+                                announced, kMaximumFramePayload),
+                     announced);
     case FrameReadStatus::TimedOut:
     case FrameReadStatus::ReadError:
       break;
   }
-  return refused("Reading the frame failed");
+  return refused(FrameFault::Truncated, "Reading the frame failed", announced);
 }
 
 std::optional<ManagerAddress> parseManagerAddress(std::string_view text, std::string* reason) {

@@ -112,8 +112,11 @@ void VLLogMessage(VLLogLevel level, const char* category, const std::string& mes
     vl::ToolkitLogger& logger = VLGetSharedZEPLogger();
     vl::recordInLogCaptures(level, category, message);
     if (!logger.wants(route.flag)) return;
-    std::string line = vl::format("[%@] %@", category ? category : "Default", message);
-    logger.log(route.asynchronous, route.flag, line);
+    const std::string_view name = category ? category : "Default";
+    std::string line;
+    line.reserve(name.size() + message.size() + 3);
+    line.append("[").append(name).append("] ").append(message);
+    logger.log(route.asynchronous, route.flag, std::move(line));
   } catch (...) {
     // Logging never throws.
   }

@@ -227,6 +227,14 @@ TEST_F(BridgeTest, SaysHelloThenRelaysDeviceFramesUnchanged) {
     ASSERT_TRUE(relayed) << size;
     EXPECT_TRUE(relayed->view() == payload) << size << " bytes came as " << relayed->size();
   }
+  // A header split over two writes with a pause between them is waited for.
+  {
+    Connection device(VLGetClientForServer("localhost", gatewayPort(), 500));
+    ASSERT_TRUE(device.write("0000"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(device.write("0005split"));
+    EXPECT_EQ(link.read(), Data::fromString("split"));
+  }
   // A device connection that sends garbage or nothing is closed; the others are relayed, in order.
   Connection silent(VLGetClientForServer("localhost", gatewayPort(), 5));
   ASSERT_TRUE(sendFromDevice("garbage!" + framed("never relayed")));

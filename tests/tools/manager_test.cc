@@ -117,8 +117,16 @@ class Bridge {
     sendRaw(format("%08zu", payload.size()) + std::string(payload));
   }
   void sendRaw(const std::string& bytes) {
+    if (splitHeaders_ && bytes.size() > 4) {
+      ASSERT_EQ(write(fd_, bytes.data(), 4), 4);
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      ASSERT_EQ(write(fd_, bytes.data() + 4, bytes.size() - 4), ssize_t(bytes.size() - 4));
+      return;
+    }
     ASSERT_EQ(write(fd_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   }
+  // Sends each frame's header in two writes with a pause between them.
+  void splitHeaders() { splitHeaders_ = true; }
 
   // The next message, or none when none comes within 10 seconds or the manager closed the
   // connection.
@@ -159,6 +167,7 @@ class Bridge {
  private:
   int fd_;
   std::string serial_;
+  bool splitHeaders_ = false;
 };
 
 // Waits up to 10 seconds for condition; whether it became true.
@@ -563,6 +572,9 @@ TEST_F(ManagerTest, AFrameThatIsNotAMessageDropsOnlyItsConnection) {
       {"truncated", "00000050short", false, "its frame of 50 bytes ended early"},
       {"instead of a hello", "00000010plain text", true, "does not decode", false},
   };
+  // A header split over two writes with a pause between them is waited for.
+  a.splitHeaders();
+  EXPECT_EQ(a.command({{"FindDevices", Dictionary{{"characteristics", "a"}}}}), serials({"A"}));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     auto garbage = c.hello ? std::make_unique<Bridge>(manager.port(), "G")

@@ -13,13 +13,14 @@
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/foundation/time_scale.h"
 #include "vorlund/hostlink/framed_socket.h"
+#include "vorlund/hostlink/manager_frames.h"
 
 namespace manager {
 
 Connection::Connection(int descriptor, std::string peer)
     : descriptor_(descriptor), peer_(std::move(peer)) {
-  auto limit = std::chrono::duration_cast<std::chrono::microseconds>(
-      vl::time::scaled(kSendTimeoutSeconds));
+  auto limit =
+      std::chrono::duration_cast<std::chrono::microseconds>(vl::time::scaled(kSendTimeoutSeconds));
   timeval timeout{static_cast<time_t>(limit.count() / 1000000),
                   static_cast<suseconds_t>(limit.count() % 1000000)};
   setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
@@ -56,43 +57,52 @@ std::optional<vl::Dictionary> Connection::readMessage(double firstByteSeconds) {
       return std::nullopt;
     }
   }
-  // The header is looked at before the framing reads it: the framing drains an over-long frame
-  // until the peer closes, and a peer that does not close would keep this connection open.
-  char header[vl::kFrameHeaderLength];
-  ssize_t peeked;
-  do {
-    peeked = ::recv(descriptor_, header, sizeof header, MSG_PEEK | MSG_WAITALL);
-  } while (peeked < 0 && errno == EINTR);
-  if (peeked <= 0) {
-    std::lock_guard lock(mutex_);
-    if (peeked < 0 && !closing_) {
-      log(VLLogLevelNotice, "Dropping %s: reading failed (%s)", peer_, std::strerror(errno));
-    }
-    return std::nullopt;
+  vl::bridge::Receipt receipt = vl::bridge::receiveFrame(descriptor_);
+  switch (receipt.status) {
+    case vl::bridge::ReceiptStatus::Closed:
+      return std::nullopt;
+    case vl::bridge::ReceiptStatus::Refused:
+      logRefusal(receipt);
+      return std::nullopt;
+    case vl::bridge::ReceiptStatus::Frame:
+      break;
   }
-  std::string_view text(header, static_cast<size_t>(peeked));
-  if (!vl::isWellFormedFrameHeader(text)) {
-    log(VLLogLevelError, "Dropping %s: it sent a frame header that is not %zu digits", peer_,
-        vl::kFrameHeaderLength);
-    return std::nullopt;
-  }
-  if (long length = vl::frameHeaderLength(text); length > vl::kMaximumFramePayload) {
-    log(VLLogLevelError, "Dropping %s: it announced a frame of %ld bytes, over the limit of %ld",
-        peer_, length, vl::kMaximumFramePayload);
-    return std::nullopt;
-  }
-  vl::FrameReadReport report;
-  std::optional<vl::Data> payload = VLReadDataFromSocket(descriptor_, 0, &report);
-  if (!payload || report.status != vl::FrameReadStatus::Complete) {
-    log(VLLogLevelError, "Dropping %s: its frame of %ld bytes ended early", peer_,
-        report.announcedLength);
-    return std::nullopt;
-  }
-  vl::Value object = VLConvertDataToObject(*payload);
-  if (const vl::Dictionary* message = object.asDictionary()) return *message;
-  log(VLLogLevelError, "Dropping %s: its frame of %zu bytes does not decode to a dictionary",
-      peer_, payload->size());
+  std::string reason;
+  if (auto message = vl::bridge::decodeManagerFrame(receipt.payload, &reason)) return message;
+  log(VLLogLevelError, "Dropping %s: its frame of %zu bytes does not decode to a dictionary", peer_,
+      receipt.payload.size());
   return std::nullopt;
+}
+
+void Connection::logRefusal(const vl::bridge::Receipt& receipt) {
+  using vl::bridge::FrameFault;
+  switch (receipt.fault) {
+    case FrameFault::ReadFailed: {
+      std::lock_guard lock(mutex_);
+      // A read that fails because this side closed the connection is no news.
+      if (!closing_) {
+        log(VLLogLevelNotice, "Dropping %s: reading failed (%s)", peer_,
+            std::strerror(receipt.error));
+      }
+      return;
+    }
+    case FrameFault::BadHeader:
+      log(VLLogLevelError, "Dropping %s: it sent a frame header that is not %zu digits", peer_,
+          vl::kFrameHeaderLength);
+      return;
+    case FrameFault::ShortHeader:
+      log(VLLogLevelError, "Dropping %s: its frame header was cut short", peer_);
+      return;
+    case FrameFault::OverLimit:
+      log(VLLogLevelError, "Dropping %s: it announced a frame of %ld bytes, over the limit of %ld",
+          peer_, receipt.announcedLength, vl::kMaximumFramePayload);
+      return;
+    case FrameFault::Truncated:
+    case FrameFault::None:
+      log(VLLogLevelError, "Dropping %s: its frame of %ld bytes ended early", peer_,
+          receipt.announcedLength);
+      return;
+  }
 }
 
 bool Connection::send(const vl::Dictionary& message) {

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "vorlund/foundation/value.h"
+#include "vorlund/hostlink/manager_frames.h"
 
 namespace manager {
 
@@ -52,6 +53,8 @@ class Connection {
 
  private:
   void writeLoop();
+  // Logs why a frame was refused, in the manager's words.
+  void logRefusal(const vl::bridge::Receipt& receipt);
 
   const int descriptor_;
   const std::string peer_;

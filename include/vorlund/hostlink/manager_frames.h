@@ -44,19 +44,39 @@ enum class ReceiptStatus {
   Refused,  // the stream is damaged; the reason says how. The connection cannot be trusted further
 };
 
+// What was wrong with a refused frame, for callers that word their own messages.
+enum class FrameFault {
+  None,
+  ReadFailed,   // the connection failed before a frame began; Receipt::error holds the errno
+  BadHeader,    // the header is not eight digits
+  ShortHeader,  // the header did not complete: the peer closed, or went silent, inside it
+  OverLimit,    // the header announces more than kMaximumFramePayload
+  Truncated,    // the payload ended early: the peer closed inside it or a read failed
+};
+
 struct Receipt {
   ReceiptStatus status = ReceiptStatus::Closed;
   vl::Data payload;
   std::string reason;
+  FrameFault fault = FrameFault::None;
+  // The length the header announced, when one was read.
+  long announcedLength = 0;
+  int error = 0;
 };
+
+// How long (nominal seconds, scaled) the rest of a header that has begun to arrive is waited for.
+inline constexpr double kFrameHeaderCompletionSeconds = 10;
 
 // Reads the next frame of descriptor, stricter than VLReadDataFromSocket: a header that is not
 // eight digits or announces more than kMaximumFramePayload is refused at once, without reading on
-// (the reader would drain a peer that never closes for ever); a header split over two reads, a
-// payload cut short by the peer closing and a failed read are refused too. Blocks until the frame
-// (or the end of the stream) arrives: callers wait for readability, with their own time-out or
-// stop signal, before calling. A descriptor that is not a socket is read without the early header
-// check. Never closes descriptor.
+// (the reader would drain a peer that never closes for ever); a payload cut short by the peer
+// closing and a failed read are refused too. On TCP a header split over several segments is waited
+// for, up to kFrameHeaderCompletionSeconds after its first bytes; one that does not complete by
+// then, or before the peer closes, is refused (a local stream socket cannot wait for it: the kernel
+// ends a peek there at the data it holds, so a split header is refused at once). Otherwise blocks until the frame (or the end of the stream)
+// arrives: callers wait for readability, with their own time-out or stop signal, before calling. A
+// descriptor that is not a socket is read without the early header check, its header in one read.
+// Never closes descriptor.
 Receipt receiveFrame(int descriptor);
 
 struct ManagerAddress {
