@@ -3,10 +3,10 @@
 #include <exception>
 #include <filesystem>
 
+#include "request_record.h"
 #include "vorlund/conversion/object_data.h"
 #include "vorlund/ipm/bus.h"
 #include "vorlund/ipm/client.h"
-#include "request_record.h"
 #include "vorlund/results/execution.h"
 #include "vorlund/results/results.h"
 #include "vorlund/results/run_summary.h"
@@ -65,15 +65,29 @@ IpmValue show() {
   run->updateRuntime();
   Error error;
   std::optional<Data> summary = VLConvertObjectToData(Value(runSummary(*run)), &error);
-  if (!summary) return IpmValue::ofError("Unable to archive the run's summary: " + error.localizedDescription());
+  if (!summary)
+    return IpmValue::ofError("Unable to archive the run's summary: " +
+                             error.localizedDescription());
   IpmDictionary reply;
   reply.set(kResultsKeySummary, IpmValue::ofData(std::move(summary->bytes)));
   return IpmValue::ofDictionary(std::move(reply));
 }
 
+IpmValue save() {
+  std::shared_ptr<VLResults> run = VLResults::currentResults();
+  run->updateRuntime();
+  if (!run->saveToDisk())
+    return IpmValue::ofError("Unable to save the run to " + run->getResultsFilePath());
+  IpmDictionary reply;
+  reply.set(kResultsKeyResultsFile, IpmValue::ofString(run->plistPath()));
+  reply.set(kResultsKeyTimeline, IpmValue::ofString(run->timelinePath()));
+  return IpmValue::ofDictionary(std::move(reply));
+}
+
 IpmValue reset() {
   std::shared_ptr<VLResults> run = VLResults::currentResults();
-  if (!run->finish()) return IpmValue::ofError("Unable to save the run to " + run->getResultsFilePath());
+  if (!run->finish())
+    return IpmValue::ofError("Unable to save the run to " + run->getResultsFilePath());
   // A new run starts now; this one stays in its results file and timeline. Its resume data, which
   // the service's periodic save wrote, must not come back as the next run, so the new run takes
   // over at once and the old data goes.
@@ -125,6 +139,22 @@ std::optional<std::string> resetServiceRun(Error* error) {
   return *path->asString();
 }
 
+std::optional<RunFiles> saveServiceRun(Error* error) {
+  auto reply = sendResultsRequest(kResultsActionSave, nullptr, Value(), error);
+  if (!reply) return std::nullopt;
+  const IpmValue* resultsFile = reply->find(kResultsKeyResultsFile);
+  const IpmValue* timeline = reply->find(kResultsKeyTimeline);
+  if (!resultsFile || !resultsFile->asString()) {
+    setError(error, missingReplyEntry(kResultsKeyResultsFile));
+    return std::nullopt;
+  }
+  if (!timeline || !timeline->asString()) {
+    setError(error, missingReplyEntry(kResultsKeyTimeline));
+    return std::nullopt;
+  }
+  return RunFiles{*resultsFile->asString(), *timeline->asString()};
+}
+
 Service::Handler resultsRequestHandler() {
   return [](const IpmValue& message) -> IpmValue {
     const IpmDictionary& request = *message.asDictionary();
@@ -135,6 +165,7 @@ Service::Handler resultsRequestHandler() {
     if (*name == kResultsActionAddIssue) return addIssue(request);
     if (*name == kResultsActionShow) return show();
     if (*name == kResultsActionReset) return reset();
+    if (*name == kResultsActionSave) return save();
     return IpmValue::ofError("Unknown results action \"" + *name + "\"");
   };
 }

@@ -4,7 +4,9 @@
 
 #include <thread>
 
+#include "support/daemon.h"
 #include "tools/ctl.h"
+#include "vorlund/foundation/property_list.h"
 
 namespace vl {
 namespace {
@@ -66,10 +68,36 @@ TEST_F(VorlundctlResultsTest, CommandsBuildOneRunRefuseBadInputAndReset) {
   EXPECT_NE(run.get("Issues").description().find("wpa_supplicant"), std::string::npos);
   EXPECT_TRUE(test::fileExists(run.get("Timeline").stringOr("")));
 
+  // A save writes the results file as the run stands, and the run goes on.
+  auto saved = ctl({"results", "save"});
+  ASSERT_EQ(saved.exitStatus, 0) << saved.err;
+  EXPECT_EQ(saved.out, "Results file: " + run.get("ResultsFile").stringOr("") +
+                           "\nTimeline:     " + run.get("Timeline").stringOr("") + "\n");
+  std::optional<Dictionary> file = plist::readDictionary(run.get("ResultsFile").stringOr(""));
+  ASSERT_TRUE(file);
+  EXPECT_EQ(file->get("TestCases").asDictionary()->size(), 2u) << file->description();
+  EXPECT_NE(caseNamed(shownRun(), "Ping"), nullptr);
+
   // A reset starts a new run and keeps the old results file.
   ASSERT_EQ(ctl({"results", "reset"}).exitStatus, 0);
   EXPECT_TRUE(test::fileExists(run.get("ResultsFile").stringOr("")));
   EXPECT_EQ(caseNamed(shownRun(), "Ping"), nullptr);
+}
+
+// With the stress service running, the service writes its own run and names its files.
+TEST_F(VorlundctlResultsTest, SaveAsksTheServiceToWriteItsRun) {
+  test::Daemon service(VORLUND_DAEMON_PATH);
+  ASSERT_TRUE(service.waitUntilServing());
+  ASSERT_EQ(ctl({"results", "add", "--name", "Ping", "--type", "PassFail", "--pass"}).exitStatus,
+            0);
+  auto saved = ctl({"results", "save"});
+  ASSERT_EQ(saved.exitStatus, 0) << saved.err;
+  Dictionary run = shownRun();
+  EXPECT_NE(saved.out.find(run.get("ResultsFile").stringOr("?")), std::string::npos) << saved.out;
+  std::optional<Dictionary> file = plist::readDictionary(run.get("ResultsFile").stringOr(""));
+  ASSERT_TRUE(file) << saved.out;
+  EXPECT_EQ(file->get("TestCases").asDictionary()->size(), 1u);
+  EXPECT_EQ(service.stop(SIGTERM), 0);
 }
 
 TEST_F(VorlundctlResultsTest, ConcurrentCommandsLoseNothing) {

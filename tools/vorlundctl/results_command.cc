@@ -39,7 +39,9 @@ vl::Value metricValue(const std::string& key, const std::string& text) {
 
 vl::Date parseDate(const std::string& text, const char* option) {
   std::optional<vl::Date> date = vl::dateFromString(text);
-  if (!date) throw UsageFailure(std::string(option) + " takes a date as yyyy-MM-dd-HH-mm-ss, not '" + text + "'");
+  if (!date)
+    throw UsageFailure(std::string(option) + " takes a date as yyyy-MM-dd-HH-mm-ss, not '" + text +
+                       "'");
   return *date;
 }
 
@@ -51,8 +53,8 @@ struct AddOptions {
 
 std::shared_ptr<VLTestCaseResult> buildResult(const AddOptions& o) {
   static const std::vector<std::string> kTypes = {
-      kVLTestCaseResultTypePassFail, kVLTestCaseResultTypeAverage, kVLTestCaseResultTypeTimeHistogram,
-      kVLTestCaseResultTypeInstanceHistogram};
+      kVLTestCaseResultTypePassFail, kVLTestCaseResultTypeAverage,
+      kVLTestCaseResultTypeTimeHistogram, kVLTestCaseResultTypeInstanceHistogram};
   if (std::find(kTypes.begin(), kTypes.end(), o.type) == kTypes.end()) {
     throw UsageFailure("unknown result type '" + o.type +
                        "' (PassFail, Average, HistogramByTime or HistogramByInstance)");
@@ -90,8 +92,9 @@ void printRun(const vl::Dictionary& run, bool asJson) {
   for (size_t n = 0; statistics && n < statistics->size(); ++n) {
     const vl::Value& v = (*statistics)[n];
     const vl::Dictionary& s = *v.asDictionary();
-    std::printf("  %-32s %-20s instances %-6lld failure rate %.2f\n", s.get("Name").stringOr("").c_str(),
-                s.get("Type").stringOr("-").c_str(), static_cast<long long>(s.get("Instances").int64Or(0)),
+    std::printf("  %-32s %-20s instances %-6lld failure rate %.2f\n",
+                s.get("Name").stringOr("").c_str(), s.get("Type").stringOr("-").c_str(),
+                static_cast<long long>(s.get("Instances").int64Or(0)),
                 s.get("FailureRate").doubleOr(0));
     const vl::Dictionary* failures = s.get("Failures").asDictionary();
     for (size_t i = 0; failures && i < failures->size(); ++i) {
@@ -133,15 +136,19 @@ void printRun(const vl::Dictionary& run, bool asJson) {
 }  // namespace
 
 void addResultsCommand(CLI::App& app) {
-  auto* results = app.add_subcommand("results", "Record results and issues in this user's run, and show it");
+  auto* results =
+      app.add_subcommand("results", "Record results and issues in this user's run, and show it");
   results->require_subcommand(1);
 
   static AddOptions add;
   auto* addCommand = results->add_subcommand("add", "Add one test case result to the current run");
   addCommand->add_option("--name", add.name, "Test case name")->required();
-  addCommand->add_option("--type", add.type, "PassFail, Average, HistogramByTime or HistogramByInstance")->required();
+  addCommand
+      ->add_option("--type", add.type, "PassFail, Average, HistogramByTime or HistogramByInstance")
+      ->required();
   auto* passFlag = addCommand->add_flag("--pass", add.pass, "The test case passed");
-  addCommand->add_option("--fail", add.failReason, "The test case failed for REASON")->excludes(passFlag);
+  addCommand->add_option("--fail", add.failReason, "The test case failed for REASON")
+      ->excludes(passFlag);
   addCommand->add_option("--metric", add.metrics, "A measurement KEY=VALUE (repeatable)");
   addCommand->add_option("--tag", add.tags, "A label KEY=VALUE (repeatable)");
   addCommand->add_option("--start", add.start, "Start time, yyyy-MM-dd-HH-mm-ss (default now)");
@@ -149,15 +156,19 @@ void addResultsCommand(CLI::App& app) {
   setAction(addCommand, [] {
     auto result = buildResult(add);
     addResultToUserRun(result);
-    std::printf("%s %s\n", add.name.c_str(), result->didPass() ? "passed" : (result->didFail() ? "failed" : "recorded"));
+    std::printf("%s %s\n", add.name.c_str(),
+                result->didPass() ? "passed" : (result->didFail() ? "failed" : "recorded"));
     return 0;
   });
 
   static std::string issueProcess, issueReason, issueType, issueTime;
-  auto* issueCommand = results->add_subcommand("add-issue", "Add one issue (a crash or failure) to the current run");
+  auto* issueCommand =
+      results->add_subcommand("add-issue", "Add one issue (a crash or failure) to the current run");
   issueCommand->add_option("--process", issueProcess, "The process concerned")->required();
   issueCommand->add_option("--reason", issueReason, "What happened")->required();
-  issueCommand->add_option("--type", issueType, "Crash or Failure")->required()->check(CLI::IsMember({"Crash", "Failure"}));
+  issueCommand->add_option("--type", issueType, "Crash or Failure")
+      ->required()
+      ->check(CLI::IsMember({"Crash", "Failure"}));
   issueCommand->add_option("--time", issueTime, "When, yyyy-MM-dd-HH-mm-ss (default now)");
   setAction(issueCommand, [] {
     auto issue = VLIssue::make();
@@ -177,10 +188,20 @@ void addResultsCommand(CLI::App& app) {
   });
 
   static bool showJson = false;
-  auto* showCommand = results->add_subcommand("show", "Show the run's statistics, issues and quality figures");
+  auto* showCommand =
+      results->add_subcommand("show", "Show the run's statistics, issues and quality figures");
   showCommand->add_flag("--json", showJson, "Print as JSON");
   setAction(showCommand, [] {
     printRun(userRunSummary(), showJson);
+    return 0;
+  });
+
+  auto* saveCommand = results->add_subcommand(
+      "save", "Write the current run to its results file and print where it is; the run goes on");
+  setAction(saveCommand, [] {
+    vl::ipm::RunFiles files = saveUserRun();
+    std::printf("Results file: %s\nTimeline:     %s\n", files.resultsFile.c_str(),
+                files.timeline.c_str());
     return 0;
   });
 

@@ -115,6 +115,15 @@ std::string resetUserRun() {
   });
 }
 
+vl::ipm::RunFiles saveUserRun() {
+  return withUserRun<vl::ipm::RunFiles>(vl::ipm::saveServiceRun, [](VLResults& run) {
+    run.updateRuntime();
+    if (!run.saveToDisk()) throw UsageFailure("cannot save the run to " + run.getResultsFilePath());
+    suspendOrFail(run);
+    return vl::ipm::RunFiles{run.plistPath(), run.timelinePath()};
+  });
+}
+
 void recordLibraryIssuesInUserRun() {
   vl::setIssueRecorder([](const std::shared_ptr<VLIssue>& issue) {
     if (holdingRunFiles) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "vorlund/foundation/value.h"
+#include "vorlund/ipm/results_service.h"
 #include "vorlund/results/issue.h"
 #include "vorlund/results/test_case_result.h"
 
@@ -21,6 +22,8 @@ void addIssueToUserRun(const std::shared_ptr<VLIssue>& issue);
 vl::Dictionary userRunSummary();
 // Saves the run to its results file and lets the next change start a new run; returns the file.
 std::string resetUserRun();
+// Saves the run to its results file; the run goes on. Returns its results file and timeline.
+vl::ipm::RunFiles saveUserRun();
 
 // Sends the issues the library records about itself (an unlistable bundle folder, a test case no
 // bundle implements) to the user's run, instead of starting a run in this process. While this

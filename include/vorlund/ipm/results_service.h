@@ -7,7 +7,8 @@
 //   "AddIssue"   with "Issue", an archived VLIssue            -> {}
 //   "Show"                                                    -> {"Summary": archived dictionary}
 //   "Reset"                                                   -> {"ResultsFile": path}
-// The summary is vl::runSummary of the run (results/run_summary.h), its run time brought up to date.
+// The summary is vl::runSummary of the run (results/run_summary.h), its run time brought up to
+// date.
 #pragma once
 
 #include <chrono>
@@ -32,6 +33,8 @@ inline constexpr const char* kResultsActionAddResult = "AddResult";
 inline constexpr const char* kResultsActionAddIssue = "AddIssue";
 inline constexpr const char* kResultsActionShow = "Show";
 inline constexpr const char* kResultsActionReset = "Reset";
+inline constexpr const char* kResultsActionSave = "Save";
+inline constexpr const char* kResultsKeyTimeline = "Timeline";
 
 // How long a client waits for the service to answer a results request: adding a result commits
 // it to the timeline first, which a busy disk can hold up for a while.
@@ -46,6 +49,15 @@ bool addIssueToServiceRun(const std::shared_ptr<VLIssue>& issue, Error* error = 
 std::optional<Dictionary> serviceRunSummary(Error* error = nullptr);
 // Saves the service's run to its results file and starts a new run there; returns the file's path.
 std::optional<std::string> resetServiceRun(Error* error = nullptr);
+
+// Where a run is written: its results file and its timeline database.
+struct RunFiles {
+  std::string resultsFile;
+  std::string timeline;
+};
+// Writes the service's run to its results file (the timeline is written as results arrive) and
+// returns both paths; the run goes on. kRemote when the file cannot be written.
+std::optional<RunFiles> saveServiceRun(Error* error = nullptr);
 
 // The service's handler of "ResultsRequest", acting on VLResults::currentResults(). Replies with
 // an IPM error (so a D-Bus error) for an unknown or missing "Action", a missing or undecodable
