@@ -70,9 +70,10 @@ inline constexpr double kFrameHeaderCompletionSeconds = 10;
 // Reads the next frame of descriptor, stricter than VLReadDataFromSocket: a header that is not
 // eight digits or announces more than kMaximumFramePayload is refused at once, without reading on
 // (the reader would drain a peer that never closes for ever); a payload cut short by the peer
-// closing and a failed read are refused too. A header split over several segments is waited for,
-// up to kFrameHeaderCompletionSeconds after its first bytes; one that does not complete by then, or
-// before the peer closes, is refused. Otherwise blocks until the frame (or the end of the stream)
+// closing and a failed read are refused too. On TCP a header split over several segments is waited
+// for, up to kFrameHeaderCompletionSeconds after its first bytes; one that does not complete by
+// then, or before the peer closes, is refused (a local stream socket cannot wait for it: the kernel
+// ends a peek there at the data it holds, so a split header is refused at once). Otherwise blocks until the frame (or the end of the stream)
 // arrives: callers wait for readability, with their own time-out or stop signal, before calling. A
 // descriptor that is not a socket is read without the early header check, its header in one read.
 // Never closes descriptor.
