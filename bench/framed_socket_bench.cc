@@ -19,16 +19,6 @@
 
 namespace {
 
-// Reads exactly size bytes; false when the peer closes first.
-bool readAll(int fd, char* buffer, size_t size) {
-  for (size_t done = 0; done < size;) {
-    ssize_t count = ::read(fd, buffer + done, size - done);
-    if (count <= 0) return false;
-    done += static_cast<size_t>(count);
-  }
-  return true;
-}
-
 void framedEcho(int fd) {
   while (std::optional<vl::Data> frame = VLReadDataFromSocket(fd, 0)) {
     if (frame->size() == 0) break;  // the client's empty frame, or its close
@@ -37,22 +27,21 @@ void framedEcho(int fd) {
   ::close(fd);
 }
 
-// Echoes frames of a size known in advance, as a program without the framing layer would.
-VLConnectionHandler rawEcho(size_t frameSize) {
-  return [frameSize](int fd) {
-    std::vector<char> buffer(frameSize);
-    while (readAll(fd, buffer.data(), frameSize)) {
-      if (::send(fd, buffer.data(), frameSize, MSG_NOSIGNAL) != static_cast<ssize_t>(frameSize))
-        break;
-    }
-    ::close(fd);
-  };
+// Reads one whole frame of frame.size() bytes the way a program without the framing layer would:
+// as many bytes as each read gives. False when the peer closes first.
+bool readWhole(int fd, std::vector<char>& frame, bool) {
+  for (size_t done = 0; done < frame.size();) {
+    ssize_t count = ::read(fd, frame.data() + done, frame.size() - done);
+    if (count <= 0) return false;
+    done += static_cast<size_t>(count);
+  }
+  return true;
 }
 
 // Reads one frame with the system calls the framing is bound to (an 8-byte header read, then
 // payload reads of at most kFrameReadChunk bytes), without anything else the reader does.
-bool readFrameRaw(int fd, std::vector<char>& frame, bool poll) {
-  if (poll) {
+bool readFrameRaw(int fd, std::vector<char>& frame, bool waitFirst) {
+  if (waitFirst) {
     pollfd entry{fd, POLLIN, 0};
     if (::poll(&entry, 1, 10000) != 1) return false;
   }
@@ -65,6 +54,35 @@ bool readFrameRaw(int fd, std::vector<char>& frame, bool poll) {
     done += static_cast<size_t>(count);
   }
   return true;
+}
+
+using FrameReader = bool (*)(int fd, std::vector<char>& frame, bool waitFirst);
+
+// Round trips of raw frames of the benchmark's size, each end reading with read.
+void rawRoundTrips(benchmark::State& state, FrameReader read) {
+  vl::bench::sandbox();
+  const vl::Data frame = VLPrependDataWithLength(
+      vl::Data(std::vector<uint8_t>(static_cast<size_t>(state.range(0)), 'v')));
+  const size_t size = frame.size();
+  vl::ServerThread server(0, false, [size, read](int fd) {
+    std::vector<char> buffer(size);
+    while (read(fd, buffer, false)) {
+      if (::send(fd, buffer.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size)) break;
+    }
+    ::close(fd);
+  });
+  std::vector<char> reply(size);
+  int fd = VLGetClientForServer("127.0.0.1", server.port(), 1);
+  for (auto _ : state) {
+    if (::send(fd, frame.bytes.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size) ||
+        !read(fd, reply, true)) {
+      state.SkipWithError("echo failed");
+      break;
+    }
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * 2 * static_cast<int64_t>(state.range(0)));
 }
 
 void BM_FramedRoundTrip(benchmark::State& state) {
@@ -86,57 +104,13 @@ void BM_FramedRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_FramedRoundTrip)->Arg(64)->Arg(100000)->UseRealTime();
 
-void BM_RawEchoBaseline(benchmark::State& state) {
-  vl::bench::sandbox();
-  const vl::Data frame = VLPrependDataWithLength(
-      vl::Data(std::vector<uint8_t>(static_cast<size_t>(state.range(0)), 'v')));
-  std::vector<char> reply(frame.size());
-  vl::ServerThread server(0, false, rawEcho(frame.size()));
-  int fd = VLGetClientForServer("127.0.0.1", server.port(), 1);
-  for (auto _ : state) {
-    if (::send(fd, frame.bytes.data(), frame.size(), MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(frame.size()) ||
-        !readAll(fd, reply.data(), reply.size())) {
-      state.SkipWithError("echo failed");
-      break;
-    }
-  }
-  ::close(fd);
-  state.SetItemsProcessed(state.iterations());
-  state.SetBytesProcessed(state.iterations() * 2 * static_cast<int64_t>(state.range(0)));
-}
+void BM_RawEchoBaseline(benchmark::State& state) { rawRoundTrips(state, readWhole); }
 BENCHMARK(BM_RawEchoBaseline)->Arg(64)->Arg(100000)->UseRealTime();
 
 // The raw echo again, but read the way the framing must read (header, chunks, and the client's
 // wait for readability that its time-out needs): what the reads the protocol orders cost, apart
 // from the logging and the rest of the framing layer.
-void BM_RawEchoWithFramingReads(benchmark::State& state) {
-  vl::bench::sandbox();
-  const vl::Data frame = VLPrependDataWithLength(
-      vl::Data(std::vector<uint8_t>(static_cast<size_t>(state.range(0)), 'v')));
-  std::vector<char> reply(frame.size());
-  const size_t frameSize = frame.size();
-  vl::ServerThread server(0, false, [frameSize](int fd) {
-    std::vector<char> buffer(frameSize);
-    while (readFrameRaw(fd, buffer, false)) {
-      if (::send(fd, buffer.data(), frameSize, MSG_NOSIGNAL) != static_cast<ssize_t>(frameSize))
-        break;
-    }
-    ::close(fd);
-  });
-  int fd = VLGetClientForServer("127.0.0.1", server.port(), 1);
-  for (auto _ : state) {
-    if (::send(fd, frame.bytes.data(), frame.size(), MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(frame.size()) ||
-        !readFrameRaw(fd, reply, true)) {
-      state.SkipWithError("echo failed");
-      break;
-    }
-  }
-  ::close(fd);
-  state.SetItemsProcessed(state.iterations());
-  state.SetBytesProcessed(state.iterations() * 2 * static_cast<int64_t>(state.range(0)));
-}
+void BM_RawEchoWithFramingReads(benchmark::State& state) { rawRoundTrips(state, readFrameRaw); }
 BENCHMARK(BM_RawEchoWithFramingReads)->Arg(64)->Arg(100000)->UseRealTime();
 
 }  // namespace
