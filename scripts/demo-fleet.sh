@@ -3,7 +3,8 @@
 # home, serial number, session bus with its own stress service, and bridge on a gateway port of its
 # own. Device A finds its peer through the manager, runs "RemoteEcho" whose "Echo" half runs on
 # device B, and sends the host a command that the manager's king handler answers. Both devices'
-# runs are printed at the end. Everything the demo starts is stopped when it ends, also on failure.
+# runs are printed, then collected into one fleet folder, whose aggregated view is printed and whose
+# HTML report, JUnit file and JSON export are written. Everything the demo starts is stopped when it ends, also on failure.
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -144,4 +145,22 @@ for device in A B; do
   as_device "$device" "$ctl" results show
   echo
 done
+# The host's view of the fleet: each device's run collected into one folder, merged, reported.
+fleet="$work/fleet"
+host=(env HOME="$work/host")
+for device in A B; do
+  echo "== Device $device: vorlundctl fleet collect $fleet"
+  as_device "$device" "$ctl" fleet collect "$fleet"
+done
+echo
+echo "== vorlundctl aggregate $fleet"
+"${host[@]}" "$ctl" aggregate "$fleet"
+echo
+echo "== vorlundctl report $fleet --html fleet-report.html; export --junit fleet-junit.xml --json fleet.json"
+"${host[@]}" "$ctl" report "$fleet" --html "$work/fleet-report.html"
+"${host[@]}" "$ctl" export "$fleet" --junit "$work/fleet-junit.xml" --json "$work/fleet.json"
+echo "HTML report: $work/fleet-report.html"
+echo "JUnit:       $work/fleet-junit.xml"
+echo "JSON:        $work/fleet.json"
+echo
 echo "Logs of the manager, services and bridges: $work"

@@ -121,7 +121,12 @@ nlohmann::json figuresJson(const DeviceFigures& figures) {
 
 FleetSummary summarizeFleet(const Fleet& fleet) {
   FleetSummary summary;
-  for (const DeviceRun& device : fleet.devices) summary.devices.push_back(device.device);
+  // Sorted by name, so a device with two runs is listed once.
+  for (const DeviceRun& device : fleet.devices) {
+    if (summary.devices.empty() || summary.devices.back() != device.device) {
+      summary.devices.push_back(device.device);
+    }
+  }
   if (!fleet.aggregate) return summary;
   VLResults& aggregate = *fleet.aggregate;
   summary.runtime = aggregate.runtime();
@@ -145,11 +150,32 @@ FleetSummary summarizeFleet(const Fleet& fleet) {
     row.type = statistic->type().value_or("");
     row.total = figuresOf(*statistic);
     row.metrics = metricsOf(*statistic);
+    // Two runs of one device count as that device's together: their counts add up and their
+    // metrics are pooled as the aggregate pools runs (a run whose metrics cannot be pooled with
+    // the first's adds its counts only).
+    std::map<std::string, std::shared_ptr<VLTestCaseStatistic>> pooled;
     for (size_t d = 0; d < fleet.devices.size(); ++d) {
-      if (auto own = statisticAt(deviceStatistics[d], key)) {
-        row.perDevice[fleet.devices[d].device] = figuresOf(*own);
+      std::shared_ptr<VLTestCaseStatistic> own = statisticAt(deviceStatistics[d], key);
+      if (!own) continue;
+      const std::string& device = fleet.devices[d].device;
+      DeviceFigures more = figuresOf(*own);
+      auto [held, first] = row.perDevice.emplace(device, more);
+      if (first) {
+        pooled[device] = std::make_shared<VLTestCaseStatistic>(*own);
+        continue;
       }
+      DeviceFigures& figures = held->second;
+      figures.instances += more.instances;
+      figures.failures += more.failures;
+      figures.failureRate = figures.instances ? static_cast<double>(figures.failures) /
+                                                    static_cast<double>(figures.instances)
+                                              : 0.0;
+      for (const auto& [bucket, count] : more.failuresByBucket) {
+        figures.failuresByBucket[bucket] += count;
+      }
+      pooled[device]->mergeWithStatistic(*own);
     }
+    for (auto& [device, figures] : row.perDevice) figures.metrics = metricsOf(*pooled[device]);
     summary.testCases.push_back(std::move(row));
   }
   std::sort(summary.testCases.begin(), summary.testCases.end(),

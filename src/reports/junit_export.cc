@@ -65,7 +65,7 @@ std::string suiteXml(const std::string& device, double runtime, const FleetSumma
     if (figures == row.perDevice.end()) continue;
     ++own.tests;
     if (figures->second.failures > 0) ++own.failures;
-    for (const MetricSummary& metric : row.metrics) {
+    for (const MetricSummary& metric : figures->second.metrics) {
       const std::pair<const char*, double> pooled[] = {{"Mean", metric.mean},
                                                        {"StdDeviation", metric.deviation},
                                                        {"Min", metric.minimum},

@@ -31,7 +31,8 @@ std::shared_ptr<VLTestCaseResult> average(double throughput) {
 
 // Runs one device's stress run in its own sandbox, two hours long, and copies its results file and
 // timeline into folder. Returns the results file's copy.
-std::string runDevice(const DevicePlan& plan, const fs::path& folder) {
+std::string runDevice(const DevicePlan& plan, const fs::path& folder,
+                      const std::string& prefix = "") {
   test::RunSandbox sandbox(
       {{"StressType", "wifi"}, {"StressSubtype", "Default"}, {"SerialNumber", plan.serial}});
   std::shared_ptr<VLResults> run = sandbox.results();
@@ -45,9 +46,11 @@ std::string runDevice(const DevicePlan& plan, const fs::path& folder) {
   }
   run->setRuntime(7200);
   fs::create_directories(folder);
-  std::string resultsFile = (folder / fs::path(run->getResultsFilePath()).filename()).string();
+  std::string resultsFile =
+      (folder / (prefix + fs::path(run->getResultsFilePath()).filename().string())).string();
   EXPECT_TRUE(run->saveToFile(resultsFile));
-  fs::copy_file(run->timelinePath(), folder / fs::path(run->timelinePath()).filename());
+  fs::copy_file(run->timelinePath(),
+                folder / (prefix + fs::path(run->timelinePath()).filename().string()));
   return resultsFile;
 }
 
@@ -113,6 +116,27 @@ TEST_F(FleetTest, AFolderOfThreeRunsMergesIntoRealQualityFigures) {
   EXPECT_NE(text.find("3 x Crash wpa_supplicant: wpa_supplicant crashed (FLEET-A 2, FLEET-B 1)"),
             std::string::npos)
       << text;
+}
+
+TEST_F(FleetTest, TwoRunsOfOneDeviceCountAsThatDevicesTogether) {
+  runDevice({"FLEET-B", 8, 2, 40.0, 0}, folder(), "second-");
+  std::optional<Fleet> fleet = loadFleet(folder().string());
+  ASSERT_TRUE(fleet);
+  ASSERT_EQ(fleet->devices.size(), 4u);
+  EXPECT_NE(fleet->devices[1].timelinePath, fleet->devices[2].timelinePath);
+  FleetSummary summary = summarizeFleet(*fleet);
+  EXPECT_EQ(summary.devices, (std::vector<std::string>{"FLEET-A", "FLEET-B", "FLEET-C"}));
+  const DeviceFigures& pingOfB = summary.testCases[1].perDevice.at("FLEET-B");
+  EXPECT_EQ(pingOfB.instances, 20u);
+  EXPECT_EQ(pingOfB.failures, 6u);
+  EXPECT_NEAR(pingOfB.failureRate, 0.3, 1e-9);
+  EXPECT_EQ(pingOfB.failuresByBucket.at("timeout"), 6u);
+  // B's own metrics, pooled over its two runs: 30, 32, 40 and 42.
+  const DeviceFigures& downloadOfB = summary.testCases[0].perDevice.at("FLEET-B");
+  ASSERT_EQ(downloadOfB.metrics.size(), 1u);
+  EXPECT_NEAR(downloadOfB.metrics[0].mean, 36.0, 1e-9);
+  EXPECT_EQ(downloadOfB.metrics[0].minimum, 30.0);
+  EXPECT_EQ(downloadOfB.metrics[0].maximum, 42.0);
 }
 
 TEST_F(FleetTest, OneRunFileIsAFleetOfOneWithItsTimeline) {

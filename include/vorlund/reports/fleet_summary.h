@@ -30,6 +30,9 @@ struct DeviceFigures {
   double failureRate = 0;
   // Failed instances per failure bucket (reason).
   std::map<std::string, uint64_t> failuresByBucket;
+  // "Average" test cases: the metrics of this device's passing instances (of all devices' in
+  // TestCaseSummary::total).
+  std::vector<MetricSummary> metrics;
 };
 
 struct TestCaseSummary {
