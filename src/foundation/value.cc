@@ -7,6 +7,7 @@
 #include <cmath>
 #include <ctime>
 #include <limits>
+#include <utility>
 
 #include "vorlund/foundation/format.h"
 
@@ -40,11 +41,20 @@ std::string quotedIfNeeded(const std::string& s) {
   std::string out = "\"";
   for (char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      default: out += c;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        out += c;
     }
   }
   return out + "\"";
@@ -86,8 +96,8 @@ double Number::doubleValue() const {
 }
 
 int Number::compare(const Number& other) const {
-  bool exact = !std::holds_alternative<double>(storage_) &&
-               !std::holds_alternative<double>(other.storage_);
+  bool exact =
+      !std::holds_alternative<double>(storage_) && !std::holds_alternative<double>(other.storage_);
   if (exact) {
     // Signed against unsigned: a negative signed value is the smaller one.
     auto* ua = std::get_if<uint64_t>(&storage_);
@@ -124,8 +134,9 @@ std::string Number::description() const {
     if (std::isnan(*d)) return "nan";
     if (std::isinf(*d)) return *d > 0 ? "inf" : "-inf";
     char buffer[64];
-    auto result = type_ == 'f' ? std::to_chars(buffer, buffer + sizeof buffer, static_cast<float>(*d))
-                               : std::to_chars(buffer, buffer + sizeof buffer, *d);
+    auto result = type_ == 'f'
+                      ? std::to_chars(buffer, buffer + sizeof buffer, static_cast<float>(*d))
+                      : std::to_chars(buffer, buffer + sizeof buffer, *d);
     return std::string(buffer, result.ptr);
   }
   if (auto* u = std::get_if<uint64_t>(&storage_)) return std::to_string(*u);
@@ -217,14 +228,28 @@ Dictionary::Dictionary(std::initializer_list<std::pair<std::string, Value>> entr
 
 bool Dictionary::contains(std::string_view key) const { return find(key) != nullptr; }
 
+namespace {
+
+// Most dictionaries (a result's keys, a metric's four figures) are small: they are searched in
+// order, which costs less than hashing and allocates nothing. The hash index is built once a
+// dictionary grows past this many keys and kept from then on.
+constexpr size_t kDictionaryIndexThreshold = 16;
+
+}  // namespace
+
 const Value* Dictionary::find(std::string_view key) const {
+  if (index_.empty()) {
+    for (size_t i = 0; i < keys_.size(); ++i) {
+      if (keys_[i] == key) return &values_[i];
+    }
+    return nullptr;
+  }
   auto it = index_.find(std::string(key));
   return it == index_.end() ? nullptr : &values_[it->second];
 }
 
 Value* Dictionary::find(std::string_view key) {
-  auto it = index_.find(std::string(key));
-  return it == index_.end() ? nullptr : &values_[it->second];
+  return const_cast<Value*>(std::as_const(*this).find(key));
 }
 
 const Value& Dictionary::get(std::string_view key) const {
@@ -237,21 +262,29 @@ void Dictionary::set(std::string key, Value value) {
     *existing = std::move(value);
     return;
   }
-  index_.emplace(key, keys_.size());
+  if (!index_.empty()) {
+    index_.emplace(key, keys_.size());
+  } else if (keys_.size() + 1 > kDictionaryIndexThreshold) {
+    for (size_t i = 0; i < keys_.size(); ++i) index_.emplace(keys_[i], i);
+    index_.emplace(key, keys_.size());
+  }
   keys_.push_back(std::move(key));
   values_.push_back(std::move(value));
 }
 
 bool Dictionary::erase(std::string_view key) {
-  auto it = index_.find(std::string(key));
-  if (it == index_.end()) return false;
-  size_t position = it->second;
-  index_.erase(it);
+  const Value* found = find(key);
+  if (!found) return false;
+  const size_t position = static_cast<size_t>(found - values_.data());
+  // key may view the stored key itself, so the index lets go of it before the key goes.
+  if (!index_.empty()) {
+    index_.erase(std::string(key));
+    for (auto& [k, i] : index_) {
+      if (i > position) --i;
+    }
+  }
   keys_.erase(keys_.begin() + static_cast<std::ptrdiff_t>(position));
   values_.erase(values_.begin() + static_cast<std::ptrdiff_t>(position));
-  for (auto& [k, i] : index_) {
-    if (i > position) --i;
-  }
   return true;
 }
 
@@ -307,14 +340,22 @@ bool Value::boolOr(bool fallback) const {
 bool Value::operator==(const Value& other) const {
   if (kind() != other.kind()) return false;
   switch (kind()) {
-    case ValueKind::None: return true;
-    case ValueKind::Number: return *asNumber() == *other.asNumber();
-    case ValueKind::String: return *asString() == *other.asString();
-    case ValueKind::Date: return *asDate() == *other.asDate();
-    case ValueKind::Data: return *asData() == *other.asData();
-    case ValueKind::Uuid: return *asUuid() == *other.asUuid();
-    case ValueKind::Array: return *asArray() == *other.asArray();
-    case ValueKind::Dictionary: return *asDictionary() == *other.asDictionary();
+    case ValueKind::None:
+      return true;
+    case ValueKind::Number:
+      return *asNumber() == *other.asNumber();
+    case ValueKind::String:
+      return *asString() == *other.asString();
+    case ValueKind::Date:
+      return *asDate() == *other.asDate();
+    case ValueKind::Data:
+      return *asData() == *other.asData();
+    case ValueKind::Uuid:
+      return *asUuid() == *other.asUuid();
+    case ValueKind::Array:
+      return *asArray() == *other.asArray();
+    case ValueKind::Dictionary:
+      return *asDictionary() == *other.asDictionary();
     case ValueKind::Record: {
       const RecordPtr& a = *asRecord();
       const RecordPtr& b = *other.asRecord();
@@ -328,15 +369,24 @@ std::string Value::description() const { return describe(*this, 0); }
 
 std::string Value::className() const {
   switch (kind()) {
-    case ValueKind::None: return "NSNull";
-    case ValueKind::Number: return "NSNumber";
-    case ValueKind::String: return "NSString";
-    case ValueKind::Date: return "NSDate";
-    case ValueKind::Data: return "NSData";
-    case ValueKind::Uuid: return "NSUUID";
-    case ValueKind::Array: return "NSArray";
-    case ValueKind::Dictionary: return "NSDictionary";
-    case ValueKind::Record: return (*asRecord())->className();
+    case ValueKind::None:
+      return "NSNull";
+    case ValueKind::Number:
+      return "NSNumber";
+    case ValueKind::String:
+      return "NSString";
+    case ValueKind::Date:
+      return "NSDate";
+    case ValueKind::Data:
+      return "NSData";
+    case ValueKind::Uuid:
+      return "NSUUID";
+    case ValueKind::Array:
+      return "NSArray";
+    case ValueKind::Dictionary:
+      return "NSDictionary";
+    case ValueKind::Record:
+      return (*asRecord())->className();
   }
   return "";
 }
@@ -353,13 +403,20 @@ std::string describeElement(const Value& v, int indent) {
 
 std::string describe(const Value& v, int indent) {
   switch (v.kind()) {
-    case ValueKind::None: return "(null)";
-    case ValueKind::Number: return v.asNumber()->description();
-    case ValueKind::String: return *v.asString();
-    case ValueKind::Date: return v.asDate()->description();
-    case ValueKind::Data: return v.asData()->description();
-    case ValueKind::Uuid: return v.asUuid()->string();
-    case ValueKind::Record: return (*v.asRecord())->description();
+    case ValueKind::None:
+      return "(null)";
+    case ValueKind::Number:
+      return v.asNumber()->description();
+    case ValueKind::String:
+      return *v.asString();
+    case ValueKind::Date:
+      return v.asDate()->description();
+    case ValueKind::Data:
+      return v.asData()->description();
+    case ValueKind::Uuid:
+      return v.asUuid()->string();
+    case ValueKind::Record:
+      return (*v.asRecord())->description();
     case ValueKind::Array: {
       const Array& a = *v.asArray();
       std::string out = "(\n";

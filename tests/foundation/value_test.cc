@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "vorlund/foundation/error.h"
@@ -39,6 +40,47 @@ TEST(ValueTest, DescriptionsAreTheTextPropertyListForm) {
             "        \"b c\"\n    );\n    Empty = {\n    };\n}");
   EXPECT_EQ((Error{"D", 7, {}}).localizedDescription(),
             "The operation couldn't be completed. (D error 7.)");
+}
+
+// A dictionary searched in order while small and through its index once grown keeps the same
+// contents, order and lookups as a plain model across sets, replacements and erasures, on both
+// sides of the size where the index is built.
+TEST(DictionaryTest, LookupsOrderAndErasureAgreeWithAModelAtEverySize) {
+  Dictionary dictionary;
+  std::vector<std::pair<std::string, int64_t>> model;
+  auto check = [&] {
+    ASSERT_EQ(dictionary.size(), model.size());
+    for (size_t i = 0; i < model.size(); ++i) {
+      EXPECT_EQ(dictionary.keys()[i], model[i].first);
+      const Value* found = dictionary.find(model[i].first);
+      ASSERT_NE(found, nullptr) << model[i].first;
+      EXPECT_EQ(found->int64Or(-1), model[i].second);
+    }
+    EXPECT_EQ(dictionary.find("absent"), nullptr);
+  };
+  for (int64_t round = 0; round < 3; ++round) {
+    for (int64_t i = 0; i < 40; ++i) {
+      std::string key = "k" + std::to_string(i % 25);
+      dictionary.set(key, Value(i + round * 100));
+      auto at = std::find_if(model.begin(), model.end(), [&](auto& e) { return e.first == key; });
+      if (at == model.end()) {
+        model.emplace_back(key, i + round * 100);
+      } else {
+        at->second = i + round * 100;
+      }
+      check();
+    }
+    // Erasing through a view of the stored key itself, from the front, middle and back.
+    for (int end = 0; end < 3; ++end) {
+      const size_t position = end == 0 ? 0 : end == 1 ? model.size() / 2 : model.size() - 1;
+      EXPECT_TRUE(dictionary.erase(dictionary.keys()[position]));
+      model.erase(model.begin() + static_cast<std::ptrdiff_t>(position));
+      check();
+    }
+    EXPECT_FALSE(dictionary.erase("absent"));
+  }
+  Dictionary copy = dictionary;
+  EXPECT_EQ(copy, dictionary);
 }
 
 TEST(FormatTest, PrintfConversionsObjectPlaceholdersAndMismatchedArguments) {

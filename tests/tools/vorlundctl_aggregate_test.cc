@@ -207,9 +207,14 @@ TEST(VorlundctlAggregateTest, WatchPrintsAgainForEveryNewDeviceUntilSigterm) {
   run.set("Hardware Info", Value(hardware));
   ASSERT_TRUE(plist::writeFile(Value(run), sandbox.path("fourth.plist")));
   fs::rename(sandbox.path("fourth.plist"), fleet + "/Plists/VorlundResults_wifi_FLEET0004.plist");
-  auto line = watcher.nextLine();
-  ASSERT_TRUE(line);
-  nlohmann::json json = nlohmann::json::parse(*line);
+  // Refreshes for the first three may still be queued (each file can end more than one write),
+  // so the summaries are read until the fourth device shows.
+  nlohmann::json json;
+  while (json["devices"].size() < 4) {
+    auto line = watcher.nextLine();
+    ASSERT_TRUE(line) << "no summary of four devices";
+    json = nlohmann::json::parse(*line);
+  }
   EXPECT_EQ(json["devices"], nlohmann::json({"FLEET0001", "FLEET0002", "FLEET0003", "FLEET0004"}));
   EXPECT_EQ(json["mergedResults"], 4);
 
