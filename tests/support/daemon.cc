@@ -2,9 +2,13 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -87,11 +91,29 @@ std::vector<std::string> PrivateBus::commandFor(const std::string& dir,
   return {"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + dir + "/bus.conf"};
 }
 
+namespace {
+
+bool acceptsConnections(const std::string& socketPath) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (socketPath.size() >= sizeof(address.sun_path)) return false;
+  std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  ::close(fd);
+  return connected;
+}
+
+}  // namespace
+
 PrivateBus::PrivateBus(const std::string& dir, const std::string& serviceDir)
     : daemon_(commandFor(dir, serviceDir)),
       address_("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir + "/bus-socket") {
+  // The socket file appears before the bus listens on it: the bus has started once a client can
+  // connect, not once the file is there.
   for (int i = 0; daemon_.started() && i < 800; ++i) {
-    if (fileExists(dir + "/bus-socket")) {
+    if (acceptsConnections(dir + "/bus-socket")) {
       started_ = true;
       break;
     }
