@@ -73,8 +73,8 @@ std::optional<Regex> Regex::compile(std::string_view pattern, RegexOptions optio
   auto compiled = std::make_shared<Code>();
   compiled->code = code;
   compiled->pattern = std::string(pattern);
-  // JIT is an optimisation only: where it is unavailable the interpreter runs the same pattern.
-  pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
+  // No JIT: JIT-compiled code does not honour the match limit for every pattern (nested empty
+  // alternatives ran for minutes), and patterns come from outside. The interpreter stops at it.
 
   uint32_t captures = 0;
   pcre2_pattern_info(code, PCRE2_INFO_CAPTURECOUNT, &captures);
@@ -97,12 +97,31 @@ const std::string& Regex::pattern() const { return code_->pattern; }
 
 size_t Regex::captureCount() const { return code_->captureCount; }
 
+namespace {
+
+// Patterns come from outside (a process name put into a line pattern, a preference), and some
+// backtrack without end: nested empty alternatives take exponential time on a long subject. Every
+// match is therefore bounded; one that reaches the bound is no match. Real patterns of the system
+// stay far below it.
+constexpr uint32_t kMatchLimit = 1'000'000;
+
+pcre2_match_context* boundedMatchContext() {
+  static pcre2_match_context* context = [] {
+    pcre2_match_context* made = pcre2_match_context_create(nullptr);
+    if (made) pcre2_set_match_limit(made, kMatchLimit);
+    return made;
+  }();
+  return context;
+}
+
+}  // namespace
+
 std::optional<RegexMatch> Regex::matchAt(std::string_view subject, size_t start,
                                          uint32_t options) const {
   MatchData data(pcre2_match_data_create_from_pattern(code_->code, nullptr));
   if (!data) return std::nullopt;
   const int rc = pcre2_match(code_->code, reinterpret_cast<PCRE2_SPTR>(subject.data()),
-                             subject.size(), start, options, data.get(), nullptr);
+                             subject.size(), start, options, data.get(), boundedMatchContext());
   if (rc < 0) return std::nullopt;
   const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(data.get());
   const uint32_t pairs = pcre2_get_ovector_count(data.get());
@@ -167,8 +186,8 @@ std::optional<std::string> Regex::replaceAll(std::string_view subject, std::stri
     PCRE2_SIZE length = out.size();
     const int rc = pcre2_substitute(
         code_->code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), 0, options,
-        nullptr, nullptr, reinterpret_cast<PCRE2_SPTR>(replacement.data()), replacement.size(),
-        reinterpret_cast<PCRE2_UCHAR*>(out.data()), &length);
+        nullptr, boundedMatchContext(), reinterpret_cast<PCRE2_SPTR>(replacement.data()),
+        replacement.size(), reinterpret_cast<PCRE2_UCHAR*>(out.data()), &length);
     if (rc >= 0) {
       out.resize(length);
       return out;

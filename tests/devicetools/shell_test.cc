@@ -294,6 +294,15 @@ TEST(ProcessTable, MemoryFromTheMemoryTable) {
                               0),
             0u)
       << bad.message;
+  // A name that backtracks without end (recorded by the fuzzer: nested empty alternatives) finds
+  // nothing instead of holding the caller.
+  std::string name = test::readFile(std::string(VORLUND_TESTDATA_DIR) +
+                                    "/fuzz-findings/memory_table_name_backtracking.txt");
+  std::string matched;
+  EXPECT_FALSE(vl::memoryFromMemoryTable("", name, &matched, nullptr));
+  EXPECT_FALSE(vl::memoryFromMemoryTable(
+      test::readFile(std::string(VORLUND_TESTDATA_DIR) + "/memory-table/culler_rank_locationd.txt"),
+      name, &matched, nullptr));
 }
 
 // Runs body on a thread of its own and waits for it at most seconds. A body still running then is

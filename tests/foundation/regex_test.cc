@@ -73,6 +73,21 @@ TEST(RegexTest, WholeAnywhereAndOptions) {
             (std::vector<std::string>{"1", "2"}));
 }
 
+// Patterns from outside may backtrack without end; each use gives up at the match limit instead
+// of holding its caller (the fuzzer's recorded pattern of nested empty alternatives included).
+TEST(RegexTest, APatternThatBacktracksWithoutEndMatchesNothing) {
+  const std::string subject = std::string(40, 'a') + "!";
+  for (const char* pattern : {"(a+)+$", "(a|aa)+$", "((a*)*|b)+$"}) {
+    std::optional<Regex> regex = Regex::compile(pattern);
+    ASSERT_TRUE(regex) << pattern;
+    EXPECT_FALSE(regex->matches(subject)) << pattern;
+    EXPECT_FALSE(regex->wholeMatch(subject)) << pattern;
+    EXPECT_TRUE(regex->findAll(subject).empty()) << pattern;
+    Error error;
+    EXPECT_FALSE(regex->replaceAll(subject, "x", &error)) << pattern;
+  }
+}
+
 TEST(RegexTest, ReplaceAll) {
   auto date = Regex::compile("(?<d>\\d{2})/(\\d{2})");
   EXPECT_EQ(date->replaceAll("on 24/05 and 01/12", "$2-${d}"), "on 05-24 and 12-01");

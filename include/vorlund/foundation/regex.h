@@ -1,6 +1,9 @@
 // Regular expressions (PCRE2, UTF-8 mode), for the tools that pick files and lines by pattern.
 // A compiled Regex is immutable and may be used from several threads at once; copies share the
-// compiled code. Subjects need not be valid UTF-8: invalid sequences simply never match.
+// compiled code. Subjects need not be valid UTF-8: invalid sequences simply never match. Every
+// match is bounded (PCRE2's match limit, one million steps): a pattern that backtracks without end
+// on a subject, such as "(a+)+$" on a long run of a's followed by another letter, does not match
+// it rather than holding the caller for ever (replaceAll then fails with PCRE2's error).
 #pragma once
 
 #include <cstddef>
@@ -53,8 +56,8 @@ class RegexMatch {
 
 class Regex {
  public:
-  // Compiles a pattern (JIT-compiled when the platform allows). None, with error (the PCRE2 message
-  // and the offset of the fault), when the pattern is invalid.
+  // Compiles a pattern (for the interpreter, which honours the match limit). None, with error (the
+  // PCRE2 message and the offset of the fault), when the pattern is invalid.
   static std::optional<Regex> compile(std::string_view pattern, RegexOptions options = {},
                                       Error* error = nullptr);
 
