@@ -2,6 +2,7 @@
 // test over the project's framing: hellos and tokens, characteristics and their time-outs, the
 // finds, test cases routed between devices, host requests, the status and garbage on the wire.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -12,8 +13,6 @@
 #include <functional>
 #include <regex>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "support/child_process.h"
 #include "support/test_support.h"
@@ -242,9 +241,15 @@ TEST_F(ManagerTest, HelloNeedsTheTokenAndANewHelloReplacesTheOldConnection) {
   }
 
   Bridge first(manager.port());
-  first.sendMessage({{"MessageType", "BridgeHello"}, {"RequestingDevice", "D"}, {"Token", "secret"}});
+  first.sendMessage(
+      {{"MessageType", "BridgeHello"}, {"RequestingDevice", "D"}, {"Token", "secret"}});
+  // Each connection has a reader of its own: the first hello must be taken before the second is
+  // sent, or the second could be taken first and then be the one replaced.
+  ASSERT_TRUE(eventually([&] { return manager.log().find("Connected: D ") != std::string::npos; }))
+      << manager.log();
   Bridge second(manager.port());
-  second.sendMessage({{"MessageType", "BridgeHello"}, {"RequestingDevice", "D"}, {"Token", "secret"}});
+  second.sendMessage(
+      {{"MessageType", "BridgeHello"}, {"RequestingDevice", "D"}, {"Token", "secret"}});
   EXPECT_TRUE(first.closedByManager());
   std::string log = manager.log();
   EXPECT_NE(log.find("Refused B ("), std::string::npos) << log;
@@ -314,10 +319,10 @@ TEST_F(ManagerTest, CharacteristicsAttributesTimeOutsAndFinds) {
   EXPECT_EQ(c.command({{"FindDevices", Dictionary{{"characteristics", "old"}}}}), serials({}));
 
   // The status shows when "bt" expires; then it does.
-  std::optional<Value> devices = json::parse(
-      test::runChild({VORLUND_MANAGER_PATH, "--status", "--manager",
-                      "127.0.0.1:" + std::to_string(manager.port())})
-          .out);
+  std::optional<Value> devices =
+      json::parse(test::runChild({VORLUND_MANAGER_PATH, "--status", "--manager",
+                                  "127.0.0.1:" + std::to_string(manager.port())})
+                      .out);
   ASSERT_TRUE(devices && devices->asArray() && devices->asArray()->size() == 3);
   const Dictionary& deviceC = *(*devices->asArray())[2].asDictionary();
   EXPECT_EQ(deviceC.get("SerialNumber"), Value("C"));
@@ -340,9 +345,9 @@ TEST_F(ManagerTest, RunTestCaseGoesToAnotherDeviceAndItsResultComesBack) {
 
   // Both have "echo": the device other than the requester runs it.
   const std::string commandUUID = Uuid::randomString();
-  Dictionary runCommand{{"RunTestCase", Dictionary{{"Name", "Echo"},
-                                                   {"Options", Dictionary{{"count", 3}}}}},
-                        {"characteristics", "echo"}};
+  Dictionary runCommand{
+      {"RunTestCase", Dictionary{{"Name", "Echo"}, {"Options", Dictionary{{"count", 3}}}}},
+      {"characteristics", "echo"}};
   a.sendMessage({{"MessageType", "ManagerCommandRequest"},
                  {"UUID", commandUUID},
                  {"RequestingDevice", "A"},
@@ -352,13 +357,15 @@ TEST_F(ManagerTest, RunTestCaseGoesToAnotherDeviceAndItsResultComesBack) {
   ASSERT_TRUE(request);
   EXPECT_EQ(request->get("MessageType"), Value("TestCaseRequest"));
   EXPECT_EQ(request->get("RequestingDevice"), Value("A"));
-  auto testCase = VLConvertDataToObject(*request->get("TestCase").asData()).record<VLTestCaseObject>();
+  auto testCase =
+      VLConvertDataToObject(*request->get("TestCase").asData()).record<VLTestCaseObject>();
   ASSERT_TRUE(testCase);
   EXPECT_EQ(testCase->name(), "Echo");
   EXPECT_EQ(testCase->options(), (Dictionary{{"count", 3}}));
   auto result = VLTestCaseResult::withName("Echo");
   result->pass();
-  b->sendMessage({{"UUID", request->get("UUID")}, {"Result", *VLConvertObjectToData(Value(result))}});
+  b->sendMessage(
+      {{"UUID", request->get("UUID")}, {"Result", *VLConvertObjectToData(Value(result))}});
   std::optional<Dictionary> answer = a.receive();
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->get("MessageType"), Value("ManagerCommandResult"));
@@ -374,7 +381,8 @@ TEST_F(ManagerTest, RunTestCaseGoesToAnotherDeviceAndItsResultComesBack) {
   // Only the requester has "solo": it runs there. Nobody has "none": an error.
   Dictionary solo = runCommand;
   solo.set("characteristics", "solo");
-  a.sendMessage({{"MessageType", "ManagerCommandRequest"}, {"UUID", "SOLO"},
+  a.sendMessage({{"MessageType", "ManagerCommandRequest"},
+                 {"UUID", "SOLO"},
                  {"command", *json::serialize(solo, true)}});
   std::optional<Dictionary> toItself = a.receive();
   ASSERT_TRUE(toItself);
@@ -406,8 +414,9 @@ TEST_F(ManagerTest, TestCaseRequestsGoToTheDeviceTheyNameAndRepliesComeBack) {
   std::optional<Dictionary> forwarded = b.receive();
   ASSERT_TRUE(forwarded);
   EXPECT_EQ(*forwarded, request);
-  const Dictionary reply{{"UUID", "REQ-1"},
-                         {"Result", *VLConvertObjectToData(Value(VLTestCaseResult::withName("Ping")))}};
+  const Dictionary reply{
+      {"UUID", "REQ-1"},
+      {"Result", *VLConvertObjectToData(Value(VLTestCaseResult::withName("Ping")))}};
   b.sendMessage(reply);
   std::optional<Dictionary> relayed = a.receive();
   ASSERT_TRUE(relayed);
@@ -432,15 +441,21 @@ TEST_F(ManagerTest, TestCaseRequestsGoToTheDeviceTheyNameAndRepliesComeBack) {
 std::string writeKingHandler(const test::TempDir& tempDir) {
   const std::string dir = tempDir.path();
   const std::string path = tempDir.file("king.sh");
-  test::writeFile(path, "#!/bin/sh\n"
-         "input=$(cat)\n"
-         "printf '%s' \"$input\" > " + dir + "/king-input.json\n"
-         "case \"$input\" in\n"
-         "  *'\"command\": \"ok\"'*) exit 0 ;;\n"
-         "  *'\"command\": \"fail\"'*) printf '  the lab door is locked\\n\\n' >&2; exit 3 ;;\n"
-         "  *'\"command\": \"silent\"'*) exit 4 ;;\n"
-         "  *) echo $$ > " + dir + "/king.pid; exec sleep 30 ;;\n"
-         "esac\n");
+  test::writeFile(
+      path,
+      "#!/bin/sh\n"
+      "input=$(cat)\n"
+      "printf '%s' \"$input\" > " +
+          dir +
+          "/king-input.json\n"
+          "case \"$input\" in\n"
+          "  *'\"command\": \"ok\"'*) exit 0 ;;\n"
+          "  *'\"command\": \"fail\"'*) printf '  the lab door is locked\\n\\n' >&2; exit 3 ;;\n"
+          "  *'\"command\": \"silent\"'*) exit 4 ;;\n"
+          "  *) echo $$ > " +
+          dir +
+          "/king.pid; exec sleep 30 ;;\n"
+          "esac\n");
   chmod(path.c_str(), 0755);
   return path;
 }
@@ -485,7 +500,8 @@ TEST_F(ManagerTest, HostRequestsRunTheKingHandler) {
   }
   std::optional<Value> input = json::parse(test::readFile(dir_.file("king-input.json")));
   ASSERT_TRUE(input && input->asDictionary());
-  EXPECT_EQ(*input, Value(Dictionary{{"request", 7}, {"command", "silent"}, {"RequestingDevice", "A"}}));
+  EXPECT_EQ(*input,
+            Value(Dictionary{{"request", 7}, {"command", "silent"}, {"RequestingDevice", "A"}}));
 
   // A hanging handler holds up nothing else, and is killed at its deadline.
   ask(a, "hang", Dictionary{{"wait", true}});
@@ -508,8 +524,11 @@ TEST_F(ManagerTest, StoppingEndsARunningKingHandler) {
   ManagerProcess manager(dir_, {"--king-handler", handler});
   ASSERT_GT(manager.port(), 0) << manager.log();
   Bridge a(manager.port(), "A");
-  a.sendMessage({{"UUID", "hang"}, {"request", 1}, {"command", "hang"},
-                 {"destination", "service"}, {"identifier", "com.brindle.Vorlund.king"}});
+  a.sendMessage({{"UUID", "hang"},
+                 {"request", 1},
+                 {"command", "hang"},
+                 {"destination", "service"},
+                 {"identifier", "com.brindle.Vorlund.king"}});
   std::string pidFile = dir_.file("king.pid");
   ASSERT_TRUE(eventually([&] {
     return test::fileExists(pidFile) && test::readFile(pidFile).find('\n') != std::string::npos;
@@ -526,17 +545,18 @@ TEST_F(ManagerTest, StatusPrintsTheDevicesOrSaysNoManagerAnswers) {
   Bridge a(manager.port(), "A");
   a.command({{"SetCharacteristics", Array{"wifi"}}, {"ts", 1.0}});
   a.command({{"SetAttribute", Dictionary{{"name", "rack"}, {"value", "r2"}}}});
-  test::ChildResult status = test::runChild(
-      {VORLUND_MANAGER_PATH, "--status", "--manager", "localhost:" + std::to_string(manager.port())});
+  test::ChildResult status = test::runChild({VORLUND_MANAGER_PATH, "--status", "--manager",
+                                             "localhost:" + std::to_string(manager.port())});
   ASSERT_EQ(status.exitStatus, 0) << status.err;
-  EXPECT_EQ(status.out, json::displayString(Array{Dictionary{
-                            {"SerialNumber", "A"},
-                            {"UDID", "UDID-A"},
-                            {"Hostname", "host-A"},
-                            {"Connected", true},
-                            {"Characteristics", Array{Dictionary{{"Name", "wifi"}}}},
-                            {"Attributes", Dictionary{{"rack", "r2"}}}}}) +
-                            "\n");
+  EXPECT_EQ(
+      status.out,
+      json::displayString(Array{Dictionary{{"SerialNumber", "A"},
+                                           {"UDID", "UDID-A"},
+                                           {"Hostname", "host-A"},
+                                           {"Connected", true},
+                                           {"Characteristics", Array{Dictionary{{"Name", "wifi"}}}},
+                                           {"Attributes", Dictionary{{"rack", "r2"}}}}}) +
+          "\n");
 
   const std::string address = "127.0.0.1:" + std::to_string(manager.port());
   EXPECT_EQ(manager.stop(SIGINT), 0);
