@@ -161,8 +161,12 @@ std::optional<Fleet> loadFolder(const fs::path& folder, Error* error) {
 std::string timelineSerialNumber(const std::string& timelinePath) {
   sqlite::Database database(timelinePath);
   if (!database.open(sqlite::kOpenReadOnly)) return "";
+  return timelineSerialNumber(database);
+}
+
+std::string timelineSerialNumber(sqlite::Database& timeline) {
   std::optional<sqlite::ResultSet> rows =
-      database.executeQuery("SELECT value FROM Config WHERE key='SerialNumber'");
+      timeline.executeQuery("SELECT value FROM Config WHERE key='SerialNumber'");
   if (!rows || !rows->next()) return "";
   return rows->stringForColumn("value");
 }

@@ -12,6 +12,7 @@
 #include "reports/export_values.h"
 #include "vorlund/foundation/paths.h"
 #include "vorlund/foundation/time_scale.h"
+#include "vorlund/reports/fleet.h"
 #include "vorlund/results/sqlite/database.h"
 
 namespace vl {
@@ -30,12 +31,8 @@ struct DeviceQuery {
 };
 
 std::string deviceName(sqlite::Database& db, const std::string& path) {
-  if (auto rows = db.executeQuery("SELECT value FROM Config WHERE key='SerialNumber'")) {
-    if (rows->next()) {
-      std::string serial = rows->stringForColumn(0);
-      if (!serial.empty()) return serial;
-    }
-  }
+  std::string serial = timelineSerialNumber(db);
+  if (!serial.empty()) return serial;
   std::string name = paths::lastComponent(path);
   return name.ends_with(".db") ? name.substr(0, name.size() - 3) : name;
 }

@@ -13,6 +13,10 @@
 #include "vorlund/results/config_result.h"
 #include "vorlund/results/results.h"
 
+namespace vl::sqlite {
+class Database;
+}
+
 namespace vl {
 
 // One device's run.
@@ -63,5 +67,7 @@ inline std::optional<Fleet> fleetOfConfigResult(const VLConfigResult& configResu
 // The Config table's "SerialNumber" of a timeline database opened read-only; empty when the file
 // cannot be opened or has none.
 std::string timelineSerialNumber(const std::string& timelinePath);
+// The same of a timeline the caller has open.
+std::string timelineSerialNumber(sqlite::Database& timeline);
 
 }  // namespace vl
